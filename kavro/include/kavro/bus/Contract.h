@@ -1,0 +1,31 @@
+// How every kavro service is reached on the bus, and how statuses travel as D-Bus errors.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "kavro/core.h"
+
+namespace kavro {
+namespace bus {
+
+constexpr const char* kStatusErrorName = "kavro.Error.Status";
+constexpr const char* kFailedErrorName = "kavro.Error.Failed";
+constexpr auto kCallTimeoutUsec = 5'000'000ULL;
+
+std::string busName(const std::string& service);     // kavro.<service>
+std::string objectPath(const std::string& service);  // /kavro/<service>
+
+// The system bus as sd-bus finds it; DBUS_SYSTEM_BUS_ADDRESS points it elsewhere.
+std::unique_ptr<sdbus::IConnection> connectToBus();
+
+// A nonzero status as the error a client turns back into the same number.
+sdbus::Error statusError(kavro_core_status status);
+// The status a failed call stands for: the service's own for kavro.Error.Status, else one of
+// the framework's transport statuses.
+kavro_core_status statusFromError(const sdbus::Error& error);
+
+}  // namespace bus
+}  // namespace kavro
