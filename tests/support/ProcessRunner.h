@@ -1,0 +1,75 @@
+// Runs one of our binaries as a child process, the way systemd would: extra environment, a
+// NOTIFY_SOCKET to report readiness on, standard output and error captured.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace rstest {
+
+struct ExitStatus {
+    bool exited = false;  // true: normal exit with code; false: killed by termSignal
+    int code = 0;
+    int termSignal = 0;
+};
+
+// The child gets the test's environment plus `env` (which wins), stdin from /dev/null, and
+// dies with the thread that started it (PR_SET_PDEATHSIG). Reader threads collect its output
+// and notifications; every member may be called from any thread. The destructor kills a child
+// that is still running.
+class ProcessRunner {
+public:
+    ProcessRunner(std::string binary, std::vector<std::string> args = {},
+                  std::map<std::string, std::string> env = {});
+    ~ProcessRunner();
+
+    void start();  // throws std::runtime_error when the process cannot be started
+    pid_t pid() const;
+    const std::string& notifySocketPath() const;
+
+    // Notification messages received so far ("READY=1", "ERRNO=5", ...), one per line sent.
+    std::vector<std::string> notifications() const;
+    bool waitForNotify(const std::string& message,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    void sendSignal(int signal);
+
+    // Waits for the exit. On timeout: records a test failure, kills the process with SIGKILL,
+    // reaps it and returns nullopt.
+    std::optional<ExitStatus> waitForExit(
+        std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    // Without killing: has the process ended within the timeout?
+    bool exitedWithin(std::chrono::milliseconds timeout);
+
+    // Output so far; complete once waitForExit has returned.
+    std::string stdoutText() const;
+    std::string stderrText() const;
+    bool waitForStderr(const std::string& substring,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    ProcessRunner(const ProcessRunner&) = delete;
+    ProcessRunner& operator=(const ProcessRunner&) = delete;
+
+    class Impl;
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+// Runs a command to its end and returns its exit status and output (for short tools).
+struct RunResult {
+    ExitStatus status;
+    std::string out;
+    std::string err;
+};
+RunResult runToEnd(const std::string& binary, const std::vector<std::string>& args,
+                   const std::map<std::string, std::string>& env = {},
+                   std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+}  // namespace rstest
