@@ -1,0 +1,152 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include <systemd/sd-journal.h>
+
+#include "kavro/core.h"
+
+namespace {
+
+constexpr const char* kAnonymousIdentity = "kavro";
+
+int maxPriorityFromEnvironment()
+{
+    const char* text = std::getenv("KAVRO_LOG_MAX_PRIORITY");
+    if (text == nullptr || text[0] < '0' || text[0] > '7' || text[1] != '\0') return 7;
+    return text[0] - '0';
+}
+
+int openLogFile(const char* path)
+{
+    return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+}
+
+// One logging handle. Handles are never freed: the service logs through its handle after
+// de-initialisation (its target is destroyed at process exit), so the handle stays valid and
+// only its file is closed.
+struct Logger {
+    std::string identity;
+    int maxPriority = 7;
+    std::shared_mutex fileMutex;  // guards fd against a deinit while other threads log
+    int fd = -1;
+    bool toFile = false;
+};
+
+void writeLine(int fd, int priority, const std::string& identity, const char* message)
+{
+    std::string line = std::to_string(priority) + " " + identity + ": " + message + "\n";
+    // One write per line: O_APPEND keeps lines of concurrent writers whole.
+    [[maybe_unused]] ssize_t written = ::write(fd, line.data(), line.size());
+}
+
+// For a null or de-initialised handle: the destination is decided at call time.
+void writeDetached(int priority, const std::string& identity, const char* message)
+{
+    const char* path = std::getenv("KAVRO_LOG_FILE");
+    if (path == nullptr || *path == '\0') {
+        sd_journal_send("MESSAGE=%s", message, "PRIORITY=%i", priority, "SYSLOG_IDENTIFIER=%s",
+                        identity.c_str(), nullptr);
+        return;
+    }
+    const int fd = openLogFile(path);
+    if (fd < 0) return;
+    writeLine(fd, priority, identity, message);
+    ::close(fd);
+}
+
+void emit(Logger* logger, int priority, const char* message)
+{
+    if (logger == nullptr) {
+        if (priority <= maxPriorityFromEnvironment()) writeDetached(priority, kAnonymousIdentity, message);
+        return;
+    }
+    if (priority > logger->maxPriority) return;
+    {
+        std::shared_lock<std::shared_mutex> lock(logger->fileMutex);
+        if (logger->fd >= 0) {
+            writeLine(logger->fd, priority, logger->identity, message);
+            return;
+        }
+        if (!logger->toFile) {
+            sd_journal_send("MESSAGE=%s", message, "PRIORITY=%i", priority, "SYSLOG_IDENTIFIER=%s",
+                            logger->identity.c_str(), nullptr);
+            return;
+        }
+    }
+    writeDetached(priority, logger->identity, message);
+}
+
+}  // namespace
+
+extern "C" {
+
+kavro_core_status kavro_core_logging_init(const char* identity, void** logCookie)
+{
+    if (identity == nullptr || logCookie == nullptr) return KAVRO_STATUS_INVALID_ARGUMENT;
+    auto* logger = new (std::nothrow) Logger;
+    if (logger == nullptr) return KAVRO_STATUS_NO_MEMORY;
+    logger->identity = identity;
+    logger->maxPriority = maxPriorityFromEnvironment();
+    const char* path = std::getenv("KAVRO_LOG_FILE");
+    if (path != nullptr && *path != '\0') {
+        logger->toFile = true;
+        logger->fd = openLogFile(path);
+        if (logger->fd < 0) {
+            delete logger;
+            return KAVRO_STATUS_IO_ERROR;
+        }
+    }
+    *logCookie = logger;
+    return KAVRO_STATUS_OK;
+}
+
+kavro_core_status kavro_core_logging_deinit(void* logCookie)
+{
+    auto* logger = static_cast<Logger*>(logCookie);
+    if (logger == nullptr) return KAVRO_STATUS_INVALID_ARGUMENT;
+    std::unique_lock<std::shared_mutex> lock(logger->fileMutex);
+    if (logger->fd >= 0) ::close(logger->fd);
+    logger->fd = -1;
+    return KAVRO_STATUS_OK;
+}
+
+kavro_core_status kavro_core_logging_logv(void* logCookie, kavro_core_log_priority priority,
+                                          const char* format, va_list args)
+{
+    if (format == nullptr) return KAVRO_STATUS_INVALID_ARGUMENT;
+    char small[512];
+    va_list copy;
+    va_copy(copy, args);
+    const int length = std::vsnprintf(small, sizeof small, format, copy);
+    va_end(copy);
+    if (length < 0) return KAVRO_STATUS_INVALID_ARGUMENT;
+    if (static_cast<size_t>(length) < sizeof small) {
+        emit(static_cast<Logger*>(logCookie), priority, small);
+        return KAVRO_STATUS_OK;
+    }
+    std::vector<char> large(static_cast<size_t>(length) + 1);
+    std::vsnprintf(large.data(), large.size(), format, args);
+    emit(static_cast<Logger*>(logCookie), priority, large.data());
+    return KAVRO_STATUS_OK;
+}
+
+kavro_core_status kavro_core_logging_log(void* logCookie, kavro_core_log_priority priority,
+                                         const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const kavro_core_status status = kavro_core_logging_logv(logCookie, priority, format, args);
+    va_end(args);
+    return status;
+}
+
+}  // extern "C"
