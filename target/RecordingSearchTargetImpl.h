@@ -65,7 +65,7 @@ protected:
 
 private:
     void _dispatch(const RecordingSearchEventData& data) const;
-    void _wakeOnStopRequest();
+    void _wakeOnStopRequest(const std::atomic<bool>& loopEnded);
 
     std::map<unsigned int, boost::shared_ptr<SearchJob>> JobMap;
     boost::mutex jobMapMutex;

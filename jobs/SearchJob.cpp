@@ -1,0 +1,83 @@
+#include "jobs/SearchJob.h"
+
+#include <exception>
+
+#include "kavro/core.h"
+#include "target/RecordingSearchEventData.h"
+#include "target/RecordingSearchTargetImpl.h"
+
+SearchJob::SearchJob(unsigned int jobId, void* logCookie, RecordingSearchTargetImpl* target,
+                     int maxResults)
+    : jobId(jobId),
+      logCookie(logCookie),
+      target(target),
+      state(Searching),
+      maxResults(maxResults),
+      resultCount(0)
+{
+}
+
+SearchJob::~SearchJob() = default;
+
+// A second start, or a start after the job has completed or been ended, does nothing: the
+// walk keeps its position in the job's own fields, so two workers would corrupt it, and a
+// worker started after endSearch would outlive the job. Holding workerMutex across the test
+// and the start keeps endSearch from slipping in between.
+void SearchJob::startSearch()
+{
+    boost::lock_guard<boost::mutex> lock(workerMutex);
+    if (workerStarted || getSearchState() == Completed) {
+        return;
+    }
+    workerThread = boost::thread(&SearchJob::_searchWrapper, this);
+    workerStarted = true;
+}
+
+void SearchJob::endSearch()
+{
+    setSearchState(Completed);
+    boost::lock_guard<boost::mutex> lock(workerMutex);
+    if (workerThread.joinable()) {
+        workerThread.join();
+    }
+}
+
+searchState SearchJob::getSearchState()
+{
+    boost::lock_guard<boost::mutex> lock(stateMutex);
+    return state;
+}
+
+void SearchJob::setSearchState(searchState newState)
+{
+    boost::lock_guard<boost::mutex> lock(stateMutex);
+    const searchState oldState = state;
+    state = newState;
+    if (oldState == Searching && newState == Completed) {
+        RecordingSearchEventData completed;
+        completed.eventType = SearchCompleted;
+        completed.jobId = jobId;
+        target->queueEventData(completed);
+    }
+}
+
+// An exception that escapes the walk must not end the process nor leave the job Searching
+// (its client would wait forever and it would hold a running slot), so it is logged here and
+// the job completes as if the walk had returned.
+void SearchJob::_searchWrapper()
+{
+    try {
+        performSearch();
+    } catch (const std::exception& e) {
+        kavro_core_logging_log(logCookie, 3, "%d - Search ended by an exception: %s", jobId,
+                               e.what());
+    } catch (...) {
+        kavro_core_logging_log(logCookie, 3, "%d - Search ended by an unknown exception",
+                               jobId);
+    }
+    setSearchState(Completed);
+}
+
+void SearchJob::_incResultCount() { ++resultCount; }
+
+bool SearchJob::_inRange() const { return maxResults < 0 || resultCount < maxResults; }
