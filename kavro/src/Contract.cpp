@@ -39,7 +39,7 @@ kavro_core_status statusFromError(const sdbus::Error& error)
     const std::string& name = error.getName();
     if (name == kStatusErrorName) return parseStatusMessage(error.getMessage());
     if (name == "org.freedesktop.DBus.Error.NoReply" || name == "org.freedesktop.DBus.Error.Timeout" ||
-        name == "org.freedesktop.DBus.Error.TimedOut") {
+        name == "org.freedesktop.DBus.Error.TimedOut" || name == "System.Error.ETIMEDOUT") {
         return KAVRO_STATUS_TIMEOUT;
     }
     if (name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
@@ -54,7 +54,10 @@ kavro_core_status statusFromError(const sdbus::Error& error)
         name == "org.freedesktop.DBus.Error.InconsistentMessage") {
         return KAVRO_STATUS_MALFORMED_REPLY;
     }
-    if (name == "org.freedesktop.DBus.Error.NoMemory") return KAVRO_STATUS_NO_MEMORY;
+    if (name == "org.freedesktop.DBus.Error.NoMemory" || name == "System.Error.ENOMEM" ||
+        name == "System.Error.ENOBUFS") {
+        return KAVRO_STATUS_NO_MEMORY;
+    }
     return KAVRO_STATUS_TRANSPORT_ERROR;
 }
 
