@@ -160,7 +160,9 @@ public:
     void clearOverrides();
 
     // The answers of the recording, as the default handlers give them. nullopt means that the
-    // recording has no answer (the handler then fails with kFailureStatus).
+    // recording has no answer (the handler then fails with kFailureStatus). A track summary:
+    // for "META001" the span of the documents; for another listed track the span of the events
+    // that name it, or the recording's span when none does; an unlisted track has none.
     std::vector<std::string> modelTracks() const;
     std::optional<Span> modelRecordingSummary() const;
     RecordingStateAnswer modelRecordingState(StoreTime t) const;
