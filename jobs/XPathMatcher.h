@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include <libxml/parser.h>
+#include <libxml/xpath.h>
+
+// One XPath expression, compiled once, tested as a boolean against one document after another.
+// Each document is parsed, evaluated and released within matches(), so at most one tree exists
+// at a time. Used by one thread at a time (a search's worker); not copyable.
+class XPathMatcher {
+public:
+    explicit XPathMatcher(const std::string& expression);
+    ~XPathMatcher();
+
+    // False when the expression did not compile; such a matcher matches nothing.
+    bool compiled() const { return expression_ != nullptr; }
+
+    // True only when the expression's boolean value is true. A document that does not parse,
+    // is too large or carries a DTD is evaluated without a document, so it matches only an
+    // expression that is true without one (such as "true()").
+    bool matches(const std::string& document);
+
+    XPathMatcher(const XPathMatcher&) = delete;
+    XPathMatcher& operator=(const XPathMatcher&) = delete;
+
+private:
+    xmlDocPtr parse(const std::string& document);
+    void renewParser();
+
+    xmlXPathContextPtr context_ = nullptr;
+    xmlXPathCompExprPtr expression_ = nullptr;
+    xmlParserCtxtPtr parser_ = nullptr;
+};
