@@ -1,0 +1,37 @@
+// Writes what recsearch learns: readable lines, or one JSON object a line (--json).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+
+#include "ClientEvent.h"
+#include "TimeText.h"
+
+namespace recsearch {
+
+// Results and answers go to `out`; in text mode the end-of-search summary goes to `err`, so
+// that standard output holds nothing but results. In JSON mode the summary is the last line
+// of `out`.
+class ResultPrinter {
+public:
+    ResultPrinter(std::ostream& out, std::ostream& err, bool json)
+        : out_(out), err_(err), json_(json)
+    {
+    }
+
+    void result(const SearchResult& result);
+    void state(uint32_t jobId, uint32_t state);
+    void ended(uint32_t jobId, TimePoint reached);
+    void searchEnded(uint32_t jobId, TimePoint reached, std::size_t results, bool interrupted);
+
+    // False once standard output can no longer be written (a closed pipe).
+    bool good() const { return bool(out_); }
+
+private:
+    std::ostream& out_;
+    std::ostream& err_;
+    bool json_;
+};
+
+}  // namespace recsearch

@@ -1,0 +1,284 @@
+#include "ServiceConnection.h"
+
+#include <cstdlib>
+#include <future>
+#include <tuple>
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "CliError.h"
+#include "kavro/bus/BusLoop.h"
+#include "kavro/bus/Contract.h"
+#include "kavro/generated/recording_information_proxy.h"
+#include "kavro/generated/recording_search_proxy.h"
+
+namespace recsearch {
+
+namespace {
+
+constexpr const char* kService = "recording_search";
+// Longer than the service's own 5 s limit on its neighbours: a create or an end may wait that
+// long for them before it answers.
+constexpr std::chrono::seconds kCallTimeout{15};
+constexpr std::chrono::seconds kSpanTimeout{2};
+
+std::string busAddress()
+{
+    const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return address ? address : "the default system bus";
+}
+
+std::string statusMeaning(kavro_core_status status, const std::string& message)
+{
+    const auto blank = message.find(' ');
+    if (blank != std::string::npos) return message.substr(blank + 1);
+    if (status == 1) return "microseconds out of range (0 to 999999)";
+    return "";
+}
+
+CliError classify(const std::string& what, const sdbus::Error& error)
+{
+    const kavro_core_status status = kavro::bus::statusFromError(error);
+    if (error.getName() == kavro::bus::kStatusErrorName) {
+        std::string text = "recording_search answered " + what + " with status " +
+                           std::to_string(int(status));
+        const std::string meaning = statusMeaning(status, error.getMessage());
+        if (!meaning.empty()) text += ": " + meaning;
+        return CliError(ExitCode::StatusError, text);
+    }
+    if (error.getName() == kavro::bus::kFailedErrorName) {
+        return CliError(ExitCode::StatusError,
+                        "recording_search failed " + what + ": " + error.getMessage());
+    }
+    if (status == KAVRO_STATUS_SERVICE_UNKNOWN) {
+        return CliError(ExitCode::Unreachable, "recording_search is not running on " +
+                                                   busAddress() + " (" + error.getName() + ")");
+    }
+    if (status == KAVRO_STATUS_TIMEOUT) {
+        return CliError(ExitCode::Unreachable,
+                        "recording_search did not answer " + what + " within " +
+                            std::to_string(kCallTimeout.count()) + " s");
+    }
+    return CliError(ExitCode::Failure,
+                    what + " failed: " + error.getName() + ": " + error.getMessage());
+}
+
+}  // namespace
+
+class ServiceConnection::SearchProxy : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+public:
+    SearchProxy(sdbus::IConnection& connection, EventInbox& inbox)
+        : ProxyInterfaces(connection, kavro::bus::busName(kService), kavro::bus::objectPath(kService)),
+          inbox_(inbox)
+    {
+        registerProxy();
+    }
+    ~SearchProxy() { unregisterProxy(); }
+
+protected:
+    void onSearchCompleted(const uint32_t& jobId) override
+    {
+        ClientEvent event;
+        event.kind = ClientEvent::Kind::Completed;
+        event.jobId = jobId;
+        inbox_.push(std::move(event));
+    }
+
+    void onMetadataSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                const uint32_t& usec) override
+    {
+        pushResult(SearchResult{SearchResult::Kind::Metadata, jobId, {sec, usec}, {}, false, false});
+    }
+
+    void onTrackStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                       const uint32_t& usec, const std::string& trackName,
+                                       const uint8_t& state, const uint8_t& startState) override
+    {
+        pushResult(SearchResult{SearchResult::Kind::TrackState, jobId, {sec, usec}, trackName,
+                                state != 0, startState != 0});
+    }
+
+    void onRecordingStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                           const uint32_t& usec, const uint8_t& state,
+                                           const uint8_t& startState) override
+    {
+        pushResult(SearchResult{SearchResult::Kind::RecordingState, jobId, {sec, usec}, {},
+                                state != 0, startState != 0});
+    }
+
+private:
+    void pushResult(SearchResult result)
+    {
+        ClientEvent event;
+        event.kind = ClientEvent::Kind::Result;
+        event.jobId = result.jobId;
+        event.result = std::move(result);
+        inbox_.push(std::move(event));
+    }
+
+    EventInbox& inbox_;
+};
+
+ServiceConnection::ServiceConnection(EventInbox& inbox) : inbox_(inbox)
+{
+    std::unique_ptr<sdbus::IConnection> connection;
+    try {
+        connection = kavro::bus::connectToBus();
+    } catch (const sdbus::Error& e) {
+        throw CliError(ExitCode::Unreachable,
+                       "cannot connect to " + busAddress() + ": " + e.getMessage());
+    }
+    connection->setMethodCallTimeout(kCallTimeout);
+    search_ = std::make_unique<SearchProxy>(*connection, inbox_);
+    busDaemon_ = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    busDaemon_->uponSignal("NameOwnerChanged")
+        .onInterface("org.freedesktop.DBus")
+        .call([this](const std::string& name, const std::string& oldOwner,
+                     const std::string& newOwner) { onNameOwnerChanged(name, oldOwner, newOwner); });
+    busDaemon_->finishRegistration();
+
+    loop_ = std::make_unique<kavro::bus::BusLoop>(std::move(connection));
+    loop_->start([this](const std::string& why) {
+        ClientEvent event;
+        event.kind = ClientEvent::Kind::BusLost;
+        event.detail = why;
+        inbox_.push(std::move(event));
+    });
+}
+
+ServiceConnection::~ServiceConnection()
+{
+    // The proxies use the connection, so they go after its loop has stopped and before it closes.
+    loop_->stop();
+    busDaemon_.reset();
+    search_.reset();
+    loop_.reset();
+}
+
+void ServiceConnection::onNameOwnerChanged(const std::string& name, const std::string& oldOwner,
+                                           const std::string&)
+{
+    if (name != kavro::bus::busName(kService) || watchedOwner_.empty() || oldOwner != watchedOwner_) {
+        return;
+    }
+    watchedOwner_.clear();
+    ClientEvent event;
+    event.kind = ClientEvent::Kind::ServiceGone;
+    inbox_.push(std::move(event));
+}
+
+void ServiceConnection::call(const char* what, const std::function<void()>& work)
+{
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    // Work is copied in: if the loop dies first, the copy is dropped without being run.
+    loop_->post([done, work] {
+        try {
+            work();
+            done->set_value();
+        } catch (...) {
+            done->set_exception(std::current_exception());
+        }
+    });
+    // The call itself is bounded by kCallTimeout; only a loop that died before running the
+    // work needs this check.
+    while (finished.wait_for(std::chrono::milliseconds(200)) != std::future_status::ready) {
+        if (loop_->lost()) break;
+    }
+    if (finished.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+    }
+    try {
+        finished.get();
+    } catch (const sdbus::Error& e) {
+        if (loop_->lost()) {
+            throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+        }
+        throw classify(what, e);
+    } catch (const std::future_error&) {
+        throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+    }
+}
+
+void ServiceConnection::watchService()
+{
+    call("GetNameOwner", [this] {
+        std::string owner;
+        busDaemon_->callMethod("GetNameOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(kavro::bus::busName(kService))
+            .storeResultsTo(owner);
+        watchedOwner_ = owner;
+    });
+}
+
+int32_t ServiceConnection::createEventSearch(TimePoint start, TimePoint end, int32_t maxResults,
+                                             bool flag1, bool flag2, bool startState)
+{
+    int32_t jobId = -1;
+    call("CreateEventSearch", [&] {
+        jobId = search_->CreateEventSearch(start.sec, start.usec, end.sec, end.usec, maxResults,
+                                           flag1, flag2, startState);
+    });
+    return jobId;
+}
+
+int32_t ServiceConnection::createMetadataSearch(TimePoint start, TimePoint end,
+                                                int32_t maxResults, const std::string& xpath)
+{
+    int32_t jobId = -1;
+    call("CreateMetadataSearch", [&] {
+        jobId = search_->CreateMetadataSearch(start.sec, start.usec, end.sec, end.usec,
+                                              maxResults, xpath);
+    });
+    return jobId;
+}
+
+int32_t ServiceConnection::createNoopSearch()
+{
+    int32_t jobId = -1;
+    call("CreateNoopSearch", [&] { jobId = search_->CreateNoopSearch(); });
+    return jobId;
+}
+
+void ServiceConnection::beginSearch(uint32_t jobId)
+{
+    call("BeginSearch", [&] { search_->BeginSearch(jobId); });
+}
+
+uint32_t ServiceConnection::searchState(uint32_t jobId)
+{
+    uint32_t state = 0;
+    call("GetSearchState", [&] { state = std::get<1>(search_->GetSearchState(jobId)); });
+    return state;
+}
+
+EndReply ServiceConnection::endSearch(uint32_t jobId)
+{
+    EndReply reply;
+    call("EndSearch", [&] {
+        std::tie(reply.jobId, reply.reached.sec, reply.reached.usec) = search_->EndSearch(jobId);
+    });
+    return reply;
+}
+
+std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan()
+{
+    std::pair<TimePoint, TimePoint> span;
+    try {
+        call("GetRecordingSummary", [&] {
+            const std::string service = "recording_information";
+            auto proxy = sdbus::createProxy(loop_->connection(), kavro::bus::busName(service),
+                                            kavro::bus::objectPath(service));
+            proxy->callMethod("GetRecordingSummary")
+                .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
+                .withTimeout(kSpanTimeout)
+                .storeResultsTo(span.first.sec, span.first.usec, span.second.sec, span.second.usec);
+        });
+    } catch (const CliError&) {
+        return std::nullopt;
+    }
+    return span;
+}
+
+}  // namespace recsearch

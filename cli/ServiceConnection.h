@@ -1,0 +1,74 @@
+// recsearch's one connection to kavro.recording_search.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "ClientEvent.h"
+#include "TimeText.h"
+
+namespace sdbus {
+class IConnection;
+class IProxy;
+}
+namespace kavro {
+namespace bus {
+class BusLoop;
+}
+}  // namespace kavro
+
+namespace recsearch {
+
+struct EndReply {
+    uint32_t jobId = 0;
+    TimePoint reached;
+};
+
+// Threads: the constructor, the calls and the destructor belong to the main thread; the bus
+// loop thread runs every use of the connection (calls are posted to it and waited for) and
+// pushes the service's signals and the watch on its bus name into the inbox. Signals and the
+// name watch are subscribed before the constructor returns, so nothing sent after a create
+// call is missed. Every failure is thrown as CliError with its exit code.
+class ServiceConnection {
+public:
+    explicit ServiceConnection(EventInbox& inbox);
+    ~ServiceConnection();
+
+    // Fails with Unreachable when nobody owns the service's name; afterwards the owner's
+    // departure (a stop, a crash or a restart) arrives in the inbox as ServiceGone.
+    void watchService();
+
+    int32_t createEventSearch(TimePoint start, TimePoint end, int32_t maxResults, bool flag1,
+                              bool flag2, bool startState);
+    int32_t createMetadataSearch(TimePoint start, TimePoint end, int32_t maxResults,
+                                 const std::string& xpath);
+    int32_t createNoopSearch();
+    void beginSearch(uint32_t jobId);
+    uint32_t searchState(uint32_t jobId);
+    EndReply endSearch(uint32_t jobId);
+
+    // The recording's first and last time, if recording_information answers; for progress only.
+    std::optional<std::pair<TimePoint, TimePoint>> recordingSpan();
+
+    ServiceConnection(const ServiceConnection&) = delete;
+    ServiceConnection& operator=(const ServiceConnection&) = delete;
+
+    class SearchProxy;
+
+private:
+    void onNameOwnerChanged(const std::string& name, const std::string& oldOwner,
+                            const std::string& newOwner);
+    void call(const char* what, const std::function<void()>& work);
+
+    EventInbox& inbox_;
+    std::unique_ptr<kavro::bus::BusLoop> loop_;
+    std::unique_ptr<SearchProxy> search_;
+    std::unique_ptr<sdbus::IProxy> busDaemon_;
+    std::string watchedOwner_;  // loop thread only
+};
+
+}  // namespace recsearch
