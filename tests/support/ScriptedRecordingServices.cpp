@@ -312,7 +312,7 @@ private:
 
 // A script of one argument, bound to the argument of this call (or empty when unscripted).
 template <typename R, typename Arg>
-std::function<R()> bind(const std::function<R(Arg)>& script, std::decay_t<Arg> arg)
+std::function<R()> bindArg(const std::function<R(Arg)>& script, std::decay_t<Arg> arg)
 {
     if (!script) return {};
     return [script, arg] { return script(arg); };
@@ -360,7 +360,7 @@ private:
     {
         const StoreTime t{sec, usec};
         const auto a = state_.serve<RecordingStateAnswer>(
-            "GetRecordingState", t.text(), bind(state_.scripts().getRecordingState, t),
+            "GetRecordingState", t.text(), bindArg(state_.scripts().getRecordingState, t),
             [t](const Recording& r) {
                 return std::optional<RecordingStateAnswer>(model::recordingState(r, t));
             });
@@ -370,7 +370,7 @@ private:
     U4 GetTrackSummary(const std::string& track) override
     {
         return toTuple(state_.serve<Span>(
-            "GetTrackSummary", track, bind(state_.scripts().getTrackSummary, track),
+            "GetTrackSummary", track, bindArg(state_.scripts().getTrackSummary, track),
             [&track](const Recording& r) { return model::trackSummary(r, track); }));
     }
 
@@ -401,7 +401,7 @@ private:
     {
         const StoreTime t{sec, usec};
         const auto a = state_.serve<HistoryEventAnswer>(
-            "GetRecordingHistoryEvent", t.text(), bind(state_.scripts().getRecordingHistoryEvent, t),
+            "GetRecordingHistoryEvent", t.text(), bindArg(state_.scripts().getRecordingHistoryEvent, t),
             [t](const Recording& r) { return model::historyEvent(r, t); });
         return {a.cur.sec,  a.cur.usec, a.prev.sec, a.prev.usec, a.next.sec,
                 a.next.usec, a.names,   a.keys,     a.values};
@@ -412,7 +412,7 @@ private:
     {
         const StoreTime t{sec, usec};
         const auto a = state_.serve<MetadataAnswer>(
-            "GetMetadata", t.text(), bind(state_.scripts().getMetadata, t),
+            "GetMetadata", t.text(), bindArg(state_.scripts().getMetadata, t),
             [t](const Recording& r) { return model::metadata(r, t); });
         return {a.cur.sec,  a.cur.usec, a.prev.sec, a.prev.usec,
                 a.next.sec, a.next.usec, a.document};

@@ -89,8 +89,7 @@ private:
 class SearchClient::Impl {
 public:
     Impl(const std::string& busAddress, const std::string& service)
-        : service_(service),
-          callConnection_(connect(busAddress)),
+        : callConnection_(connect(busAddress)),
           callProxy_(sdbus::createProxy(*callConnection_, kavro::bus::busName(service),
                                         kavro::bus::objectPath(service))),
           signalLoop_(connect(busAddress))
@@ -121,7 +120,7 @@ public:
         std::lock_guard<std::mutex> lock(callMutex_);
         try {
             auto invoker = callProxy_->callMethod(method);
-            invoker.onInterface(std::string("kavro.") + service_)
+            invoker.onInterface(kavro::recording_search_proxy::INTERFACE_NAME)
                 .withTimeout(std::chrono::milliseconds(callTimeoutMs_.load()));
             if constexpr (sizeof...(In) > 0) invoker.withArguments(in...);
             std::apply([&](auto&... out) { invoker.storeResultsTo(out...); }, result.value);
@@ -155,7 +154,6 @@ public:
     std::atomic<long long> callTimeoutMs_{kDefaultCallTimeout.count()};
 
 private:
-    std::string service_;
     std::mutex callMutex_;
     std::unique_ptr<sdbus::IConnection> callConnection_;
     std::unique_ptr<sdbus::IProxy> callProxy_;

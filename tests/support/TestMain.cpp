@@ -55,7 +55,7 @@ int main(int argc, char** argv)
 {
     signal(SIGPIPE, SIG_IGN);
     testing::InitGoogleMock(&argc, argv);
-    if (onlyListing(argc, argv)) return RUN_ALL_TESTS();
+    if (rstest::onlyListing(argc, argv)) return RUN_ALL_TESTS();
 
     std::string logDir;
     try {
