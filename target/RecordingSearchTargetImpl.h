@@ -63,10 +63,6 @@ protected:
     // the allocating target's jobMapMutex; atomic only because tests run several targets.
     static std::atomic<unsigned int> lastJobId;
 
-private:
-    void _dispatch(const RecordingSearchEventData& data) const;
-    void _wakeOnStopRequest(const std::atomic<bool>& loopEnded);
-
     std::map<unsigned int, boost::shared_ptr<SearchJob>> JobMap;
     boost::mutex jobMapMutex;
     boost::mutex eventQueueMutex;
@@ -74,6 +70,11 @@ private:
     boost::condition_variable eventAvailable;
     std::atomic<bool> stopRequested;
     void* const logCookie;
+
+private:
+    void _dispatch(const RecordingSearchEventData& data) const;
+    void _wakeOnStopRequest(const std::atomic<bool>& loopEnded);
+
     // Written by stopProcessEvents; a helper thread of the loop turns it into a notify of
     // eventAvailable, which a signal handler may not do itself.
     int stopFd;
