@@ -1,0 +1,95 @@
+#include "store/RecordingWriter.h"
+
+#include <sqlite3.h>
+
+#include "store/RecordingSchema.h"
+#include "store/StoreError.h"
+
+namespace store {
+
+namespace {
+
+SqliteDb& prepared(SqliteDb& db, RecordingWriter::Durability durability)
+{
+    db.exec("PRAGMA busy_timeout = 5000");
+    if (durability == RecordingWriter::Durability::Bulk) {
+        db.exec("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF; PRAGMA cache_size = -65536");
+    }
+    schema::createOrCheck(db);
+    return db;
+}
+
+void requireTime(StoreTime time, const std::string& what)
+{
+    if (time.isNone()) throw StoreError(what + " at 0.0: that time means \"none\" in answers");
+    if (time.usec > StoreTime::kMaxUsec) {
+        throw StoreError(what + " at " + std::to_string(time.sec) + "." +
+                         std::to_string(time.usec) + ": microseconds above 999999");
+    }
+}
+
+}  // namespace
+
+RecordingWriter::RecordingWriter(const std::string& path, Durability durability)
+    : db_(path, SqliteDb::Mode::Create),
+      findTrack_(prepared(db_, durability), "SELECT id FROM tracks WHERE name = ?1"),
+      insertTrack_(db_, "INSERT INTO tracks(name) VALUES (?1)"),
+      insertEvent_(db_, "INSERT INTO events(t) VALUES (?1)"),
+      insertProperty_(db_,
+                      "INSERT INTO properties(event_id, position, t, key, track_id, value) "
+                      "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"),
+      insertDocument_(db_, "INSERT INTO documents(t, body) VALUES (?1, ?2)")
+{
+}
+
+RecordingWriter::~RecordingWriter() = default;
+
+std::unique_ptr<Transaction> RecordingWriter::transaction()
+{
+    return std::make_unique<Transaction>(db_);
+}
+
+int64_t RecordingWriter::addTrack(const std::string& name)
+{
+    if (name.empty()) throw StoreError("a track needs a name");
+    const auto known = trackIds_.find(name);
+    if (known != trackIds_.end()) return known->second;
+    int64_t id;
+    if (findTrack_.reset().bind(1, name).step()) {
+        id = findTrack_.columnInt(0);
+    } else {
+        insertTrack_.reset().bind(1, name).run();
+        id = sqlite3_last_insert_rowid(db_.handle());
+    }
+    trackIds_.emplace(name, id);
+    return id;
+}
+
+void RecordingWriter::addEvent(StoreTime time, const std::vector<EventProperty>& properties)
+{
+    requireTime(time, "history event");
+    if (properties.empty()) throw StoreError("a history event needs at least one property");
+    insertEvent_.reset().bind(1, time.key()).run();
+    const int64_t eventId = sqlite3_last_insert_rowid(db_.handle());
+    int64_t position = 0;
+    for (const EventProperty& property : properties) {
+        if (property.key > 1) throw StoreError("unknown property key " + std::to_string(property.key));
+        const int64_t trackId = property.key == 1 ? addTrack(property.name) : 0;
+        insertProperty_.reset()
+            .bind(1, eventId)
+            .bind(2, position++)
+            .bind(3, time.key())
+            .bind(4, property.key)
+            .bind(5, trackId)
+            .bind(6, property.value ? 1 : 0)
+            .run();
+    }
+}
+
+void RecordingWriter::addDocument(StoreTime time, const std::string& body)
+{
+    requireTime(time, "metadata document");
+    insertDocument_.reset().bind(1, time.key()).bind(2, body).run();
+}
+
+}  // namespace store

@@ -1,0 +1,195 @@
+#include "store/StoreCommands.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sstream>
+
+#include "store/RecordingWriter.h"
+#include "store/StoreError.h"
+
+namespace store {
+
+namespace {
+
+bool exists(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+class Progress {
+public:
+    explicit Progress(const char* what) : what_(what), enabled_(::isatty(STDERR_FILENO) == 1) {}
+    ~Progress()
+    {
+        if (shown_) std::fprintf(stderr, "\n");
+    }
+    void operator()(double fraction)
+    {
+        if (!enabled_) return;
+        const int percent = int(fraction * 100);
+        if (percent == lastPercent_) return;
+        lastPercent_ = percent;
+        shown_ = true;
+        std::fprintf(stderr, "\r%s: %3d%%", what_, percent);
+        std::fflush(stderr);
+    }
+
+private:
+    const char* what_;
+    bool enabled_;
+    bool shown_ = false;
+    int lastPercent_ = -1;
+};
+
+std::string isoTime(StoreTime time)
+{
+    const time_t seconds = time.sec;
+    tm parts{};
+    gmtime_r(&seconds, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+}  // namespace
+
+int generateCommand(const std::string& path, const SampleOptions& options, bool overwrite)
+{
+    if (!overwrite && exists(path)) {
+        std::fprintf(stderr, "recording_store: %s already exists (--force to replace it)\n", path.c_str());
+        return 1;
+    }
+    // Written beside the target and renamed into place: a failed run leaves no half recording.
+    const std::string temporary = path + ".tmp." + std::to_string(::getpid());
+    try {
+        SampleGenerator generator(options);
+        SampleSummary summary;
+        {
+            RecordingWriter writer(temporary, RecordingWriter::Durability::Bulk);
+            Progress progress("generate");
+            summary = generator.generate(writer, std::ref(progress));
+        }
+        if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+            throw StoreError(path + ": cannot write: " + std::strerror(errno));
+        }
+        std::string tracks;
+        for (const std::string& track : summary.tracks) tracks += (tracks.empty() ? "" : " ") + track;
+        std::printf("%s: %llu history events, %llu metadata documents (%.1f MB of XML), tracks %s, "
+                    "from %s (%s) to %s (%s)\n",
+                    path.c_str(), static_cast<unsigned long long>(summary.events),
+                    static_cast<unsigned long long>(summary.documents), double(summary.documentBytes) / 1e6,
+                    tracks.c_str(), summary.first.toString().c_str(), isoTime(summary.first).c_str(),
+                    summary.last.toString().c_str(), isoTime(summary.last).c_str());
+        return 0;
+    } catch (const StoreError& e) {
+        ::unlink(temporary.c_str());
+        std::fprintf(stderr, "recording_store: %s\n", e.what());
+        return 1;
+    }
+}
+
+int importCommand(const std::string& path, const ImportSources& sources)
+{
+    const bool existed = exists(path);
+    try {
+        ImportReport report;
+        {
+            RecordingWriter writer(path, RecordingWriter::Durability::Safe);
+            Importer importer(writer);
+            report = importer.run(sources);
+        }
+        if (!report.loaded()) {
+            for (const std::string& problem : report.problems) std::fprintf(stderr, "%s\n", problem.c_str());
+            if (report.problemCount > report.problems.size()) {
+                std::fprintf(stderr, "... and %llu more\n",
+                             static_cast<unsigned long long>(report.problemCount - report.problems.size()));
+            }
+            std::fprintf(stderr, "recording_store: %llu bad input lines; nothing was loaded into %s\n",
+                         static_cast<unsigned long long>(report.problemCount), path.c_str());
+            if (!existed) ::unlink(path.c_str());
+            return 1;
+        }
+        std::printf("%s: loaded %llu history events (%llu properties) and %llu metadata documents\n",
+                    path.c_str(), static_cast<unsigned long long>(report.events),
+                    static_cast<unsigned long long>(report.properties),
+                    static_cast<unsigned long long>(report.documents));
+        return 0;
+    } catch (const StoreError& e) {
+        if (!existed) ::unlink(path.c_str());
+        std::fprintf(stderr, "recording_store: %s\n", e.what());
+        return 1;
+    }
+}
+
+bool parseStartTime(const std::string& text, StoreTime& time)
+{
+    if (const auto plain = StoreTime::parse(text)) {
+        time = *plain;
+        return true;
+    }
+    tm parts{};
+    const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (!rest) return false;
+    uint32_t usec = 0;
+    if (*rest == '.') {
+        const char* digits = ++rest;
+        while (std::isdigit(static_cast<unsigned char>(*rest))) ++rest;
+        const auto fraction = StoreTime::parse("0." + std::string(digits, rest));
+        if (!fraction) return false;
+        usec = fraction->usec;
+    }
+    if (std::string(rest) != "Z") return false;
+    const time_t seconds = timegm(&parts);
+    if (seconds < 0 || seconds > time_t(UINT32_MAX)) return false;
+    time = StoreTime{uint32_t(seconds), usec};
+    return true;
+}
+
+bool parseDuration(const std::string& text, double& seconds)
+{
+    char* end = nullptr;
+    errno = 0;
+    const double value = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || errno != 0 || !std::isfinite(value)) return false;
+    const std::string unit(end);
+    double scale = 0;
+    if (unit.empty() || unit == "s") scale = 1;
+    if (unit == "m") scale = 60;
+    if (unit == "h") scale = 3600;
+    if (unit == "d") scale = 86400;
+    if (scale == 0) return false;
+    seconds = value * scale;
+    return true;
+}
+
+bool parseClassMix(const std::string& text, std::map<std::string, double>& mix)
+{
+    std::map<std::string, double> parsed;
+    std::stringstream stream(text);
+    std::string entry;
+    while (std::getline(stream, entry, ',')) {
+        const size_t equals = entry.find('=');
+        if (equals == std::string::npos || equals == 0) return false;
+        std::string name = entry.substr(0, equals);
+        for (char& c : name) c = char(std::tolower(static_cast<unsigned char>(c)));
+        name[0] = char(std::toupper(static_cast<unsigned char>(name[0])));
+        char* end = nullptr;
+        const std::string weight = entry.substr(equals + 1);
+        const double value = std::strtod(weight.c_str(), &end);
+        if (weight.empty() || *end != '\0') return false;
+        parsed[name] = value;
+    }
+    if (parsed.empty()) return false;
+    mix = std::move(parsed);
+    return true;
+}
+
+}  // namespace store
