@@ -1,0 +1,52 @@
+// How statuses travel as D-Bus errors, both ways.
+#include <gtest/gtest.h>
+
+#include "kavro/bus/Contract.h"
+
+namespace {
+
+struct ErrorCase {
+    std::string name;
+    std::string message;
+    int status;
+};
+
+class StatusFromError : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(StatusFromError, GivesTheServiceNumberOrAFrameworkStatus)
+{
+    const auto& c = GetParam();
+    EXPECT_EQ(kavro::bus::statusFromError(sdbus::Error(c.name, c.message)), c.status);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Errors, StatusFromError,
+    testing::Values(ErrorCase{"kavro.Error.Status", "42", 42},
+                    ErrorCase{"kavro.Error.Status", "7 track unknown", 7},
+                    ErrorCase{"kavro.Error.Status", "-3", -3},
+                    // 0 would read as success: a status error must carry a failure.
+                    ErrorCase{"kavro.Error.Status", "0", KAVRO_STATUS_MALFORMED_REPLY},
+                    ErrorCase{"kavro.Error.Status", "", KAVRO_STATUS_MALFORMED_REPLY},
+                    ErrorCase{"kavro.Error.Status", "x12", KAVRO_STATUS_MALFORMED_REPLY},
+                    ErrorCase{"kavro.Error.Status", "12x", KAVRO_STATUS_MALFORMED_REPLY},
+                    ErrorCase{"kavro.Error.Status", "99999999999", KAVRO_STATUS_MALFORMED_REPLY},
+                    ErrorCase{"org.freedesktop.DBus.Error.ServiceUnknown", "", KAVRO_STATUS_SERVICE_UNKNOWN},
+                    ErrorCase{"org.freedesktop.DBus.Error.NoReply", "", KAVRO_STATUS_TIMEOUT},
+                    ErrorCase{"kavro.Error.Failed", "boom", KAVRO_STATUS_TRANSPORT_ERROR}));
+
+TEST(StatusError, RoundTripsEveryNonzeroStatus)
+{
+    for (const int status : {1, 2, 77, 1005, 0x7fffffff}) {
+        const auto error = kavro::bus::statusError(static_cast<kavro_core_status>(status));
+        EXPECT_EQ(error.getName(), kavro::bus::kStatusErrorName);
+        EXPECT_EQ(kavro::bus::statusFromError(error), status);
+    }
+}
+
+TEST(BusNames, FollowTheServiceName)
+{
+    EXPECT_EQ(kavro::bus::busName("recording_search"), "kavro.recording_search");
+    EXPECT_EQ(kavro::bus::objectPath("recording_data_access"), "/kavro/recording_data_access");
+}
+
+}  // namespace
