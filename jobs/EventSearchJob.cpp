@@ -160,8 +160,8 @@ void EventSearchJob::_takeProperties(char** names, unsigned int** keys, unsigned
          ++i) {
         if (i >= nameCount) {
             kavro_core_logging_log(logCookie, 4,
-                                   "History event at %d.%06d has %d track names for more "
-                                   "properties; the rest are dropped",
+                                   "History event at %d.%06d has track names for only %d of "
+                                   "its properties; the rest are dropped",
                                    currentTime.load().sec, currentTime.load().usec,
                                    static_cast<int>(nameCount));
             break;

@@ -39,13 +39,14 @@ public:
 protected:
     std::vector<EventProperty> _getNextEvents(void* dataAccessHandle);
     void _findStateEventsAt(void* informationHandle, unsigned int sec, unsigned int usec);
+    // Appends the properties of one answer while the result limit allows, counting each.
+    void _takeProperties(char** names, unsigned int** keys, unsigned int** values,
+                         std::vector<EventProperty>& properties);
 
 private:
     void _fetchAllTracks();
     void _startAtFirstEvent(void* dataAccessHandle);
     void _queueProperties(const std::vector<EventProperty>& properties);
-    void _takeProperties(char** names, unsigned int** keys, unsigned int** values,
-                         std::vector<EventProperty>& properties);
 
     std::set<std::string> allTracks;
     const bool requestFlag1;
