@@ -1,0 +1,208 @@
+// Sample recordings: reproducible from the seed, within the bounds asked for, coherent with
+// their own history, and with documents that the README's queries find without finding all.
+#include <libxml/parser.h>
+#include <libxml/xpath.h>
+#include <sqlite3.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "store/Recording.h"
+#include "store/RecordingWriter.h"
+#include "store/SampleGenerator.h"
+#include "store/StoreError.h"
+#include "unit/store/StoreTestFiles.h"
+
+namespace {
+
+using namespace storetest;
+using store::Recording;
+using store::RecordingWriter;
+using store::SampleGenerator;
+using store::SampleOptions;
+using store::StoreTime;
+
+store::SampleSummary generate(const std::string& path, const SampleOptions& options)
+{
+    RecordingWriter writer(path, RecordingWriter::Durability::Bulk);
+    return SampleGenerator(options).generate(writer);
+}
+
+// Every row of the file, in a fixed order, as one text.
+std::string contents(const std::string& path)
+{
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+    std::string all;
+    for (const char* sql : {"SELECT id, name FROM tracks ORDER BY id",
+                            "SELECT id, t FROM events ORDER BY id",
+                            "SELECT event_id, position, t, key, track_id, value FROM properties "
+                            "ORDER BY event_id, position",
+                            "SELECT id, t, body FROM documents ORDER BY id"}) {
+        sqlite3_exec(
+            db, sql,
+            [](void* out, int columns, char** values, char**) {
+                auto& text = *static_cast<std::string*>(out);
+                for (int i = 0; i < columns; ++i) text.append(values[i] ? values[i] : "NULL").push_back('|');
+                text.push_back('\n');
+                return 0;
+            },
+            &all, nullptr);
+    }
+    sqlite3_close(db);
+    return all;
+}
+
+SampleOptions tenMinutes(uint64_t seed)
+{
+    SampleOptions options;
+    options.seed = seed;
+    options.durationSeconds = 600;
+    options.recordingOnSeconds = 200;
+    options.recordingOffSeconds = 30;
+    options.trackOnSeconds = 150;
+    options.trackOffSeconds = 30;
+    return options;
+}
+
+TEST(SampleGenerator, SameSeedGivesTheSameRecordingAndAnotherSeedAnother)
+{
+    ScratchDir dir;
+    generate(dir.file("a.db"), tenMinutes(7));
+    generate(dir.file("b.db"), tenMinutes(7));
+    generate(dir.file("c.db"), tenMinutes(8));
+    const std::string a = contents(dir.file("a.db"));
+    EXPECT_GT(a.size(), 100000u);
+    EXPECT_TRUE(a == contents(dir.file("b.db")));
+    EXPECT_FALSE(a == contents(dir.file("c.db")));
+}
+
+TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetadataIsOn)
+{
+    ScratchDir dir;
+    SampleOptions options = tenMinutes(3);
+    options.start = at(1800000000, 250000);
+    options.videoTracks = 2;
+    options.audioTracks = 0;
+    const store::SampleSummary summary = generate(dir.file("r.db"), options);
+    Recording recording(dir.file("r.db"));
+
+    EXPECT_THAT(recording.tracks(), testing::ElementsAre("VIDEO001", "VIDEO002", "META001"));
+    const StoreTime end = at(1800000600, 250000);
+    ASSERT_TRUE(recording.summary());
+    EXPECT_EQ(recording.summary()->start, options.start);
+    EXPECT_FALSE(end < recording.summary()->end);
+    EXPECT_GT(summary.events, 4u) << "the on/off periods asked for switch several times in 10 minutes";
+
+    uint64_t documents = 0;
+    for (StoreTime t = options.start;; ++documents) {
+        const auto document = recording.metadataAt(t);
+        ASSERT_TRUE(document);
+        const store::RecordingState state = recording.stateAt(document->times.cur);
+        ASSERT_EQ(state.state, 1) << document->times.cur.toString();
+        ASSERT_THAT(state.tracksOn, testing::Contains("META001")) << document->times.cur.toString();
+        ASSERT_LT(document->times.cur, end);
+        if (document->times.next.isNone()) break;
+        ASSERT_LT(document->times.cur, document->times.next);
+        t = document->times.next;
+    }
+    EXPECT_EQ(documents + 1, summary.documents);
+}
+
+TEST(SampleGenerator, WritesTheAskedRateWhileEverythingStaysOn)
+{
+    ScratchDir dir;
+    SampleOptions options;
+    options.durationSeconds = 120;
+    options.documentsPerSecond = 8;
+    options.recordingOnSeconds = options.trackOnSeconds = 1e9;
+    const store::SampleSummary summary = generate(dir.file("r.db"), options);
+    EXPECT_EQ(summary.documents, 960u);
+    EXPECT_EQ(summary.events, 2u) << "one switching everything on, one switching it off at the end";
+    Recording recording(dir.file("r.db"));
+    EXPECT_EQ(recording.summary()->end, at(options.start.sec + 120));
+    EXPECT_EQ(recording.stateAt(at(options.start.sec + 120)).state, 0);
+}
+
+struct QueryShare {
+    std::string xpath;
+    double matched = 0;
+};
+
+// The README's example queries, evaluated the way the search evaluates them.
+TEST(SampleGenerator, DocumentsParseAndTheReadmeQueriesFindSomeButNotAll)
+{
+    ScratchDir dir;
+    SampleOptions options;
+    options.durationSeconds = 1200;
+    options.recordingOnSeconds = options.trackOnSeconds = 1e9;
+    const store::SampleSummary summary = generate(dir.file("r.db"), options);
+    ASSERT_EQ(summary.documents, 6000u);
+    const double meanBytes = double(summary.documentBytes) / double(summary.documents);
+    EXPECT_GT(meanBytes, 900);
+    EXPECT_LT(meanBytes, 1600);
+
+    std::vector<QueryShare> queries{
+        {"//Object[Appearance/Class/Type='Vehicle' and Appearance/Color/ColorCluster/@Name='red']"},
+        {"//Object/Appearance/Class/Type[.='Person' and @Likelihood > 0.8]"},
+        {"//NotificationMessage[@Topic='VideoSource/MotionAlarm']/Data/"
+         "SimpleItem[@Name='State' and @Value='true']"},
+        {"//Frame[@ObjectCount >= 3]"},
+        {"//VehicleInfo[@Type='Truck']"}};
+    std::vector<xmlXPathCompExprPtr> compiled;
+    for (const QueryShare& query : queries) {
+        compiled.push_back(xmlXPathCompile(BAD_CAST query.xpath.c_str()));
+        ASSERT_NE(compiled.back(), nullptr) << query.xpath;
+    }
+    Recording recording(dir.file("r.db"));
+    for (StoreTime t = options.start;;) {
+        const auto document = recording.metadataAt(t);
+        ASSERT_TRUE(document);
+        xmlDocPtr doc = xmlParseDoc(BAD_CAST document->body.c_str());
+        ASSERT_NE(doc, nullptr) << document->body;
+        xmlXPathContextPtr context = xmlXPathNewContext(doc);
+        for (size_t i = 0; i < queries.size(); ++i) {
+            queries[i].matched += xmlXPathCompiledEvalToBoolean(compiled[i], context) == 1;
+        }
+        xmlXPathFreeContext(context);
+        xmlFreeDoc(doc);
+        if (document->times.next.isNone()) break;
+        t = document->times.next;
+    }
+    for (size_t i = 0; i < queries.size(); ++i) {
+        const double share = queries[i].matched / double(summary.documents);
+        EXPECT_GT(share, 0.003) << queries[i].xpath;
+        EXPECT_LT(share, 0.6) << queries[i].xpath;
+        xmlXPathFreeCompExpr(compiled[i]);
+    }
+}
+
+struct BadOptions {
+    const char* name;
+    std::function<void(SampleOptions&)> spoil;
+};
+
+class SampleOptionsCheck : public testing::TestWithParam<BadOptions> {};
+
+TEST_P(SampleOptionsCheck, RefusesOptionsItCannotHonour)
+{
+    SampleOptions options;
+    GetParam().spoil(options);
+    EXPECT_FALSE(options.validate().empty());
+    EXPECT_THROW(SampleGenerator{options}, store::StoreError);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Options, SampleOptionsCheck,
+    testing::Values(BadOptions{"ZeroDuration", [](SampleOptions& o) { o.durationSeconds = 0; }},
+                    BadOptions{"NotANumber", [](SampleOptions& o) { o.documentsPerSecond = NAN; }},
+                    BadOptions{"ZeroRate", [](SampleOptions& o) { o.documentsPerSecond = 0; }},
+                    BadOptions{"EndsAfter2106", [](SampleOptions& o) { o.start = at(4294967000u); }},
+                    BadOptions{"StartAtNone", [](SampleOptions& o) { o.start = at(0); }},
+                    BadOptions{"NoVideo", [](SampleOptions& o) { o.videoTracks = 0; }},
+                    BadOptions{"UnknownClass", [](SampleOptions& o) { o.classMix = {{"Dragon", 1}}; }},
+                    BadOptions{"AllWeightsZero", [](SampleOptions& o) { o.classMix = {{"Person", 0}}; }},
+                    BadOptions{"NegativeMean", [](SampleOptions& o) { o.trackOffSeconds = -1; }}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
