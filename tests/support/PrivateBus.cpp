@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -61,7 +62,7 @@ void writeConfig(const std::string& path, const std::string& socketPath)
     if (!out.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-std::string readAddress(int fd, pid_t pid)
+std::string readAddress(int fd, pid_t pid, const std::string& errorLog)
 {
     std::string address;
     char c = 0;
@@ -72,8 +73,10 @@ std::string readAddress(int fd, pid_t pid)
         if (c == '\n') return address;
         address += c;
     }
+    std::ifstream errors(errorLog);
+    const std::string why((std::istreambuf_iterator<char>(errors)), std::istreambuf_iterator<char>());
     throw std::runtime_error("dbus-daemon (pid " + std::to_string(pid) +
-                             ") exited without printing its address");
+                             ") exited without printing its address: " + why);
 }
 
 }  // namespace
@@ -86,6 +89,7 @@ PrivateBus::PrivateBus() : dir_(makeTempDir())
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
     const std::string configArg = "--config-file=" + config;
+    const std::string errorLog = dir_ + "/daemon.err";
     const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ < 0) {
@@ -100,13 +104,17 @@ PrivateBus::PrivateBus() : dir_(makeTempDir())
         const int devnull = ::open("/dev/null", O_RDWR);
         dup2(devnull, 0);
         dup2(devnull, 1);
+        // Kept out of the test output ("Failed to set fd limit" on every start); read back
+        // only when the daemon does not come up.
+        const int errors = ::open(errorLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(errors, 2);
         execlp("dbus-daemon", "dbus-daemon", "--nofork", "--print-address=3", configArg.c_str(),
                static_cast<char*>(nullptr));
         _exit(127);
     }
     ::close(fds[1]);
     try {
-        address_ = readAddress(fds[0], pid_);
+        address_ = readAddress(fds[0], pid_, errorLog);
     } catch (...) {
         ::close(fds[0]);
         kill();

@@ -348,6 +348,11 @@ struct MalformedShape {
     size_t names, keys, values;
 };
 
+void PrintTo(const MalformedShape& s, std::ostream* os)
+{
+    *os << s.names << " names, " << s.keys << " keys, " << s.values << " values";
+}
+
 class MalformedHistoryReply : public Initiators, public testing::WithParamInterface<MalformedShape> {};
 
 TEST_P(MalformedHistoryReply, IsAFrameworkStatusWithNothingHandedOut)
