@@ -1,0 +1,170 @@
+// XPathMatcher, the metadata search's document test: the same answers as libxml2 used plainly
+// (parse, fresh context, evaluate, free) on every ordinary document, across a reused parser and
+// context; nothing from a DTD; bounded size; and no libxml2 message on standard error.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/xpath.h>
+
+#include "jobs/XPathMatcher.h"
+#include "jobs/XmlLibrary.h"
+
+namespace {
+
+// libxml2 alone, as a search without any hardening would use it.
+int plainEvaluation(const std::string& expression, const std::string& document)
+{
+    xmlDocPtr doc = xmlParseDoc(reinterpret_cast<const xmlChar*>(document.c_str()));
+    xmlXPathContextPtr context = xmlXPathNewContext(doc);
+    xmlXPathCompExprPtr compiled =
+        xmlXPathCompile(reinterpret_cast<const xmlChar*>(expression.c_str()));
+    const int result = xmlXPathCompiledEvalToBoolean(compiled, context);
+    xmlXPathFreeCompExpr(compiled);
+    xmlXPathFreeContext(context);
+    xmlFreeDoc(doc);
+    return result;
+}
+
+const std::vector<std::string> kDocuments = {
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<frame id=\"a\"><object class=\"car\" "
+    "likelihood=\"0.8\"><colour>red</colour><box x=\"1\" y=\"2\"/></object><object "
+    "class=\"person\"><colour>blue</colour></object></frame>",
+    "<frame><object class=\"person\"><colour>red</colour></object><!-- comment --><?pi x?>"
+    "<motion state=\"true\"/></frame>",
+    "<tt:MetadataStream xmlns:tt=\"http://www.onvif.org/ver10/schema\"><tt:VideoAnalytics>"
+    "<tt:Frame UtcTime=\"2024-01-01T00:00:00Z\"><tt:Object ObjectId=\"1\"/></tt:Frame>"
+    "</tt:VideoAnalytics></tt:MetadataStream>",
+    "<frame><![CDATA[<object class=\"car\"/>]]></frame>",
+    "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><frame>caf\xe9</frame>",
+    "<frame><object class=\"car\">",  // does not parse
+    "",
+    "<frame/>",
+};
+
+const std::vector<std::string> kExpressions = {
+    "/", "//object", "count(//object) = 2", "//object[1]/@class = 'car'",
+    "//object[last()]/colour = 'red'", "name(/*) = 'frame'", "not(/)", "true()",
+    "frame", ".", "id('a')", "//*[local-name() = 'Object']", "string-length(string(/)) > 5",
+    "//motion/@state = 'true'", "contains(/frame, '<object')", "position() = 1",
+    "//object[", "count(1)", "unknown-function()", "$undefined", "",
+};
+
+TEST(XPathMatcherTest, AgreesWithPlainLibxml2OnOrdinaryDocumentsInAnyOrder)
+{
+    for (const std::string& expression : kExpressions) {
+        XPathMatcher matcher(expression);
+        // Twice over, so that every document also follows every other on the reused objects.
+        for (int pass = 0; pass < 2; ++pass) {
+            for (const std::string& document : kDocuments) {
+                EXPECT_EQ(matcher.matches(document), plainEvaluation(expression, document) == 1)
+                    << "expression: " << expression << "\ndocument: " << document;
+            }
+        }
+    }
+}
+
+TEST(XPathMatcherTest, ExpressionThatDoesNotCompileMatchesNothing)
+{
+    for (const char* expression : {"//object[", "", "1 +", "foo::bar"}) {
+        XPathMatcher matcher(expression);
+        EXPECT_FALSE(matcher.compiled()) << expression;
+        EXPECT_FALSE(matcher.matches("<frame/>")) << expression;
+    }
+    EXPECT_TRUE(XPathMatcher("/").compiled());
+}
+
+TEST(XPathMatcherTest, DocumentWithADtdIsNotParsedEvenWhenPlainLibxml2WouldMatch)
+{
+    const std::string withDtd = "<!DOCTYPE frame [<!ELEMENT frame ANY>]><frame/>";
+    EXPECT_EQ(plainEvaluation("/frame", withDtd), 1);
+    XPathMatcher matcher("/frame");
+    EXPECT_FALSE(matcher.matches(withDtd));
+    EXPECT_FALSE(matcher.matches("<!DOCTYPE frame><frame/>"));
+    EXPECT_TRUE(matcher.matches("<frame/>")) << "the parser recovers from a refused document";
+}
+
+TEST(XPathMatcherTest, SizeBoundIsInclusive)
+{
+    XPathMatcher matcher("/a");
+    const std::string atBound = "<a>" + std::string(kMaxDocumentBytes - 7, 'x') + "</a>";
+    ASSERT_EQ(atBound.size(), kMaxDocumentBytes);
+    EXPECT_TRUE(matcher.matches(atBound));
+    EXPECT_FALSE(matcher.matches(atBound + " "));
+}
+
+TEST(XPathMatcherTest, KeepsMatchingAcrossParserRenewals)
+{
+    // Each document brings 2000 names of its own, so the parser's dictionary passes its bound
+    // several times over.
+    XPathMatcher matcher("count(/r/*) = 2000");
+    for (int doc = 0; doc < 200; ++doc) {
+        std::string text = "<r>";
+        for (int i = 0; i < 2000; ++i) {
+            text += "<n" + std::to_string(doc) + "_" + std::to_string(i) + "/>";
+        }
+        text += "</r>";
+        ASSERT_TRUE(matcher.matches(text)) << "document " << doc;
+    }
+}
+
+TEST(XPathMatcherTest, ExpensiveEvaluationIsCutShortAndDoesNotMatch)
+{
+    // Quadratic in the number of elements: about 64 million steps, beyond the bound.
+    std::string text = "<r>";
+    for (int i = 0; i < 8000; ++i) text += "<a/>";
+    text += "</r>";
+    XPathMatcher matcher("count(//a[count(//a) > 0]) > 0");
+    EXPECT_FALSE(matcher.matches(text));
+    EXPECT_TRUE(XPathMatcher("count(//a) = 8000").matches(text));
+}
+
+// Runs fn with standard error sent to a file, and returns what was written there.
+template <typename Fn>
+std::string captureStandardError(Fn fn)
+{
+    char path[] = "/tmp/rs-stderr-XXXXXX";
+    const int file = mkstemp(path);
+    const int saved = dup(2);
+    fflush(stderr);
+    dup2(file, 2);
+    fn();
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string written;
+    char buffer[256];
+    lseek(file, 0, SEEK_SET);
+    for (ssize_t n; (n = read(file, buffer, sizeof buffer)) > 0;) written.append(buffer, n);
+    close(file);
+    unlink(path);
+    return written;
+}
+
+TEST(XmlLibraryTest, NoLibxml2MessageReachesStandardErrorFromAnyThread)
+{
+    initialiseXmlLibrary();
+    const std::string written = captureStandardError([] {
+        // A thread that starts after the set-up, as a search's worker does.
+        std::thread worker([] {
+            XPathMatcher badExpression("//object[");
+            XPathMatcher evaluationError("count(1)");
+            evaluationError.matches("<frame/>");
+            evaluationError.matches("<frame><unclosed></frame>");
+            // Plain libxml2 calls on the same thread, with its default reporting.
+            plainEvaluation("//object[", "<frame><unclosed></frame>");
+            plainEvaluation("count(1)", "<frame/>");
+        });
+        worker.join();
+    });
+    EXPECT_EQ(written, "");
+}
+
+}  // namespace
