@@ -1,0 +1,175 @@
+// recording_store as a process: generate, import and serve, readiness, stop signals, exit
+// codes and the one-line errors.
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "kavro/recording_initiators.h"
+#include "support/PrivateBus.h"
+#include "support/ProcessRunner.h"
+#include "unit/store/StoreTestFiles.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using storetest::ScratchDir;
+using testing::HasSubstr;
+
+const std::string kStore = std::string(RS_BIN_DIR) + "/recording_store";
+
+bool oneLine(const std::string& text)
+{
+    return !text.empty() && text.find('\n') == text.size() - 1;
+}
+
+class StoreProcess : public testing::Test {
+protected:
+    std::map<std::string, std::string> busEnv() const
+    {
+        return {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()}};
+    }
+
+    std::string generated(const std::string& name)
+    {
+        const std::string path = dir_.file(name);
+        const rstest::RunResult run = rstest::runToEnd(kStore, {"generate", path, "--duration", "10m"});
+        EXPECT_TRUE(run.status.exited && run.status.code == 0) << run.err;
+        return path;
+    }
+
+    ScratchDir dir_;
+    rstest::PrivateBus bus_;
+};
+
+TEST_F(StoreProcess, ServesAGeneratedRecordingUntilSigterm)
+{
+    const std::string path = generated("demo.db");
+    rstest::ProcessRunner serve(kStore, {"serve", path}, busEnv());
+    serve.start();
+    ASSERT_TRUE(serve.waitForNotify("READY=1"));
+    {
+        rstest::ScopedBusAddress address(bus_.address());
+        void* data = nullptr;
+        ASSERT_EQ(kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &data, nullptr, nullptr), 0);
+        unsigned cs = 0, cu = 0, ps = 0, pu = 0, ns = 0, nu = 0;
+        char* document = nullptr;
+        EXPECT_EQ(kavro_api_recording_data_access_get_metadata_send(data, "recording_data_access",
+                                                                    1704067200, 0, &cs, &cu, &ps, &pu,
+                                                                    &ns, &nu, &document), 0);
+        ASSERT_NE(document, nullptr);
+        EXPECT_THAT(document, HasSubstr("<MetadataStream"));
+        EXPECT_EQ(cs, 1704067200u);
+        EXPECT_EQ(std::make_pair(ps, pu), std::make_pair(0u, 0u));
+        EXPECT_TRUE(cs < ns || (cs == ns && cu < nu));
+        std::free(document);
+        kavro_api_recording_data_access_initiator_deinit(data);
+    }
+    serve.sendSignal(SIGTERM);
+    const auto status = serve.waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 0);
+    EXPECT_EQ(serve.stderrText(), "");
+    EXPECT_EQ(serve.stdoutText(), "");
+}
+
+TEST_F(StoreProcess, ASecondInstanceCannotTakeTheNamesAndSaysSo)
+{
+    const std::string path = generated("demo.db");
+    rstest::ProcessRunner first(kStore, {"serve", path}, busEnv());
+    first.start();
+    ASSERT_TRUE(first.waitForNotify("READY=1"));
+    rstest::ProcessRunner second(kStore, {"serve", path}, busEnv());
+    second.start();
+    const auto status = second.waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_THAT(second.stderrText(), HasSubstr("cannot own kavro.recording_control"));
+    EXPECT_TRUE(oneLine(second.stderrText())) << second.stderrText();
+    first.sendSignal(SIGINT);
+    ASSERT_TRUE(first.waitForExit());
+}
+
+TEST_F(StoreProcess, EndsWithAnErrorWhenTheBusGoesAway)
+{
+    const std::string path = generated("demo.db");
+    rstest::ProcessRunner serve(kStore, {"serve", path}, busEnv());
+    serve.start();
+    ASSERT_TRUE(serve.waitForNotify("READY=1"));
+    bus_.kill();
+    const auto status = serve.waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_THAT(serve.stderrText(), HasSubstr("the bus went away"));
+}
+
+struct UnservableCase {
+    const char* name;
+    std::function<std::string(const ScratchDir&)> make;
+    const char* message;
+};
+
+class UnservableFile : public StoreProcess, public testing::WithParamInterface<UnservableCase> {};
+
+TEST_P(UnservableFile, IsOneLineOnStandardErrorAndExitStatusOne)
+{
+    const std::string path = GetParam().make(dir_);
+    rstest::ProcessRunner serve(kStore, {"serve", path}, busEnv());
+    serve.start();
+    const auto status = serve.waitForExit();
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->code, 1);
+    EXPECT_TRUE(oneLine(serve.stderrText())) << serve.stderrText();
+    EXPECT_THAT(serve.stderrText(), HasSubstr(path + ": " + GetParam().message));
+    EXPECT_THAT(serve.notifications(), testing::Not(testing::Contains("READY=1")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, UnservableFile,
+    testing::Values(
+        UnservableCase{"Missing", [](const ScratchDir& d) { return d.file("none.db"); }, "cannot open"},
+        UnservableCase{"NotADatabase",
+                       [](const ScratchDir& d) { return d.write("x.db", std::string(8192, 'x')); },
+                       "not a recording"},
+        UnservableCase{"EmptyFile", [](const ScratchDir& d) { return d.write("e.db", ""); },
+                       "not a recording"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(StoreProcess, GenerateKeepsAnExistingFileUnlessForced)
+{
+    const std::string path = generated("demo.db");
+    const rstest::RunResult again = rstest::runToEnd(kStore, {"generate", path, "--duration", "1m"});
+    EXPECT_EQ(again.status.code, 1);
+    EXPECT_THAT(again.err, HasSubstr("already exists"));
+    const rstest::RunResult forced =
+        rstest::runToEnd(kStore, {"generate", path, "--duration", "1m", "--force", "--seed", "3"});
+    EXPECT_EQ(forced.status.code, 0) << forced.err;
+    EXPECT_THAT(forced.out, HasSubstr("2024-01-01T00:01:00Z"));
+    const rstest::RunResult badOption = rstest::runToEnd(kStore, {"generate", path, "--duration", "soon"});
+    EXPECT_NE(badOption.status.code, 0);
+    EXPECT_THAT(badOption.err, HasSubstr("--duration"));
+}
+
+TEST_F(StoreProcess, ImportReportsBadLinesAndLeavesNoFileBehind)
+{
+    const std::string events = dir_.write("e.csv", "100,0,1\n100,1,one,VIDEO001\n");
+    const std::string target = dir_.file("mine.db");
+    const rstest::RunResult bad = rstest::runToEnd(kStore, {"import", target, "--events", events});
+    EXPECT_EQ(bad.status.code, 1);
+    EXPECT_THAT(bad.err, HasSubstr(events + ":2: value \"one\" is not 0 or 1"));
+    EXPECT_THAT(bad.err, HasSubstr("nothing was loaded"));
+    EXPECT_FALSE(std::filesystem::exists(target));
+
+    dir_.write("e.csv", "100,0,1\n100,1,1,VIDEO001\n");
+    const rstest::RunResult good = rstest::runToEnd(kStore, {"import", target, "--events", events});
+    EXPECT_EQ(good.status.code, 0) << good.err;
+    EXPECT_THAT(good.out, HasSubstr("loaded 1 history events (2 properties)"));
+}
+
+}  // namespace
