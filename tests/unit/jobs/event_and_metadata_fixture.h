@@ -2,6 +2,7 @@
 // scripted recording services, and the records of one search in a form that prints well.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -182,6 +183,35 @@ private:
     std::condition_variable changed_;
     int waiting_ = 0;
     bool open_ = false;
+};
+
+// When each request of one kind reached the scripted service, to check the walk's pause.
+class RequestClock {
+public:
+    void tick()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        times_.push_back(std::chrono::steady_clock::now());
+    }
+    // The shortest time between two consecutive requests; max() with fewer than two.
+    std::chrono::steady_clock::duration shortestGap() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto shortest = std::chrono::steady_clock::duration::max();
+        for (size_t i = 1; i < times_.size(); ++i) {
+            shortest = std::min(shortest, times_[i] - times_[i - 1]);
+        }
+        return shortest;
+    }
+    size_t count() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return times_.size();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::chrono::steady_clock::time_point> times_;
 };
 
 }  // namespace walktest

@@ -229,4 +229,18 @@ TEST_F(EventWalkTest, FivePropertiesWhenTwoResultsRemainReportTwoAndEndTheWalk)
         << log.dump();
 }
 
+TEST_F(EventWalkTest, PausesAtLeast500MicrosecondsBetweenHistoryRequests)
+{
+    RequestClock clock;
+    auto* s = &*services;
+    services->scriptGetRecordingHistoryEvent(
+        [&clock, s](rstest::StoreTime t) -> rstest::Reply<rstest::HistoryEventAnswer> {
+            clock.tick();
+            return *s->modelHistoryEvent(t);
+        });
+    run(createEvent({90, 0}, {140, 0}));
+    EXPECT_EQ(clock.count(), 4u);
+    EXPECT_GE(clock.shortestGap(), std::chrono::microseconds(500));
+}
+
 }  // namespace

@@ -187,4 +187,19 @@ TEST_F(MetadataWalkTest, DocumentBeforeTheRangeIsSkippedUnevaluated)
         << log.dump();
 }
 
+TEST_F(MetadataWalkTest, PausesAtLeast500MicrosecondsAfterEveryFetch)
+{
+    RequestClock clock;
+    auto* s = &*services;
+    services->scriptGetMetadata(
+        [&clock, s](rstest::StoreTime t) -> Reply<rstest::MetadataAnswer> {
+            clock.tick();
+            return *s->modelMetadata(t);
+        });
+    // Matching, not matching, not parsing and skipped answers alike.
+    run(createMetadata({201, 500000}, {208, 0}, -1, "//object[@class='person']"));
+    EXPECT_EQ(clock.count(), 4u);
+    EXPECT_GE(clock.shortestGap(), std::chrono::microseconds(500));
+}
+
 }  // namespace
