@@ -44,7 +44,8 @@ struct Recording::Statements {
                   "SELECT value FROM properties WHERE key = ?1 AND track_id = ?2 AND t <= ?3 "
                   "ORDER BY t DESC, event_id DESC, position DESC LIMIT 1"),
           firstOn(db,
-                  "SELECT min(t) FROM properties WHERE key = 1 AND track_id = ?1 AND value = 1"),
+                  "SELECT t FROM properties WHERE key = 1 AND track_id = ?1 AND value = 1 "
+                  "ORDER BY t LIMIT 1"),
           lastChange(db,
                      "SELECT t, value FROM properties WHERE key = 1 AND track_id = ?1 "
                      "ORDER BY t DESC, event_id DESC, position DESC LIMIT 1")
