@@ -93,7 +93,7 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     metadata->footer(std::string(kTimeHelp) +
                      "\nExamples:\n"
                      "  recsearch metadata 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z "
-                     "'//Object[Class/Type=\"Human\"]'\n"
+                     "'//Object[Appearance/Class/Type=\"Person\"]'\n"
                      "  recsearch metadata 1795428000 1795431600 '' --max 5    # any document\n");
 
     auto* noop = app.add_subcommand("noop", "a search that finds nothing and completes at once");
@@ -112,7 +112,10 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
 
     app.footer(std::string("\n") + kTimeHelp + "\n" + kExitCodes +
                "\nThe service is found on the system bus; DBUS_SYSTEM_BUS_ADDRESS points "
-               "elsewhere.\nRun `recsearch SUBCOMMAND --help` for examples.\n");
+               "elsewhere.\n\nExamples (more with `recsearch SUBCOMMAND --help`):\n"
+               "  recsearch events 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z --start-state\n"
+               "  recsearch metadata 1795428000 1795431600 '//Object' --json\n"
+               "  recsearch state 3\n");
 
     try {
         app.parse(argc, argv);

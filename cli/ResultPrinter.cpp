@@ -9,6 +9,9 @@ namespace recsearch {
 
 namespace {
 
+// Keys in the order a person reads them: which search, what, when, then the details.
+using Json = nlohmann::ordered_json;
+
 const char* stateName(uint32_t state)
 {
     switch (state) {
@@ -47,15 +50,17 @@ std::string printable(const std::string& text)
 
 std::string bothTimes(TimePoint t) { return isoText(t) + " (" + secondsText(t) + ")"; }
 
-void putJson(std::ostream& out, const nlohmann::json& j)
+void putJson(std::ostream& out, const Json& j)
 {
     // Invalid UTF-8 in a track name must not end the run.
-    out << j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n' << std::flush;
+    out << j.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
 }
 
-nlohmann::json timeJson(TimePoint t)
+void addTime(Json& j, TimePoint t)
 {
-    return {{"sec", t.sec}, {"usec", t.usec}, {"time", isoText(t)}};
+    j["time"] = isoText(t);
+    j["sec"] = t.sec;
+    j["usec"] = t.usec;
 }
 
 }  // namespace
@@ -63,8 +68,8 @@ nlohmann::json timeJson(TimePoint t)
 void ResultPrinter::result(const SearchResult& r)
 {
     if (json_) {
-        nlohmann::json j = {{"job", r.jobId}, {"kind", kindName(r.kind)}};
-        j.update(timeJson(r.time));
+        Json j = {{"job", r.jobId}, {"kind", kindName(r.kind)}};
+        addTime(j, r.time);
         if (r.kind == SearchResult::Kind::TrackState) j["track"] = r.track;
         if (r.kind != SearchResult::Kind::Metadata) {
             j["on"] = r.on;
@@ -100,8 +105,8 @@ void ResultPrinter::state(uint32_t jobId, uint32_t state)
 void ResultPrinter::ended(uint32_t jobId, TimePoint reached)
 {
     if (json_) {
-        nlohmann::json j = {{"job", jobId}, {"kind", "ended"}};
-        j.update(timeJson(reached));
+        Json j = {{"job", jobId}, {"kind", "ended"}};
+        addTime(j, reached);
         putJson(out_, j);
         return;
     }
@@ -113,10 +118,10 @@ void ResultPrinter::searchEnded(uint32_t jobId, TimePoint reached, std::size_t r
                                 bool interrupted)
 {
     if (json_) {
-        nlohmann::json j = {{"job", jobId},
+        Json j = {{"job", jobId},
                             {"kind", interrupted ? "interrupted" : "completed"},
                             {"results", results}};
-        j.update(timeJson(reached));
+        addTime(j, reached);
         putJson(out_, j);
         return;
     }

@@ -1,0 +1,190 @@
+#!/usr/bin/env bash
+# Builds what is missing, then runs the whole stack on a private bus: a generated sample
+# recording served by recording_store, recording_search, and two searches through recsearch.
+# Everything it starts is stopped again on the way out, also on Ctrl-C or a failure.
+#
+#   scripts/demo.sh             run the two searches and stop
+#   scripts/demo.sh --keep      leave the stack running for your own recsearch calls, until Ctrl-C
+#   scripts/demo.sh --bin DIR   use the binaries in DIR (say build/asan/bin) instead of setting up
+#                               and building build/default
+set -euo pipefail
+
+usage() {
+  sed -n '2,9s/^# \{0,1\}//p' "$0"
+}
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+keep=0
+bin=""
+while (($#)); do
+  case "$1" in
+    --keep) keep=1 ;;
+    --bin)
+      [ $# -ge 2 ] || { echo "demo: --bin needs a directory" >&2; exit 2; }
+      bin=$(cd "$2" && pwd)
+      shift ;;
+    -h|--help) usage; exit 0 ;;
+    *) echo "demo: unknown option $1" >&2; usage >&2; exit 2 ;;
+  esac
+  shift
+done
+# The sample: one hour from 2024-01-01T00:00:00Z (the generator's default start).
+from=2024-01-01T00:00:00Z
+to=2024-01-01T01:00:00Z
+events_to=2024-01-01T00:15:00Z
+meta_to=2024-01-01T00:10:00Z
+xpath='//Object[Appearance/Class/Type="Person"]'
+
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+tmp=""
+pids=()   # in start order: bus, store, service
+names=()
+
+# Stops what was started, newest first: SIGTERM, and SIGKILL for anything still there after 5 s.
+stop_all() {
+  local i pid
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+    pid=${pids[i]}
+    kill -0 "$pid" 2>/dev/null || continue
+    kill -TERM "$pid" 2>/dev/null || true
+    for _ in $(seq 50); do
+      kill -0 "$pid" 2>/dev/null || break
+      sleep 0.1
+    done
+    if kill -0 "$pid" 2>/dev/null; then
+      echo "demo: ${names[i]} did not stop within 5 s; killing it" >&2
+      kill -KILL "$pid" 2>/dev/null || true
+    fi
+    wait "$pid" 2>/dev/null || true
+  done
+  pids=()
+}
+
+on_exit() {
+  local status=$?
+  trap - EXIT INT TERM
+  stop_all
+  if [ "$status" -ne 0 ] && [ "$stopped" -eq 0 ] && [ -n "$tmp" ] && [ -s "$tmp/kavro.log" ]; then
+    echo "demo: failed; the last lines the services logged:" >&2
+    tail -n 20 "$tmp/kavro.log" >&2
+  fi
+  [ -n "$tmp" ] && rm -rf "$tmp"
+  exit "$status"
+}
+trap on_exit EXIT
+stopped=0
+trap 'stopped=1; exit 130' INT
+trap 'stopped=1; exit 143' TERM
+
+start() {  # NAME COMMAND...: runs it in the background with the demo's bus and log
+  local name=$1
+  shift
+  DBUS_SYSTEM_BUS_ADDRESS=$address KAVRO_LOG_FILE=$tmp/kavro.log "$@" \
+    >"$tmp/$name.out" 2>"$tmp/$name.err" &
+  pids+=($!)
+  names+=("$name")
+}
+
+# Waits until NAME owns the bus name, or fails when its process has died or 10 s have passed.
+wait_for_name() {
+  local name=$1 busname=$2 pid=${pids[-1]}
+  for _ in $(seq 200); do
+    if dbus-send --bus="$address" --print-reply --dest=org.freedesktop.DBus / \
+         org.freedesktop.DBus.NameHasOwner "string:$busname" 2>/dev/null | grep -q 'boolean true'; then
+      return 0
+    fi
+    if ! kill -0 "$pid" 2>/dev/null; then
+      echo "demo: $name exited before it owned $busname:" >&2
+      cat "$tmp/$name.err" >&2
+      return 1
+    fi
+    sleep 0.05
+  done
+  echo "demo: $name did not own $busname within 10 s" >&2
+  return 1
+}
+
+if [ -z "$bin" ]; then
+  say "Setting up (missing packages, then a build of build/default)"
+  "$root/scripts/setup.sh"
+  bin=$root/build/default/bin
+fi
+
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/recsearch-demo.XXXXXX")
+
+say "Generating a sample recording"
+# Two video tracks and one audio track that switch often, so that an hour has plenty to find.
+"$bin/recording_store" generate "$tmp/sample.db" --seed 7 --start "$from" --duration 1h \
+  --video-tracks 2 --audio-tracks 1 --recording-on 900 --recording-off 60 \
+  --track-on 300 --track-off 30
+
+say "Starting a private bus, recording_store and recording_search"
+cat >"$tmp/bus.conf" <<EOF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path=$tmp/bus.socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+EOF
+mkfifo "$tmp/address"
+dbus-daemon --config-file="$tmp/bus.conf" --nofork --print-address=1 >"$tmp/address" \
+  2>"$tmp/bus.err" &
+pids+=($!)
+names+=(dbus-daemon)
+if ! read -r -t 10 address <"$tmp/address"; then
+  echo "demo: dbus-daemon did not start:" >&2
+  cat "$tmp/bus.err" >&2
+  exit 1
+fi
+echo "bus: $address"
+
+start recording_store "$bin/recording_store" serve "$tmp/sample.db"
+wait_for_name recording_store kavro.recording_data_access
+start recording_search "$bin/recording_search"
+wait_for_name recording_search kavro.recording_search
+echo "recording_store and recording_search are serving (log: KAVRO_LOG_FILE=$tmp/kavro.log)"
+
+recsearch() {
+  echo "\$ recsearch $*"
+  DBUS_SYSTEM_BUS_ADDRESS=$address "$bin/recsearch" "$@"
+}
+
+say "Event search with the state at the start (first quarter hour)"
+recsearch events "$from" "$events_to" --start-state
+
+say "Metadata search: frames with a person in them (first 10)"
+recsearch metadata "$from" "$meta_to" "$xpath" --max 10
+
+if [ "$keep" -eq 0 ]; then
+  say "Stopping"
+  stop_all
+  echo "done"
+  exit 0
+fi
+
+say "The stack keeps running until Ctrl-C. Paste these into another shell:"
+cat <<EOF
+export DBUS_SYSTEM_BUS_ADDRESS='$address'
+$bin/recsearch events $from $to --start-state
+$bin/recsearch metadata $from $meta_to '$xpath' --json
+$bin/recsearch events $to $from --max 5
+$bin/recsearch noop
+$bin/recsearch --help
+EOF
+# Returns when one of them exits by itself, or at Ctrl-C (the trap then stops the rest).
+wait -n "${pids[@]}" || true
+echo "demo: something stopped by itself:" >&2
+for i in "${!pids[@]}"; do
+  kill -0 "${pids[i]}" 2>/dev/null || { echo "  ${names[i]}:" >&2; cat "$tmp/${names[i]}.err" >&2 2>/dev/null || true; }
+done
+exit 1

@@ -1,0 +1,596 @@
+// recsearch as a person or a script uses it: the real binaries on a bus of each test's own.
+#include <signal.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/PrivateBus.h"
+#include "support/ProcessRunner.h"
+#include "support/SearchClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using rstest::SearchSignal;
+using Kind = SearchSignal::Kind;
+
+std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
+
+// The sample recording: one hour from 2024-01-01T00:00:00Z.
+constexpr uint32_t kFrom = 1704067200;
+constexpr uint32_t kTo = kFrom + 3600;
+const char* const kPersonXPath = "//Object[Appearance/Class/Type=\"Person\"]";
+
+// Generated once per test binary; the directory goes when the binary ends.
+class SampleRecording {
+public:
+    static const std::string& path()
+    {
+        static SampleRecording sample;
+        return sample.file_;
+    }
+
+private:
+    SampleRecording()
+    {
+        const char* base = std::getenv("TMPDIR");
+        dir_ = std::string(base && *base ? base : "/tmp") + "/recsearch-test-XXXXXX";
+        if (!mkdtemp(dir_.data())) throw std::runtime_error("mkdtemp failed");
+        file_ = dir_ + "/sample.db";
+        const auto r = rstest::runToEnd(
+            bin("recording_store"),
+            {"generate", file_, "--seed", "11", "--start", "2024-01-01T00:00:00Z", "--duration",
+             "1h", "--video-tracks", "2", "--audio-tracks", "1", "--recording-on", "900",
+             "--recording-off", "60", "--track-on", "300", "--track-off", "30"});
+        if (!r.status.exited || r.status.code != 0) {
+            throw std::runtime_error("recording_store generate failed: " + r.err);
+        }
+    }
+    ~SampleRecording()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+    }
+
+    std::string dir_;
+    std::string file_;
+};
+
+// A private bus with recording_store serving the sample and, unless told otherwise,
+// recording_search; both are stopped with SIGTERM at the end.
+class Stack {
+public:
+    explicit Stack(bool withService = true)
+    {
+        env_ = {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()}};
+        store_ = startAndWait("recording_store", {"serve", SampleRecording::path()});
+        if (withService) service_ = startAndWait("recording_search", {});
+    }
+
+    ~Stack()
+    {
+        for (auto* p : {service_.get(), store_.get()}) {
+            if (p == nullptr || p->exitedWithin(0ms)) continue;
+            p->sendSignal(SIGTERM);
+            p->waitForExit(10s);
+        }
+    }
+
+    const std::string& address() const { return bus_.address(); }
+    const std::map<std::string, std::string>& env() const { return env_; }
+    rstest::ProcessRunner& service() { return *service_; }
+    rstest::PrivateBus& bus() { return bus_; }
+
+    rstest::RunResult recsearch(const std::vector<std::string>& args) const
+    {
+        return rstest::runToEnd(bin("recsearch"), args, env_, 60s);
+    }
+
+    std::unique_ptr<rstest::ProcessRunner> startRecsearch(const std::vector<std::string>& args) const
+    {
+        auto p = std::make_unique<rstest::ProcessRunner>(bin("recsearch"), args, env_);
+        p->start();
+        return p;
+    }
+
+private:
+    std::unique_ptr<rstest::ProcessRunner> startAndWait(const std::string& name,
+                                                        std::vector<std::string> args)
+    {
+        auto p = std::make_unique<rstest::ProcessRunner>(bin(name), std::move(args), env_);
+        p->start();
+        if (!p->waitForNotify("READY=1", 10s)) {
+            throw std::runtime_error(name + " did not become ready: " + p->stderrText());
+        }
+        return p;
+    }
+
+    rstest::PrivateBus bus_;
+    std::map<std::string, std::string> env_;
+    std::unique_ptr<rstest::ProcessRunner> store_;
+    std::unique_ptr<rstest::ProcessRunner> service_;
+};
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+std::string describe(const rstest::RunResult& r)
+{
+    return "exit " + std::to_string(r.status.code) + " (signal " +
+           std::to_string(r.status.termSignal) + ")\nstdout:\n" + r.out + "\nstderr:\n" + r.err;
+}
+
+// Seconds since 1970 of "YYYY-MM-DDTHH:MM:SS.ffffffZ", worked out independently of recsearch.
+std::pair<uint32_t, uint32_t> isoSeconds(const std::string& iso)
+{
+    std::tm tm{};
+    const char* rest = strptime(iso.c_str(), "%Y-%m-%dT%H:%M:%S", &tm);
+    EXPECT_NE(rest, nullptr) << iso;
+    unsigned usec = 0;
+    EXPECT_EQ(std::sscanf(rest ? rest : "", ".%6uZ", &usec), 1) << iso;
+    return {uint32_t(timegm(&tm)), usec};
+}
+
+std::pair<uint32_t, uint32_t> secondsField(const std::string& text)
+{
+    unsigned sec = 0, usec = 0;
+    EXPECT_EQ(std::sscanf(text.c_str(), "%u.%6u", &sec, &usec), 2) << text;
+    return {sec, usec};
+}
+
+// --json output: the results, then the summary object.
+struct JsonRun {
+    std::vector<SearchSignal> results;
+    nlohmann::json summary;
+};
+
+JsonRun parseJson(const std::string& out)
+{
+    JsonRun run;
+    for (const auto& line : lines(out)) {
+        const auto j = nlohmann::json::parse(line);
+        const std::string kind = j.at("kind");
+        SearchSignal s;
+        s.sec = j.at("sec");
+        s.usec = j.at("usec");
+        EXPECT_EQ(isoSeconds(j.at("time")), std::make_pair(s.sec, s.usec)) << line;
+        if (kind == "completed" || kind == "interrupted") {
+            run.summary = j;
+            continue;
+        }
+        EXPECT_TRUE(run.summary.is_null()) << "a result after the summary: " << line;
+        if (kind == "metadata") {
+            s.kind = Kind::MetadataSearchResult;
+        } else {
+            s.kind = kind == "track" ? Kind::TrackStateEventSearchResult
+                                     : Kind::RecordingStateEventSearchResult;
+            if (kind == "track") s.trackName = j.at("track");
+            s.state = j.at("on").get<bool>();
+            s.startState = j.at("start_state").get<bool>();
+        }
+        run.results.push_back(s);
+    }
+    return run;
+}
+
+// A readable line: ISO time, seconds, then "metadata match", "recording on|off" or
+// "track NAME on|off", then "(start state)" when it is one.
+SearchSignal parseTextLine(const std::string& line)
+{
+    static const std::regex form(
+        R"(^(\S+)  (\S+)  (?:(metadata match)|recording (on|off)|track (.+) (on|off))(  \(start state\))?$)");
+    std::smatch m;
+    SearchSignal s;
+    if (!std::regex_match(line, m, form)) {
+        ADD_FAILURE() << "unexpected result line: " << line;
+        return s;
+    }
+    std::tie(s.sec, s.usec) = secondsField(m[2]);
+    EXPECT_EQ(isoSeconds(m[1]), std::make_pair(s.sec, s.usec)) << "the two times differ: " << line;
+    if (m[3].matched) {
+        s.kind = Kind::MetadataSearchResult;
+    } else if (m[4].matched) {
+        s.kind = Kind::RecordingStateEventSearchResult;
+        s.state = m[4] == "on";
+    } else {
+        s.kind = Kind::TrackStateEventSearchResult;
+        s.trackName = m[5];
+        s.state = m[6] == "on";
+    }
+    s.startState = m[7].matched;
+    return s;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Results: what recsearch prints is what the service sends for the same search.
+
+struct SearchCase {
+    std::string name;
+    std::vector<std::string> args;
+    std::function<rstest::CallResult<int32_t>(rstest::SearchClient&)> create;
+    bool findsSomething = true;  // the sample holds matches: an empty answer is a fault
+};
+
+std::ostream& operator<<(std::ostream& os, const SearchCase& c) { return os << c.name; }
+
+// The same search made directly: its results, in order, with job ids cleared.
+std::vector<SearchSignal> expectedResults(const Stack& stack, const SearchCase& c)
+{
+    rstest::SearchClient client(stack.address());
+    const auto created = c.create(client);
+    EXPECT_TRUE(created.ok() && created.value >= 0) << created.errorMessage;
+    const auto jobId = uint32_t(created.value);
+    EXPECT_TRUE(client.beginSearch(jobId).ok());
+    EXPECT_TRUE(client.waitForCompleted(jobId, 60s));
+    EXPECT_TRUE(client.endSearch(jobId).ok());
+    std::vector<SearchSignal> results;
+    for (auto s : client.signalsFor(jobId)) {
+        if (s.kind == Kind::SearchCompleted) continue;
+        s.jobId = 0;
+        results.push_back(s);
+    }
+    return results;
+}
+
+class RecsearchResults : public testing::TestWithParam<SearchCase> {};
+
+TEST_P(RecsearchResults, PrintsExactlyWhatTheServiceSendsForTheSearch)
+{
+    Stack stack;
+    const auto expected = expectedResults(stack, GetParam());
+    EXPECT_EQ(!expected.empty(), GetParam().findsSomething);
+
+    auto args = GetParam().args;
+    args.push_back("--json");
+    const auto json = stack.recsearch(args);
+    ASSERT_TRUE(json.status.exited && json.status.code == 0) << describe(json);
+    const auto run = parseJson(json.out);
+    EXPECT_EQ(run.results, expected);
+    ASSERT_FALSE(run.summary.is_null()) << json.out;
+    EXPECT_EQ(run.summary.at("kind"), "completed");
+    EXPECT_EQ(run.summary.at("results"), expected.size());
+
+    const auto text = stack.recsearch(GetParam().args);
+    ASSERT_TRUE(text.status.exited && text.status.code == 0) << describe(text);
+    std::vector<SearchSignal> printed;
+    for (const auto& line : lines(text.out)) printed.push_back(parseTextLine(line));
+    EXPECT_EQ(printed, expected);
+    EXPECT_NE(text.err.find("completed: " + std::to_string(expected.size()) + " results"),
+              std::string::npos)
+        << text.err;
+    // Piped: no progress line.
+    EXPECT_EQ(text.err.find('\r'), std::string::npos);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Searches, RecsearchResults,
+    testing::Values(
+        SearchCase{"EventsForwardWithStartState",
+                   {"events", "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "--start-state"},
+                   [](rstest::SearchClient& c) {
+                       return c.createEventSearch(kFrom, 0, kTo, 0, -1, 0, 0, 1);
+                   }},
+        SearchCase{"EventsBackwardLimited",
+                   {"events", std::to_string(kTo), std::to_string(kFrom), "--max", "7"},
+                   [](rstest::SearchClient& c) {
+                       return c.createEventSearch(kTo, 0, kFrom, 0, 7, 0, 0, 0);
+                   }},
+        SearchCase{"EventsFractionalTimesBothForms",
+                   {"events", "2024-01-01T00:10:00.25Z", "1704069000.5", "-s", "--flag2"},
+                   [](rstest::SearchClient& c) {
+                       return c.createEventSearch(kFrom + 600, 250000, 1704069000, 500000, -1,
+                                                  0, 1, 1);
+                   }},
+        SearchCase{"MetadataPersonFirstTwenty",
+                   {"metadata", "2024-01-01T00:00:00Z", "2024-01-01T00:05:00Z", kPersonXPath,
+                    "-n", "20"},
+                   [](rstest::SearchClient& c) {
+                       return c.createMetadataSearch(kFrom, 0, kFrom + 300, 0, 20, kPersonXPath);
+                   }},
+        SearchCase{"MetadataNothingMatches",
+                   {"metadata", std::to_string(kFrom), std::to_string(kFrom + 20),
+                    "//Object[Appearance/Class/Type=\"Dragon\"]"},
+                   [](rstest::SearchClient& c) {
+                       return c.createMetadataSearch(kFrom, 0, kFrom + 20, 0, -1,
+                                                     "//Object[Appearance/Class/Type=\"Dragon\"]");
+                   },
+                   false},
+        SearchCase{"Noop", {"noop"}, [](rstest::SearchClient& c) { return c.createNoopSearch(); },
+                   false}),
+    [](const testing::TestParamInfo<SearchCase>& info) { return info.param.name; });
+
+// ---------------------------------------------------------------------------------------------
+// A search that is cut short: by Ctrl-C, or by the service going away.
+
+// Every document matches, so a search of the whole hour runs for seconds and streams results.
+const std::vector<std::string> kLongSearch{"metadata", std::to_string(kFrom), std::to_string(kTo),
+                                           ""};
+
+uint32_t jobIdFromBegun(const std::string& err)
+{
+    std::smatch m;
+    static const std::regex begun("metadata search (\\d+) begun");
+    EXPECT_TRUE(std::regex_search(err, m, begun)) << err;
+    return m.empty() ? 0 : uint32_t(std::stoul(m[1]));
+}
+
+TEST(RecsearchInterrupt, CtrlCEndsTheSearchAndSaysHowFarItGot)
+{
+    Stack stack;
+    auto rs = stack.startRecsearch(kLongSearch);
+    ASSERT_TRUE(rs->waitForStderr("begun", 10s)) << rs->stderrText();
+    rs->sendSignal(SIGINT);
+    const auto status = rs->waitForExit(20s);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 130) << rs->stderrText();
+
+    const std::string err = rs->stderrText();
+    const uint32_t jobId = jobIdFromBegun(err);
+    std::smatch m;
+    static const std::regex summary(
+        R"(interrupted: search (\d+) ended after (\d+) results; it had searched through (\S+) \((\S+)\))");
+    ASSERT_TRUE(std::regex_search(err, m, summary)) << err;
+    EXPECT_EQ(std::stoul(m[1]), jobId);
+    const auto printed = lines(rs->stdoutText());
+    EXPECT_EQ(std::stoul(m[2]), printed.size());
+    const auto reached = secondsField(m[4]);
+    EXPECT_EQ(isoSeconds(m[3]), reached);
+    EXPECT_GE(reached.first, kFrom);
+    EXPECT_LT(reached.first, kTo) << "the walk takes seconds; it cannot have finished";
+    if (!printed.empty()) {
+        const auto last = parseTextLine(printed.back());
+        EXPECT_GE(reached, std::make_pair(last.sec, last.usec)) << "reported less than it printed";
+    }
+
+    // Ended on the service, not just abandoned.
+    rstest::SearchClient client(stack.address());
+    const auto state = client.getSearchState(jobId);
+    ASSERT_TRUE(state.ok());
+    EXPECT_EQ(state.value.state, 0u);
+}
+
+enum class Departure { ServiceStops, ServiceCrashes, BusGoes };
+
+class RecsearchDeparture : public testing::TestWithParam<Departure> {};
+
+TEST_P(RecsearchDeparture, EndsWithAClearMessageInsteadOfWaiting)
+{
+    Stack stack;
+    auto rs = stack.startRecsearch(kLongSearch);
+    ASSERT_TRUE(rs->waitForStderr("begun", 10s)) << rs->stderrText();
+    switch (GetParam()) {
+    case Departure::ServiceStops: stack.service().sendSignal(SIGTERM); break;
+    case Departure::ServiceCrashes: stack.service().sendSignal(SIGKILL); break;
+    case Departure::BusGoes: stack.bus().kill(); break;
+    }
+    const auto status = rs->waitForExit(10s);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(status->exited);
+    EXPECT_EQ(status->code, 6) << rs->stderrText();
+    const std::string expected =
+        GetParam() == Departure::BusGoes ? "recsearch: lost the bus" : "recsearch: recording_search went away";
+    EXPECT_NE(rs->stderrText().find(expected), std::string::npos) << rs->stderrText();
+}
+
+INSTANTIATE_TEST_SUITE_P(Departures, RecsearchDeparture,
+                         testing::Values(Departure::ServiceStops, Departure::ServiceCrashes,
+                                         Departure::BusGoes),
+                         [](const testing::TestParamInfo<Departure>& info) {
+                             switch (info.param) {
+                             case Departure::ServiceStops: return "ServiceStops";
+                             case Departure::ServiceCrashes: return "ServiceCrashes";
+                             case Departure::BusGoes: return "BusGoes";
+                             }
+                             return "Unknown";
+                         });
+
+// ---------------------------------------------------------------------------------------------
+// state and end of a search that another client runs.
+
+TEST(RecsearchOtherClientsSearch, StateAndEndFollowTheSearchThroughItsLife)
+{
+    Stack stack;
+    rstest::SearchClient owner(stack.address());
+    const auto created = owner.createEventSearch(kFrom, 0, kTo, 0, -1, 0, 0, 0);
+    ASSERT_TRUE(created.ok() && created.value > 0);
+    const std::string id = std::to_string(created.value);
+
+    auto r = stack.recsearch({"state", id});
+    EXPECT_EQ(r.status.code, 0) << describe(r);
+    EXPECT_EQ(r.out, "job " + id + ": searching\n");
+
+    r = stack.recsearch({"state", id, "--json"});
+    EXPECT_EQ(r.status.code, 0) << describe(r);
+    EXPECT_EQ(nlohmann::json::parse(r.out),
+              (nlohmann::json{{"job", created.value}, {"state", 1}, {"state_name", "searching"}}));
+
+    ASSERT_TRUE(owner.beginSearch(uint32_t(created.value)).ok());
+    ASSERT_TRUE(owner.waitForCompleted(uint32_t(created.value), 30s));
+    r = stack.recsearch({"state", id});
+    EXPECT_EQ(r.out, "job " + id + ": completed\n") << describe(r);
+
+    r = stack.recsearch({"end", id, "--json"});
+    EXPECT_EQ(r.status.code, 0) << describe(r);
+    const auto ended = nlohmann::json::parse(r.out);
+    EXPECT_EQ(ended.at("job"), created.value);
+    EXPECT_EQ(ended.at("kind"), "ended");
+    EXPECT_EQ(isoSeconds(ended.at("time")),
+              std::make_pair(ended.at("sec").get<uint32_t>(), ended.at("usec").get<uint32_t>()));
+    EXPECT_EQ(ended.at("sec"), kTo) << "a completed forward search has searched to its end";
+
+    r = stack.recsearch({"state", id});
+    EXPECT_EQ(r.status.code, 7) << describe(r);
+    EXPECT_EQ(r.out, "job " + id + ": unknown (no such search)\n");
+    r = stack.recsearch({"end", id});
+    EXPECT_EQ(r.status.code, 7) << describe(r);
+    EXPECT_EQ(r.err, "recsearch: no search with job id " + id + "\n");
+}
+
+TEST(RecsearchOtherClientsSearch, EndStopsARunningSearchAndReportsItsPosition)
+{
+    Stack stack;
+    rstest::SearchClient owner(stack.address());
+    const auto created = owner.createMetadataSearch(kFrom, 0, kTo, 0, -1, "");
+    ASSERT_TRUE(created.ok() && created.value > 0);
+    const auto jobId = uint32_t(created.value);
+    ASSERT_TRUE(owner.beginSearch(jobId).ok());
+    ASSERT_TRUE(owner.waitForSignalCount(1, 10s));
+
+    const auto r = stack.recsearch({"end", std::to_string(jobId)});
+    EXPECT_EQ(r.status.code, 0) << describe(r);
+    std::smatch m;
+    static const std::regex form(R"(^job (\d+) ended; it had searched through (\S+) \((\S+)\)\n$)");
+    ASSERT_TRUE(std::regex_match(r.out, m, form)) << r.out;
+    EXPECT_EQ(std::stoul(m[1]), jobId);
+    const auto reached = secondsField(m[3]);
+    EXPECT_EQ(isoSeconds(m[2]), reached);
+    EXPECT_GE(reached.first, kFrom);
+    EXPECT_LT(reached.first, kTo) << "ended long before the walk could have finished";
+    EXPECT_TRUE(owner.waitForCompleted(jobId, 10s));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Errors: each its own line on standard error and its own exit code.
+
+struct ErrorCase {
+    std::string name;
+    std::vector<std::string> args;
+    int exitCode;
+    std::string message;  // a part of the one stderr line
+};
+
+std::ostream& operator<<(std::ostream& os, const ErrorCase& c) { return os << c.name; }
+
+class RecsearchServiceErrors : public testing::TestWithParam<ErrorCase> {};
+
+TEST_P(RecsearchServiceErrors, GiveOneLineAndTheirExitCode)
+{
+    Stack stack;
+    const auto r = stack.recsearch(GetParam().args);
+    EXPECT_TRUE(r.status.exited);
+    EXPECT_EQ(r.status.code, GetParam().exitCode) << describe(r);
+    EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
+    EXPECT_NE(r.err.find(GetParam().message), std::string::npos) << r.err;
+    EXPECT_EQ(r.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StatusErrors, RecsearchServiceErrors,
+    testing::Values(
+        ErrorCase{"EventStartMicrosecondsTooLarge",
+                  {"events", "1704067200.1000000", "1704070800"},
+                  5,
+                  "recsearch: recording_search answered CreateEventSearch with status 1"},
+        ErrorCase{"MetadataEndMicrosecondsTooLarge",
+                  {"metadata", "1704067200", "1704070800.1000000", "//Object"},
+                  5,
+                  "recsearch: recording_search answered CreateMetadataSearch with status 1"}),
+    [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
+
+TEST(RecsearchRefused, TwoRunningSearchesRefuseAThirdButNotANoop)
+{
+    Stack stack;
+    rstest::SearchClient holder(stack.address());
+    for (int i = 0; i < 2; ++i) {
+        const auto created = holder.createEventSearch(kFrom, 0, kTo, 0, -1, 0, 0, 0);
+        ASSERT_TRUE(created.ok() && created.value > 0);
+    }
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"events", std::to_string(kFrom), std::to_string(kTo)},
+             {"metadata", std::to_string(kFrom), std::to_string(kTo), "//Object"}}) {
+        const auto r = stack.recsearch(args);
+        EXPECT_EQ(r.status.code, 4) << describe(r);
+        EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
+        EXPECT_NE(r.err.find("refused"), std::string::npos) << r.err;
+        EXPECT_NE(r.err.find("job id -1"), std::string::npos) << r.err;
+    }
+    const auto noop = stack.recsearch({"noop"});
+    EXPECT_EQ(noop.status.code, 0) << describe(noop);
+}
+
+TEST(RecsearchUnreachable, NoServiceOnTheBus)
+{
+    Stack stack(/*withService=*/false);
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"events", std::to_string(kFrom), std::to_string(kTo)}, {"noop"}, {"state", "1"}}) {
+        const auto r = stack.recsearch(args);
+        EXPECT_EQ(r.status.code, 3) << describe(r);
+        EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
+        EXPECT_NE(r.err.find("recsearch: recording_search is not running"), std::string::npos)
+            << r.err;
+    }
+}
+
+TEST(RecsearchUnreachable, NoBus)
+{
+    const std::string nowhere = "unix:path=/nonexistent/recsearch-test-bus";
+    const auto r = rstest::runToEnd(bin("recsearch"), {"noop"},
+                                    {{"DBUS_SYSTEM_BUS_ADDRESS", nowhere}}, 30s);
+    EXPECT_EQ(r.status.code, 3) << describe(r);
+    EXPECT_EQ(r.err.rfind("recsearch: cannot connect to " + nowhere, 0), 0u) << r.err;
+    EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The command line itself; no bus needed.
+
+class RecsearchUsage : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(RecsearchUsage, BadCommandLinesExitWithTwo)
+{
+    const auto r = rstest::runToEnd(bin("recsearch"), GetParam(),
+                                    {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
+    EXPECT_EQ(r.status.code, 2) << describe(r);
+    EXPECT_FALSE(r.err.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, RecsearchUsage,
+    testing::Values(std::vector<std::string>{}, std::vector<std::string>{"search"},
+                    std::vector<std::string>{"events", "1704067200"},
+                    std::vector<std::string>{"events", "yesterday", "1704067200"},
+                    std::vector<std::string>{"events", "2024-01-01T00:00:00", "1704067200"},
+                    std::vector<std::string>{"events", "1704067200", "4294967296"},
+                    std::vector<std::string>{"events", "1", "2", "--max", "-3"},
+                    std::vector<std::string>{"metadata", "1", "2"},
+                    std::vector<std::string>{"state", "-1"},
+                    std::vector<std::string>{"end", "x"}));
+
+class RecsearchHelp : public testing::TestWithParam<std::string> {};
+
+TEST_P(RecsearchHelp, EverySubcommandHasHelpWithAnExample)
+{
+    std::vector<std::string> args;
+    if (!GetParam().empty()) args.push_back(GetParam());
+    args.push_back("--help");
+    const auto r = rstest::runToEnd(bin("recsearch"), args);
+    EXPECT_EQ(r.status.code, 0) << describe(r);
+    EXPECT_NE(r.out.find(GetParam().empty() ? "Exit codes:" : "recsearch " + GetParam()),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("Example"), std::string::npos) << r.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Subcommands, RecsearchHelp,
+                         testing::Values("", "events", "metadata", "noop", "state", "end"));
+
+}  // namespace
