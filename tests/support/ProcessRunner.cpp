@@ -188,12 +188,16 @@ public:
         });
     }
 
-    bool waitForStderr(const std::string& text, std::chrono::milliseconds timeout) const
+    bool waitForOutput(const std::string& out, const std::string& text,
+                       std::chrono::milliseconds timeout) const
     {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout,
-                                 [&] { return err_.find(text) != std::string::npos; });
+                                 [&] { return out.find(text) != std::string::npos; });
     }
+
+    const std::string& outRef() const { return out_; }
+    const std::string& errRef() const { return err_; }
 
     std::string out() const
     {
@@ -401,10 +405,16 @@ std::string ProcessRunner::stdoutText() const { return impl_->out(); }
 
 std::string ProcessRunner::stderrText() const { return impl_->err(); }
 
+bool ProcessRunner::waitForStdout(const std::string& substring,
+                                  std::chrono::milliseconds timeout) const
+{
+    return impl_->waitForOutput(impl_->outRef(), substring, timeout);
+}
+
 bool ProcessRunner::waitForStderr(const std::string& substring,
                                   std::chrono::milliseconds timeout) const
 {
-    return impl_->waitForStderr(substring, timeout);
+    return impl_->waitForOutput(impl_->errRef(), substring, timeout);
 }
 
 RunResult runToEnd(const std::string& binary, const std::vector<std::string>& args,

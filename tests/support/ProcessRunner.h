@@ -50,6 +50,8 @@ public:
     // Output so far; complete once waitForExit has returned.
     std::string stdoutText() const;
     std::string stderrText() const;
+    bool waitForStdout(const std::string& substring,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     bool waitForStderr(const std::string& substring,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 

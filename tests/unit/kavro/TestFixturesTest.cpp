@@ -143,9 +143,9 @@ TEST(ProcessRunnerTest, CollectsNotificationsLineByLine)
     EXPECT_TRUE(p.waitForNotify("READY=1", 5s));
     EXPECT_TRUE(p.waitForNotify("STATUS=serving", 5s));
     EXPECT_FALSE(p.waitForNotify("ERRNO=5", 20ms));
+    EXPECT_TRUE(p.waitForStdout(p.notifySocketPath() + "\n", 5s)) << p.stdoutText();
     p.sendSignal(SIGKILL);
     ASSERT_TRUE(p.waitForExit(5s).has_value());
-    EXPECT_EQ(p.stdoutText(), p.notifySocketPath() + "\n");
 }
 
 // The stand-in's answer rules, which the job tests take as the behaviour of the real store.
