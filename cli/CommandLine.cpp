@@ -57,7 +57,8 @@ void addOutput(CLI::App* sub, Command& c, bool progress)
     if (!progress) return;
     sub->add_flag("--no-progress", c.noProgress,
                   "no progress line on standard error (it is only shown on a terminal)");
-    sub->add_flag("-q,--quiet", c.quiet, "no summary line on standard error at the end");
+    sub->add_flag("-q,--quiet", c.quiet,
+                  "no begin and summary lines on standard error (JSON output keeps its summary)");
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ public:
     void reached(TimePoint t, std::size_t results);
     void tick();   // redraws (elapsed time) when due
     void clear();  // before anything else is written to the terminal
+    bool enabled() const { return enabled_; }
 
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;

@@ -134,4 +134,14 @@ void ResultPrinter::searchEnded(uint32_t jobId, TimePoint reached, std::size_t r
     }
 }
 
+void ResultPrinter::endedElsewhere(uint32_t jobId, std::size_t results)
+{
+    if (json_) {
+        putJson(out_, {{"job", jobId}, {"kind", "ended_elsewhere"}, {"results", results}});
+        return;
+    }
+    err_ << "search " << jobId << " was ended by another client after " << results
+         << " results\n";
+}
+
 }  // namespace recsearch

@@ -24,6 +24,8 @@ public:
     void state(uint32_t jobId, uint32_t state);
     void ended(uint32_t jobId, TimePoint reached);
     void searchEnded(uint32_t jobId, TimePoint reached, std::size_t results, bool interrupted);
+    // Another client ended the search: the service no longer knows how far it got.
+    void endedElsewhere(uint32_t jobId, std::size_t results);
 
     // False once standard output can no longer be written (a closed pipe).
     bool good() const { return bool(out_); }

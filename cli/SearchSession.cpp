@@ -60,7 +60,7 @@ public:
         if (!command_.json && !command_.quiet) {
             std::cerr << searchName(command_.kind) << ' ' << jobId << " begun" << std::endl;
         }
-        if (command_.kind != Command::Kind::Noop) {
+        if (progress_.enabled()) {
             if (auto span = service_.recordingSpan()) progress_.fitTo(span->first, span->second);
         }
         return stream(jobId);
@@ -119,13 +119,18 @@ private:
         return printer_.good();
     }
 
-    // signal 0: the search completed by itself.
+    // signal 0: the search completed by itself, or someone else ended it.
     int finish(uint32_t jobId, int signal)
     {
         progress_.clear();
+        if (signal == 0 && service_.searchState(jobId) == 0) {
+            // Ended elsewhere: there is no position left to ask for.
+            if (command_.json || !command_.quiet) printer_.endedElsewhere(jobId, results_);
+            return int(ExitCode::Ok);
+        }
         const EndReply end = service_.endSearch(jobId);
         if (signal == SIGPIPE) return 128 + signal;  // nobody left to tell
-        if (signal != 0 || !command_.quiet) {
+        if (signal != 0 || command_.json || !command_.quiet) {
             printer_.searchEnded(jobId, end.reached, results_, signal != 0);
         }
         return signal == 0 ? int(ExitCode::Ok) : 128 + signal;

@@ -168,14 +168,15 @@ JsonRun parseJson(const std::string& out)
     for (const auto& line : lines(out)) {
         const auto j = nlohmann::json::parse(line);
         const std::string kind = j.at("kind");
+        if (kind == "completed" || kind == "interrupted" || kind == "ended_elsewhere") {
+            EXPECT_TRUE(run.summary.is_null()) << "two summaries: " << line;
+            run.summary = j;
+            continue;
+        }
         SearchSignal s;
         s.sec = j.at("sec");
         s.usec = j.at("usec");
         EXPECT_EQ(isoSeconds(j.at("time")), std::make_pair(s.sec, s.usec)) << line;
-        if (kind == "completed" || kind == "interrupted") {
-            run.summary = j;
-            continue;
-        }
         EXPECT_TRUE(run.summary.is_null()) << "a result after the summary: " << line;
         if (kind == "metadata") {
             s.kind = Kind::MetadataSearchResult;
@@ -466,6 +467,29 @@ TEST(RecsearchOtherClientsSearch, EndStopsARunningSearchAndReportsItsPosition)
     EXPECT_GE(reached.first, kFrom);
     EXPECT_LT(reached.first, kTo) << "ended long before the walk could have finished";
     EXPECT_TRUE(owner.waitForCompleted(jobId, 10s));
+}
+
+TEST(RecsearchOtherClientsSearch, ARunningRecsearchNoticesThatAnotherClientEndedItsSearch)
+{
+    Stack stack;
+    auto watcher = stack.startRecsearch({"metadata", std::to_string(kFrom), std::to_string(kTo), "",
+                                         "--json"});
+    rstest::SearchClient observer(stack.address());
+    // The watcher's search is the only one: its first result names its job id.
+    ASSERT_TRUE(observer.waitForSignalCount(1, 10s));
+    const uint32_t jobId = observer.signals().front().jobId;
+
+    const auto ender = stack.recsearch({"end", std::to_string(jobId)});
+    EXPECT_EQ(ender.status.code, 0) << describe(ender);
+    const auto status = watcher->waitForExit(10s);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, 0) << watcher->stderrText();
+    const auto run = parseJson(watcher->stdoutText());
+    ASSERT_FALSE(run.summary.is_null()) << watcher->stdoutText();
+    EXPECT_EQ(run.summary.at("kind"), "ended_elsewhere");
+    EXPECT_EQ(run.summary.at("job"), jobId);
+    // A result the worker was already producing may follow the completion; none is printed.
+    EXPECT_EQ(run.summary.at("results"), run.results.size());
 }
 
 // ---------------------------------------------------------------------------------------------
