@@ -63,7 +63,10 @@ stop_all() {
 
 on_exit() {
   local status=$?
+  # Clean up whatever happens to our output (a closed pipe must not cut this short).
+  set +e
   trap - EXIT INT TERM
+  trap '' PIPE
   stop_all
   if [ "$status" -ne 0 ] && [ "$stopped" -eq 0 ] && [ -n "$tmp" ] && [ -s "$tmp/kavro.log" ]; then
     echo "demo: failed; the last lines the services logged:" >&2
