@@ -33,9 +33,22 @@ void SearchJob::startSearch()
     workerStarted = true;
 }
 
+namespace {
+
+// The job whose worker runs on this thread, if any.
+thread_local const SearchJob* workerOf = nullptr;
+
+}  // namespace
+
 void SearchJob::endSearch()
 {
     setSearchState(Completed);
+    // Refused before workerMutex: a request thread may hold it while joining this worker.
+    if (workerOf == this) {
+        throw boost::thread_resource_error(
+            static_cast<int>(boost::system::errc::resource_deadlock_would_occur),
+            "a search cannot wait for its own worker");
+    }
     boost::lock_guard<boost::mutex> lock(workerMutex);
     if (workerThread.joinable()) {
         workerThread.join();
@@ -66,6 +79,7 @@ void SearchJob::setSearchState(searchState newState)
 // the job completes as if the walk had returned.
 void SearchJob::_searchWrapper()
 {
+    workerOf = this;
     try {
         performSearch();
     } catch (const std::exception& e) {
