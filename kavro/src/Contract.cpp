@@ -26,7 +26,7 @@ kavro_core_status parseStatusMessage(const std::string& message)
     char* end = nullptr;
     const long value = std::strtol(message.c_str(), &end, 10);
     const bool wellFormed = end != message.c_str() && (*end == '\0' || *end == ' ') && errno == 0;
-    if (!wellFormed || value == 0 || value < INT32_MIN || value > INT32_MAX) {
+    if (!wellFormed || value <= 0 || value > INT32_MAX) {  // statuses are positive
         return KAVRO_STATUS_MALFORMED_REPLY;
     }
     return static_cast<kavro_core_status>(value);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <new>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
@@ -32,7 +34,8 @@ int openLogFile(const char* path)
 
 // One logging handle. Handles are never freed: the service logs through its handle after
 // de-initialisation (its target is destroyed at process exit), so the handle stays valid and
-// only its file is closed.
+// only its file is closed. They live in a registry that is never destroyed either, so that
+// logging during static destruction still finds them.
 struct Logger {
     std::string identity;
     int maxPriority = 7;
@@ -41,9 +44,23 @@ struct Logger {
     bool toFile = false;
 };
 
+// One line per call: a line break inside a message (a client's text, say) is written as "\n",
+// so nobody can forge a line of their own.
+std::string oneLine(int priority, const std::string& identity, const char* message)
+{
+    std::string line = std::to_string(priority) + " " + identity + ": ";
+    for (const char* c = message; *c != '\0'; ++c) {
+        if (*c == '\n') line += "\\n";
+        else if (*c == '\r') line += "\\r";
+        else line += *c;
+    }
+    line += '\n';
+    return line;
+}
+
 void writeLine(int fd, int priority, const std::string& identity, const char* message)
 {
-    std::string line = std::to_string(priority) + " " + identity + ": " + message + "\n";
+    const std::string line = oneLine(priority, identity, message);
     // One write per line: O_APPEND keeps lines of concurrent writers whole.
     [[maybe_unused]] ssize_t written = ::write(fd, line.data(), line.size());
 }
@@ -85,6 +102,14 @@ void emit(Logger* logger, int priority, const char* message)
     writeDetached(priority, logger->identity, message);
 }
 
+Logger* newLogger()
+{
+    static std::mutex registryMutex;
+    static auto* registry = new std::deque<Logger>;
+    std::lock_guard<std::mutex> lock(registryMutex);
+    return &registry->emplace_back();
+}
+
 }  // namespace
 
 extern "C" {
@@ -92,18 +117,19 @@ extern "C" {
 kavro_core_status kavro_core_logging_init(const char* identity, void** logCookie)
 {
     if (identity == nullptr || logCookie == nullptr) return KAVRO_STATUS_INVALID_ARGUMENT;
-    auto* logger = new (std::nothrow) Logger;
-    if (logger == nullptr) return KAVRO_STATUS_NO_MEMORY;
+    Logger* logger = nullptr;
+    try {
+        logger = newLogger();
+    } catch (const std::bad_alloc&) {
+        return KAVRO_STATUS_NO_MEMORY;
+    }
     logger->identity = identity;
     logger->maxPriority = maxPriorityFromEnvironment();
     const char* path = std::getenv("KAVRO_LOG_FILE");
     if (path != nullptr && *path != '\0') {
         logger->toFile = true;
         logger->fd = openLogFile(path);
-        if (logger->fd < 0) {
-            delete logger;
-            return KAVRO_STATUS_IO_ERROR;
-        }
+        if (logger->fd < 0) return KAVRO_STATUS_IO_ERROR;  // the unused handle stays in the registry
     }
     *logCookie = logger;
     return KAVRO_STATUS_OK;

@@ -32,8 +32,9 @@ kavro_core_status kavro_core_init(void);
 kavro_core_status kavro_core_deinit(void);
 
 // Lines go to the journal, or to $KAVRO_LOG_FILE when set ("<priority> <identity>: <message>").
-// Lines above $KAVRO_LOG_MAX_PRIORITY (0-7, default 7) are dropped. A null or de-initialised
-// handle is accepted: its lines are still written, under the identity "kavro".
+// Lines above $KAVRO_LOG_MAX_PRIORITY (0-7, default 7) are dropped. A null handle is accepted
+// (its lines go out under the identity "kavro"), and so is a de-initialised one (its lines
+// still go out, under its own identity). A line break in a message is written as "\n".
 kavro_core_status kavro_core_logging_init(const char* identity, void** logCookie);
 kavro_core_status kavro_core_logging_deinit(void* logCookie);
 kavro_core_status kavro_core_logging_log(void* logCookie, kavro_core_log_priority priority,
