@@ -2,8 +2,6 @@
 
 #include <cstddef>
 
-#include <libxml/tree.h>
-
 // Once, from main before any thread starts (later calls do nothing): initialises libxml2 and
 // routes its messages away from standard error, which belongs to the fatal-error line alone.
 // The handlers are installed as this thread's and as the default of every later thread, since
