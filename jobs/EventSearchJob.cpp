@@ -105,8 +105,9 @@ void EventSearchJob::_startAtFirstEvent(void* dataAccessHandle)
         return;
     }
     if (_earlier(sec, usec, rangeStart.sec, rangeStart.usec)) return;
-    kavro_core_logging_log(logCookie, 5, "First recording event %d.%06d is after our search start %d.%06d.",
-                           sec, usec, rangeStart.sec, rangeStart.usec);
+    kavro_core_logging_log(logCookie, 5,
+                           "First recording event %d.%06d is after our search start %d.%06d.", sec,
+                           usec, rangeStart.sec, rangeStart.usec);
     rangeStart = SearchTime{sec, usec};
     // Going backward the walk keeps its starting point; only where it stops moves.
     if (forward) {
@@ -124,10 +125,11 @@ std::vector<EventProperty> EventSearchJob::_getNextEvents(void* dataAccessHandle
     char** names = nullptr;
     unsigned int** keys = nullptr;
     unsigned int** values = nullptr;
-    const kavro_core_status status = kavro_api_recording_data_access_get_recording_history_event_send(
-        dataAccessHandle, "recording_data_access", searchPoint.sec, searchPoint.usec,
-        &times.cur.sec, &times.cur.usec, &times.prev.sec, &times.prev.usec, &times.next.sec,
-        &times.next.usec, &names, &keys, &values);
+    const kavro_core_status status =
+        kavro_api_recording_data_access_get_recording_history_event_send(
+            dataAccessHandle, "recording_data_access", searchPoint.sec, searchPoint.usec,
+            &times.cur.sec, &times.cur.usec, &times.prev.sec, &times.prev.usec, &times.next.sec,
+            &times.next.usec, &names, &keys, &values);
     // Declared in reverse so that keys, then values, then names are released.
     OwnedStringArray ownedNames(names);
     OwnedUintArray ownedValues(values);

@@ -45,7 +45,8 @@ XPathMatcher::XPathMatcher(const std::string& expression)
     context_->opLimit = kXPathOperationLimit;
     // Compiled against the context rather than with xmlXPathCompile: only with a context does
     // libxml2 limit nesting, which keeps a client's deeply nested expression off the stack.
-    expression_ = xmlXPathCtxtCompile(context_, reinterpret_cast<const xmlChar*>(expression.c_str()));
+    expression_ =
+        xmlXPathCtxtCompile(context_, reinterpret_cast<const xmlChar*>(expression.c_str()));
     try {
         renewParser();
     } catch (...) {

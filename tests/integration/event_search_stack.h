@@ -82,7 +82,8 @@ private:
     {
         sqlite3_stmt* statement = nullptr;
         if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(std::string("cannot read the recording: ") + sqlite3_errmsg(db));
+            throw std::runtime_error(std::string("cannot read the recording: ") +
+                                     sqlite3_errmsg(db));
         }
         while (sqlite3_step(statement) == SQLITE_ROW) row(statement);
         sqlite3_finalize(statement);

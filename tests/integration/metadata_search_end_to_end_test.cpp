@@ -39,7 +39,7 @@ struct MetadataCase {
     const char* xpath;
     int64_t startOffset, endOffset;  // from the first document
     int maxResults;
-    size_t atLeast;  // matches the expression must have in the recording, so the test means something
+    size_t atLeast;  // matches the recording must hold, so that the comparison means something
 };
 
 class MetadataSearchEndToEnd : public testing::TestWithParam<MetadataCase> {};
