@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Builds the release configuration and measures, in one run, every figure we track; writes
+# bench/results.md. Everything runs on a private bus that this script starts and stops.
+#   bench/run.sh [--quick]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+quick=0; [ "${1:-}" = --quick ] && quick=1
+
+scripts/setup.sh release
+bin=build/release/bin
+work=$(mktemp -d)
+pids=()
+cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$work"; }
+trap cleanup EXIT INT TERM
+
+if ((quick)); then duration=2h; churn=1000; else duration=1d; churn=10000; fi
+echo "bench: generating a ${duration} recording" >&2
+"$bin/recording_store" generate "$work/recording.db" --duration "$duration" --rate 5 \
+  --video-tracks 2 --audio-tracks 2 --track-on 1 --track-off 1 --seed 7 >/dev/null
+docs=$(sqlite3 "$work/recording.db" "select count(*) from documents" 2>/dev/null || echo "?")
+
+cat > "$work/bus.conf" <<CONF
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><type>system</type><listen>unix:dir=$work</listen><auth>EXTERNAL</auth>
+<limit name="max_incoming_bytes">1000000000</limit><limit name="max_outgoing_bytes">1000000000</limit>
+<policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
+<allow receive_sender="*"/></policy></busconfig>
+CONF
+exec 3< <(dbus-daemon --nofork --config-file="$work/bus.conf" --print-address=1)
+read -r address <&3
+export DBUS_SYSTEM_BUS_ADDRESS=$address
+export KAVRO_LOG_FILE=$work/log
+"$bin/recording_store" serve "$work/recording.db" & pids+=($!)
+"$bin/recording_search" & pids+=($!)
+for _ in $(seq 100); do
+  busctl --system status kavro.recording_search >/dev/null 2>&1 && \
+  busctl --system status kavro.recording_data_access >/dev/null 2>&1 && break
+  sleep 0.1
+done
+
+out=bench/results.md
+{
+  echo "# Benchmark results"
+  echo
+  echo "Measured $(date -u +%Y-%m-%d) by \`bench/run.sh$([ $quick = 1 ] && echo ' --quick')\` on $(nproc) cores,"
+  echo "$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(free -g | awk '/Mem:/{print $2}') GiB,"
+  echo "$(. /etc/os-release; echo "$PRETTY_NAME"), kernel $(uname -r). Release build; private dbus-daemon;"
+  echo "service log to a file at every priority. Recording: ${duration}, ${docs} metadata documents,"
+  echo "four tracks switching about once a second."
+  echo
+  echo "| figure | measured | anchor | ratio |"
+  echo "|---|---|---|---|"
+  "$bin/system_bench" "/" 1600 3600 "$churn"
+  "$bin/signal_bench" 100000
+  "$bin/xpath_bench" --benchmark_format=json --benchmark_repetitions=3 \
+      --benchmark_report_aggregates_only=true 2>/dev/null | python3 -c '
+import json, sys
+runs = {b["name"]: b for b in json.load(sys.stdin)["benchmarks"] if b.get("aggregate_name") == "median"}
+names = ["a red vehicle", "a person, likelihood > 0.8", "\"/\" (every document)"]
+for i, name in enumerate(names):
+    ours = runs[f"BM_SearchMatcher/{i}_median"]; plain = runs[f"BM_Libxml2Alone/{i}_median"]
+    per = lambda r: 1e6 / r["items_per_second"]
+    print(f"| parse + evaluate per document, {name} | {per(ours):.1f} µs | libxml2 alone {per(plain):.1f} µs | {per(ours)/per(plain):.2f}x |")
+'
+} > "$out.tmp"
+mv "$out.tmp" "$out"
+cat "$out"
