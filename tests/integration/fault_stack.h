@@ -1,0 +1,297 @@
+// The real processes on a bus of their own, for the fault, load, soak, access and hostile
+// tests: recording_store serving a long generated recording, recording_search, and helpers to
+// run a search and to read a process's resource use from /proc.
+#pragma once
+
+#include <dirent.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/PrivateBus.h"
+#include "support/ProcessRunner.h"
+#include "support/SearchClient.h"
+
+namespace reliability {
+
+using namespace std::chrono_literals;
+
+inline std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
+
+// An integer from the environment, for counts and durations that the sanitizer runs scale down.
+inline long envNumber(const char* name, long fallback)
+{
+    const char* text = std::getenv(name);
+    if (text == nullptr || *text == '\0') return fallback;
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    return (end != text && *end == '\0' && value > 0) ? value : fallback;
+}
+
+inline bool underSanitizer()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix)
+    {
+        const char* base = std::getenv("TMPDIR");
+        path_ = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
+        if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
+    }
+    ~TempDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::string& path() const { return path_; }
+
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+private:
+    std::string path_;
+};
+
+// One recording for the whole test binary that a walk needs many seconds for: about 21000
+// history events and 32000 documents over six hours, so a search is still walking whenever
+// a test interferes with it.
+class LongRecording {
+public:
+    static const LongRecording& get()
+    {
+        static LongRecording recording;
+        return recording;
+    }
+    const std::string& path() const { return file_; }
+    // 2024-01-01T00:00:00Z, where the generator starts; six hours long.
+    static constexpr uint32_t kStart = 1704067200;
+    static constexpr uint32_t kEnd = kStart + 6 * 3600;
+
+private:
+    LongRecording() : dir_("reliability-recording"), file_(dir_.path() + "/long.db")
+    {
+        const auto r = rstest::runToEnd(
+            bin("recording_store"),
+            {"generate", file_, "--seed", "7", "--duration", "6h", "--rate", "1.5",
+             "--video-tracks", "2", "--audio-tracks", "1", "--track-on", "4", "--track-off", "4",
+             "--recording-on", "300", "--recording-off", "10"});
+        if (!r.status.exited || r.status.code != 0) {
+            throw std::runtime_error("recording_store generate failed: " + r.err);
+        }
+    }
+    TempDir dir_;
+    std::string file_;
+};
+
+// recording_store and recording_search on a private bus of the stack's own, so a test may kill,
+// stop or restart either of them, or the bus itself, without touching other tests.
+class Stack {
+public:
+    explicit Stack(std::map<std::string, std::string> serviceEnv = {})
+        : dir_("reliability-stack"), serviceEnv_(std::move(serviceEnv))
+    {
+        serviceEnv_["DBUS_SYSTEM_BUS_ADDRESS"] = bus_.address();
+        serviceEnv_.emplace("KAVRO_LOG_FILE", logPath());
+        startStore();
+        service_ = startAndWait("recording_search", {}, serviceEnv_);
+    }
+    ~Stack() { stop(); }
+
+    rstest::PrivateBus& bus() { return bus_; }
+    const std::string& address() const { return bus_.address(); }
+    rstest::ProcessRunner& store() { return *store_; }
+    rstest::ProcessRunner& service() { return *service_; }
+    std::string logPath() const { return dir_.path() + "/service.log"; }
+
+    void startStore()
+    {
+        store_ = startAndWait("recording_store", {"serve", LongRecording::get().path()},
+                              {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
+                               {"KAVRO_LOG_FILE", dir_.path() + "/store.log"}});
+    }
+    // SIGTERM and the clean exit that the store promises; returns what went wrong.
+    std::string stopStore() { return stopOne(store_); }
+    // Ends both processes; returns what went wrong, empty when both ended cleanly.
+    std::string stop() { return stopOne(service_) + stopOne(store_); }
+
+    Stack(const Stack&) = delete;
+    Stack& operator=(const Stack&) = delete;
+
+private:
+    static std::unique_ptr<rstest::ProcessRunner> startAndWait(
+        const std::string& name, std::vector<std::string> args,
+        std::map<std::string, std::string> env)
+    {
+        auto p = std::make_unique<rstest::ProcessRunner>(bin(name), std::move(args),
+                                                         std::move(env));
+        p->start();
+        if (!p->waitForNotify("READY=1", 20s)) {
+            throw std::runtime_error(name + " did not become ready: " + p->stderrText());
+        }
+        return p;
+    }
+
+    static std::string stopOne(std::unique_ptr<rstest::ProcessRunner>& p)
+    {
+        if (!p) return "";
+        std::string problems;
+        p->sendSignal(SIGCONT);  // a test may have left it stopped
+        p->sendSignal(SIGTERM);
+        const auto status = p->waitForExit(20s);
+        if (!status || !status->exited || status->code != 0 || !p->stderrText().empty()) {
+            problems = "unclean exit of pid " + std::to_string(p->pid()) + ": " +
+                       p->stderrText() + "\n";
+        }
+        p.reset();
+        return problems;
+    }
+
+    TempDir dir_;
+    rstest::PrivateBus bus_;
+    std::map<std::string, std::string> serviceEnv_;
+    std::unique_ptr<rstest::ProcessRunner> store_;
+    std::unique_ptr<rstest::ProcessRunner> service_;
+};
+
+// What a client saw of one search from creation to its end request.
+struct SearchRun {
+    int32_t jobId = -1;
+    bool completed = false;
+    std::vector<rstest::SearchSignal> results;  // without SearchCompleted
+};
+
+inline bool isCompletion(const rstest::SearchSignal& s)
+{
+    return s.kind == rstest::SearchSignal::Kind::SearchCompleted;
+}
+
+inline int completionCount(const std::vector<rstest::SearchSignal>& signals, uint32_t jobId)
+{
+    return static_cast<int>(std::count_if(signals.begin(), signals.end(), [&](const auto& s) {
+        return s.jobId == jobId && isCompletion(s);
+    }));
+}
+
+inline std::vector<rstest::SearchSignal> resultsOf(const rstest::SearchClient& client,
+                                                   uint32_t jobId)
+{
+    std::vector<rstest::SearchSignal> results;
+    for (const auto& s : client.signalsFor(jobId)) {
+        if (!isCompletion(s)) results.push_back(s);
+    }
+    return results;
+}
+
+// Waits until the job has reported at least n results (or completed).
+inline bool waitForResults(const rstest::SearchClient& client, uint32_t jobId, size_t n,
+                           std::chrono::milliseconds timeout = 20s)
+{
+    return client.waitUntil(
+        [&](const std::vector<rstest::SearchSignal>& all) {
+            size_t count = 0;
+            for (const auto& s : all) {
+                if (s.jobId != jobId) continue;
+                if (isCompletion(s)) return true;
+                ++count;
+            }
+            return count >= n;
+        },
+        timeout);
+}
+
+// Runs one search to its end: begin, wait for SearchCompleted, end.
+template <typename Create>
+SearchRun runSearch(rstest::SearchClient& client, Create create,
+                    std::chrono::milliseconds timeout = 60s)
+{
+    SearchRun run;
+    const auto created = create();
+    if (!created.ok() || created.value < 0) return run;
+    run.jobId = created.value;
+    const auto id = static_cast<uint32_t>(created.value);
+    if (!client.beginSearch(id).ok()) return run;
+    run.completed = client.waitForCompleted(id, timeout);
+    client.endSearch(id);
+    run.results = resultsOf(client, id);
+    return run;
+}
+
+// The first ten minutes of the long recording, as the fault tests' reference searches.
+inline SearchRun eventReference(rstest::SearchClient& client)
+{
+    return runSearch(client, [&] {
+        return client.createEventSearch(LongRecording::kStart, 0, LongRecording::kStart + 600, 0,
+                                        -1, 0, 0, 1);
+    });
+}
+
+inline SearchRun metadataReference(rstest::SearchClient& client)
+{
+    return runSearch(client, [&] {
+        return client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kStart + 600,
+                                           0, -1, "//Object[Appearance/Class/Type='Person']");
+    });
+}
+
+// What /proc says of a process: resident memory, open descriptors, threads.
+struct ProcessUse {
+    long rssKb = -1;
+    int fds = -1;
+    int threads = -1;
+};
+
+inline int countEntries(const std::string& dir)
+{
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return -1;
+    int n = 0;
+    while (dirent* e = readdir(d)) {
+        if (e->d_name[0] != '.') ++n;
+    }
+    closedir(d);
+    return n;
+}
+
+inline ProcessUse processUse(pid_t pid)
+{
+    ProcessUse use;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    std::ifstream status(proc + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) use.rssKb = std::stol(line.substr(6));
+    }
+    use.fds = countEntries(proc + "/fd");
+    use.threads = countEntries(proc + "/task");
+    return use;
+}
+
+// Percentile of a sample, in the sample's unit; sorts a copy.
+inline double percentile(std::vector<double> sample, double p)
+{
+    if (sample.empty()) return 0;
+    std::sort(sample.begin(), sample.end());
+    const size_t i = std::min(sample.size() - 1, static_cast<size_t>(p * sample.size()));
+    return sample[i];
+}
+
+}  // namespace reliability
