@@ -1,0 +1,314 @@
+// Requests at the edges of what the contract allows, and some that it does not, sent to the
+// real recording_search: each gets the contract's answer, and the service goes on serving.
+
+#include <signal.h>
+
+#include <climits>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include "fault_stack.h"
+#include "kavro/bus/Contract.h"
+#include "support/ProcessRunner.h"
+#include "support/ScriptedRecordingServices.h"
+#include "support/SearchClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using rstest::SearchSignal;
+using Kind = SearchSignal::Kind;
+
+constexpr uint32_t kMax = UINT32_MAX;
+constexpr uint32_t kFirst = 1000;  // the recording: one event a second from here
+constexpr int kEvents = 5;
+
+// One track switching on and off, and one small document half a second after each switch.
+rstest::Recording smallRecording()
+{
+    rstest::Recording r;
+    r.tracks = {"Video1", rstest::kMetadataTrack};
+    for (uint32_t i = 0; i < kEvents; ++i) {
+        r.events.push_back({{kFirst + i, 0}, {{"Video1", rstest::kTrackKey, i % 2}}});
+        r.documents.push_back(
+            {{kFirst + i, 500000}, "<Frame n='" + std::to_string(i) + "'><Object/></Frame>"});
+    }
+    return r;
+}
+
+// What an event search over the recording must report, as (sec, state) pairs.
+std::vector<std::pair<uint32_t, uint8_t>> eventTimes(bool forward, int limit)
+{
+    std::vector<std::pair<uint32_t, uint8_t>> times;
+    for (int i = 0; i < kEvents; ++i) times.emplace_back(kFirst + i, i % 2);
+    if (!forward) std::reverse(times.begin(), times.end());
+    if (limit >= 0 && times.size() > size_t(limit)) times.resize(limit);
+    return times;
+}
+
+std::vector<uint32_t> documentSeconds()
+{
+    std::vector<uint32_t> secs;
+    for (int i = 0; i < kEvents; ++i) secs.push_back(kFirst + i);
+    return secs;
+}
+
+class HostileRequests : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        services_ = new rstest::ScriptedRecordingServices(smallRecording());
+        service_ = new rstest::ProcessRunner(reliability::bin("recording_search"));
+        service_->start();
+        ASSERT_TRUE(service_->waitForNotify("READY=1"));
+    }
+    static void TearDownTestSuite()
+    {
+        service_->sendSignal(SIGTERM);
+        const auto status = service_->waitForExit(15s);
+        EXPECT_TRUE(status && status->exited && status->code == 0)
+            << "the service survives every hostile request and stops cleanly";
+        EXPECT_EQ(service_->stderrText(), "");
+        delete service_;
+        delete services_;
+    }
+    void TearDown() override
+    {
+        // Whatever the case did, the service still serves.
+        EXPECT_TRUE(client_.createNoopSearch().ok()) << "the service stopped answering";
+    }
+
+    // Creates and runs a search; returns its results, or fails the test.
+    template <typename Create>
+    std::vector<SearchSignal> run(Create create)
+    {
+        const auto created = create();
+        EXPECT_TRUE(created.ok()) << created.errorName << ": " << created.errorMessage;
+        EXPECT_GT(created.value, 0);
+        if (!created.ok() || created.value <= 0) return {};
+        const auto id = static_cast<uint32_t>(created.value);
+        EXPECT_TRUE(client_.beginSearch(id).ok());
+        EXPECT_TRUE(client_.waitForCompleted(id, 60s)) << "search " << id << " never completed";
+        EXPECT_TRUE(client_.endSearch(id).ok());
+        return reliability::resultsOf(client_, id);
+    }
+
+    static rstest::ScriptedRecordingServices* services_;
+    static rstest::ProcessRunner* service_;
+    rstest::SearchClient client_;
+};
+
+rstest::ScriptedRecordingServices* HostileRequests::services_ = nullptr;
+rstest::ProcessRunner* HostileRequests::service_ = nullptr;
+
+struct TimeCase {
+    const char* name;
+    uint32_t startSec, startUsec, endSec, endUsec;
+    int status;  // 1: microseconds out of range
+};
+
+class HostileTimes : public HostileRequests, public testing::WithParamInterface<TimeCase> {};
+
+TEST_P(HostileTimes, CreateAnswersStatusOneOnlyForMicrosecondsOutOfRange)
+{
+    const TimeCase c = GetParam();
+    const auto events = client_.createEventSearch(c.startSec, c.startUsec, c.endSec, c.endUsec,
+                                                  -1, 1, 1, 1);
+    const auto documents = client_.createMetadataSearch(c.startSec, c.startUsec, c.endSec,
+                                                        c.endUsec, -1, "//Object");
+    for (const auto* created : {&events, &documents}) {
+        EXPECT_EQ(created->status, c.status) << created->errorName << " " << created->errorMessage;
+        if (c.status != 0) {
+            EXPECT_EQ(created->errorName, "kavro.Error.Status");
+            continue;
+        }
+        ASSERT_GT(created->value, 0);
+        const auto id = static_cast<uint32_t>(created->value);
+        ASSERT_TRUE(client_.beginSearch(id).ok());
+        EXPECT_TRUE(client_.waitForCompleted(id, 60s));
+        EXPECT_TRUE(client_.endSearch(id).ok());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Edges, HostileTimes,
+    testing::Values(TimeCase{"AllOnes", kMax, kMax, kMax, kMax, 1},
+                    TimeCase{"StartUsecAllOnes", 0, kMax, kMax, 999999, 1},
+                    TimeCase{"EndUsecOneMillion", 0, 0, kMax, 1000000, 1},
+                    TimeCase{"LatestTimeBothEnds", kMax, 999999, kMax, 999999, 0},
+                    TimeCase{"ZeroBothEnds", 0, 0, 0, 0, 0},
+                    TimeCase{"WholeRangeBackward", kMax, 999999, 0, 0, 0},
+                    TimeCase{"WholeRangeForward", 0, 0, kMax, 999999, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct LimitCase {
+    const char* name;
+    bool forward;
+    int maxResults;
+};
+
+class HostileLimits : public HostileRequests, public testing::WithParamInterface<LimitCase> {};
+
+TEST_P(HostileLimits, EveryLimitIsHonouredOverTheWholeTimeRange)
+{
+    const LimitCase c = GetParam();
+    const uint32_t fromSec = c.forward ? 0 : kMax, fromUsec = c.forward ? 0 : 999999;
+    const uint32_t toSec = c.forward ? kMax : 0, toUsec = c.forward ? 999999 : 0;
+
+    const auto events = run([&] {
+        return client_.createEventSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults, 0, 0, 0);
+    });
+    std::vector<std::pair<uint32_t, uint8_t>> got;
+    for (const auto& s : events) {
+        EXPECT_EQ(s.kind, Kind::TrackStateEventSearchResult);
+        got.emplace_back(s.sec, s.state);
+    }
+    EXPECT_EQ(got, eventTimes(c.forward, c.maxResults));
+
+    const auto documents = run([&] {
+        return client_.createMetadataSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults,
+                                            "//Object");
+    });
+    std::vector<uint32_t> secs;
+    for (const auto& s : documents) secs.push_back(s.sec);
+    std::vector<uint32_t> expected = documentSeconds();
+    if (!c.forward) std::reverse(expected.begin(), expected.end());
+    if (c.maxResults >= 0 && expected.size() > size_t(c.maxResults)) expected.resize(c.maxResults);
+    EXPECT_EQ(secs, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, HostileLimits,
+    testing::Values(LimitCase{"IntMaxForward", true, INT_MAX},
+                    LimitCase{"IntMinForward", true, INT_MIN},
+                    LimitCase{"MinusOneBackward", false, -1},
+                    LimitCase{"ZeroForward", true, 0},
+                    LimitCase{"OneBackward", false, 1},
+                    LimitCase{"IntMaxBackward", false, INT_MAX}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct ExpressionCase {
+    const char* name;
+    std::string xpath;
+    bool matchesAll;  // else matches none
+};
+
+class HostileExpressions : public HostileRequests,
+                           public testing::WithParamInterface<ExpressionCase> {};
+
+TEST_P(HostileExpressions, SearchCompletesWithTheExpressionsAnswer)
+{
+    const ExpressionCase& c = GetParam();
+    const auto results = run([&] {
+        return client_.createMetadataSearch(0, 0, kMax, 999999, -1, c.xpath);
+    });
+    EXPECT_EQ(results.size(), c.matchesAll ? size_t(kEvents) : 0u);
+}
+
+std::string nested(int depth, const std::string& open, const std::string& core,
+                   const std::string& close)
+{
+    std::string text;
+    for (int i = 0; i < depth; ++i) text += open;
+    text += core;
+    for (int i = 0; i < depth; ++i) text += close;
+    return text;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Expressions, HostileExpressions,
+    testing::Values(
+        ExpressionCase{"Empty", "", true},
+        ExpressionCase{"DoesNotCompile", "//Object[", false},
+        ExpressionCase{"MegabyteLiteral", "string-length('" + std::string(1 << 20, 'a') +
+                                              "') = " + std::to_string(1 << 20), true},
+        ExpressionCase{"LongUnion", nested(1, "", "//Object", "") + [] {
+                           std::string tail;
+                           for (int i = 0; i < 20000; ++i) tail += " | //NoSuchElement";
+                           return tail;
+                       }(), true},
+        ExpressionCase{"Nested100Parentheses", nested(100, "(", "//Object", ")"), true},
+        ExpressionCase{"Nested100kParentheses", nested(100000, "(", "//Object", ")"), false},
+        ExpressionCase{"Nested100kNot", nested(100000, "not(", "//Object", ")"), false},
+        ExpressionCase{"Nested100kPredicates", nested(100000, "//*[", "1", "]"), false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(HostileRequests, UnknownAndExtremeIdsGetTheNotFoundAnswers)
+{
+    for (uint32_t id : {0u, kMax, kMax - 1, 0x80000000u}) {
+        const auto begun = client_.beginSearch(id);
+        EXPECT_TRUE(begun.ok()) << begun.errorName;
+        EXPECT_EQ(begun.value, id);
+        const auto state = client_.getSearchState(id);
+        EXPECT_TRUE(state.ok());
+        EXPECT_EQ(state.value.jobId, id);
+        EXPECT_EQ(state.value.state, 0u);
+        const auto ended = client_.endSearch(id);
+        EXPECT_TRUE(ended.ok());
+        EXPECT_EQ(ended.value.jobId, id);
+    }
+}
+
+TEST_F(HostileRequests, RefusedCreatesWhileTwoSearchesRunConsumeNoId)
+{
+    // Created and not begun, both count as running.
+    const auto a = client_.createEventSearch(0, 0, kMax, 999999, -1, 0, 0, 0);
+    const auto b = client_.createEventSearch(0, 0, kMax, 999999, -1, 0, 0, 0);
+    ASSERT_GT(a.value, 0);
+    ASSERT_EQ(b.value, a.value + 1);
+    for (int i = 0; i < 500; ++i) {
+        const auto refused = i % 2 ? client_.createEventSearch(0, 0, kMax, 999999, INT_MAX, 1, 1, 1)
+                                   : client_.createMetadataSearch(0, 0, kMax, 999999, INT_MIN, "/");
+        ASSERT_TRUE(refused.ok());
+        ASSERT_EQ(refused.value, -1);
+    }
+    const auto next = client_.createNoopSearch();
+    EXPECT_EQ(next.value, b.value + 1) << "a refused request takes no id";
+    for (auto id : {a.value, b.value, next.value}) {
+        EXPECT_TRUE(client_.endSearch(static_cast<uint32_t>(id)).ok());
+    }
+}
+
+// Calls that no generated client would make: wrong argument types, missing arguments, unknown
+// methods and objects. The bus or the service refuses each with an error reply.
+TEST_F(HostileRequests, MalformedCallsGetAnErrorReply)
+{
+    auto connection = kavro::bus::connectToBus();
+    auto proxy = sdbus::createProxy(*connection, kavro::bus::busName("recording_search"),
+                                    kavro::bus::objectPath("recording_search"));
+    const std::string interface = "kavro.recording_search";
+    const auto refused = [&](const std::string& what, auto&& call) {
+        try {
+            call();
+            ADD_FAILURE() << what << ": answered as if valid";
+        } catch (const sdbus::Error& e) {
+            EXPECT_FALSE(e.getName().empty()) << what;
+        }
+    };
+    refused("no arguments", [&] {
+        proxy->callMethod("CreateEventSearch").onInterface(interface).withTimeout(5s);
+    });
+    refused("text for numbers", [&] {
+        proxy->callMethod("CreateMetadataSearch").onInterface(interface).withTimeout(5s)
+            .withArguments(std::string("0"), std::string("0"), std::string("1"), std::string("0"),
+                           std::string("-1"), std::string("//a"));
+    });
+    refused("signed id", [&] {
+        proxy->callMethod("EndSearch").onInterface(interface).withTimeout(5s).withArguments(-1);
+    });
+    refused("unknown method", [&] {
+        proxy->callMethod("DropAllSearches").onInterface(interface).withTimeout(5s);
+    });
+    auto elsewhere = sdbus::createProxy(*connection, kavro::bus::busName("recording_search"),
+                                        "/kavro/recording_search/none");
+    refused("unknown object", [&] {
+        elsewhere->callMethod("CreateNoopSearch").onInterface(interface).withTimeout(5s);
+    });
+}
+
+}  // namespace
