@@ -1,0 +1,143 @@
+// The event and metadata walks fed arbitrary replies by the recording services: times out of
+// order or out of range, arrays of unequal length or missing, documents of any shape, failure
+// statuses anywhere. Besides surviving, a walk must keep its promises: results only inside the
+// requested range, never more than maxResults, track names only as the service gave them, and
+// exactly one SearchCompleted.
+
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <string>
+
+#include <boost/pointer_cast.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include "FuzzInput.h"
+#include "ReplayedRecordingServices.h"
+#include "jobs/SearchJob.h"
+#include "jobs/TimelineSearchJob.h"
+#include "jobs/XmlLibrary.h"
+#include "kavro/core.h"
+#include "target/RecordingSearchTargetImpl.h"
+
+namespace {
+
+// The target with its queue opened up, so the harness reads what a walk queued.
+class InspectedTarget : public RecordingSearchTargetImpl {
+public:
+    using RecordingSearchTargetImpl::RecordingSearchTargetImpl;
+
+    std::deque<RecordingSearchEventData> takeQueued()
+    {
+        boost::lock_guard<boost::mutex> lock(eventQueueMutex);
+        std::deque<RecordingSearchEventData> taken;
+        taken.swap(eventQueue);
+        return taken;
+    }
+};
+
+void* logCookie = nullptr;
+InspectedTarget* target = nullptr;
+
+const char* const kExpressions[] = {
+    "",
+    "/",
+    "//Object",
+    "//Object[Class/Type='Person']",
+    "//Frame[@ObjectCount >= 3]",
+    "count(//Type) > 0",
+    "string-length(string(/)) > 4",
+    "//[",
+    "true()",
+};
+
+struct Time {
+    unsigned int sec, usec;
+};
+
+bool earlier(const Time& a, const Time& b)
+{
+    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
+}
+
+void require(bool condition, const char* promise)
+{
+    if (condition) return;
+    std::fprintf(stderr, "broken promise: %s\n", promise);
+    std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    setenv("KAVRO_LOG_FILE", "/dev/null", 1);
+    kavro_core_init();
+    kavro_core_logging_init("FUZZ", &logCookie);
+    initialiseXmlLibrary();
+    target = new InspectedTarget(logCookie);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    FuzzInput input(data, size);
+    const uint8_t kind = input.byte();
+    const bool metadata = (kind & 1) != 0;
+    const Time start{replay::seconds(input), replay::microseconds(input)};
+    const Time end{replay::seconds(input), replay::microseconds(input)};
+    const int maxResults = static_cast<int8_t>(input.byte()) / 16;  // -8..7: no limit, or small
+    const bool startState = (kind & 2) != 0;
+    const uint8_t pick = input.byte();
+    const std::string xpath = pick < 240 ? kExpressions[pick % (sizeof kExpressions / sizeof *kExpressions)]
+                                         : input.text(128);
+
+    replay::begin(input);
+    int jobId = -1;
+    const int status =
+        metadata ? target->createMetadataSearch(start.sec, start.usec, end.sec, end.usec,
+                                                maxResults, xpath.c_str(), &jobId)
+                 : target->createEventSearch(start.sec, start.usec, end.sec, end.usec, maxResults,
+                                             kind & 4, kind & 8, startState, &jobId);
+    const bool validTimes = start.usec <= 999999 && end.usec <= 999999;
+    require((status == 1) == !validTimes, "status 1 exactly for microseconds out of range");
+    if (status != 0) {
+        replay::end();
+        return 0;
+    }
+    require(jobId >= 0, "an accepted search has an id");
+
+    // The walk runs here rather than on a worker, so that every input is replayed the same way.
+    auto job = boost::dynamic_pointer_cast<TimelineSearchJob>(target->findJob(jobId));
+    require(job != nullptr, "the created search is a timeline search");
+    job->performSearch();
+    unsigned int idOut = 0, sec = 0, usec = 0;
+    target->endSearch(static_cast<unsigned int>(jobId), &idOut, &sec, &usec);
+    job.reset();
+    replay::end();
+
+    const Time lo = earlier(end, start) ? end : start;
+    const Time hi = earlier(end, start) ? start : end;
+    int results = 0, completions = 0;
+    for (const RecordingSearchEventData& e : target->takeQueued()) {
+        require(e.jobId == static_cast<unsigned int>(jobId), "only this search's records");
+        if (e.eventType == SearchCompleted) {
+            ++completions;
+            continue;
+        }
+        if (e.startState != 0) {
+            require(!metadata && startState, "start-state records only when asked for");
+            continue;
+        }
+        ++results;
+        const Time t{e.sec, e.usec};
+        require(!earlier(t, lo) && !earlier(hi, t), "results lie inside the requested range");
+        if (e.eventType == TrackStateEventSearchResult) {
+            require(replay::namesGiven().count(e.trackName) == 1,
+                    "track names are those the service gave");
+        }
+    }
+    require(completions == 1, "exactly one SearchCompleted");
+    require(maxResults < 0 || results <= maxResults, "no more than maxResults results");
+    return 0;
+}
