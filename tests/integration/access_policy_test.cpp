@@ -52,11 +52,16 @@ std::string accountsProblem()
         const std::string problem =
             run("/usr/sbin/useradd", {"--system", "--no-create-home", "--user-group", "--shell",
                                       "/usr/sbin/nologin", user});
-        if (!problem.empty()) return "cannot create user " + user + ": " + problem;
+        // Another test process may have created it meanwhile.
+        if (!problem.empty() && getpwnam(user.c_str()) == nullptr) {
+            return "cannot create user " + user + ": " + problem;
+        }
     }
     if (getgrnam(kClientsGroup.c_str()) == nullptr) {
         const std::string problem = run("/usr/sbin/groupadd", {"--system", kClientsGroup});
-        if (!problem.empty()) return "cannot create group " + kClientsGroup + ": " + problem;
+        if (!problem.empty() && getgrnam(kClientsGroup.c_str()) == nullptr) {
+            return "cannot create group " + kClientsGroup + ": " + problem;
+        }
     }
     if (getpwnam(kOutsider.c_str()) == nullptr) return "no user " + kOutsider;
     return "";
