@@ -86,6 +86,26 @@ boost::shared_ptr<SearchJob> RecordingSearchTargetImpl::findJob(unsigned int job
     return it == JobMap.end() ? boost::shared_ptr<SearchJob>() : it->second;
 }
 
+bool RecordingSearchTargetImpl::_reserveJobId(int* jobId, unsigned int* id)
+{
+    boost::lock_guard<boost::mutex> lock(jobMapMutex);
+    if (!_canCreateJob()) {
+        *jobId = -1;
+        return false;
+    }
+    *id = _createJobId();
+    *jobId = static_cast<int>(*id);
+    return true;
+}
+
+void RecordingSearchTargetImpl::_registerJob(unsigned int id, const boost::shared_ptr<SearchJob>& job,
+                                             const char* requestName)
+{
+    boost::lock_guard<boost::mutex> lock(jobMapMutex);
+    JobMap[id] = job;
+    log(7, "%s(): JobMap.size(): %d, jobId %d", requestName, static_cast<int>(JobMap.size()), id);
+}
+
 int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned int startUsec,
                                                  unsigned int endSec, unsigned int endUsec,
                                                  int maxResults, unsigned char requestFlag1,
@@ -101,23 +121,12 @@ int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned
         return 1;
     }
     unsigned int id = 0;
-    {
-        boost::lock_guard<boost::mutex> lock(jobMapMutex);
-        if (!_canCreateJob()) {
-            *jobId = -1;
-            return 0;
-        }
-        id = _createJobId();
-        *jobId = static_cast<int>(id);
-    }
+    if (!_reserveJobId(jobId, &id)) return 0;
     // Built outside the lock: the constructor asks recording_control for the tracks.
     boost::shared_ptr<SearchJob> job(new EventSearchJob(
         id, logCookie, this, startSec, startUsec, endSec, endUsec, maxResults, requestFlag1 != 0,
         requestFlag2 != 0, includeStartStateEvents != 0));
-    boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    JobMap[id] = job;
-    log(7, "initiateEventSearch(): JobMap.size(): %d, jobId %d", static_cast<int>(JobMap.size()),
-        id);
+    _registerJob(id, job, "initiateEventSearch");
     return 0;
 }
 
@@ -134,21 +143,10 @@ int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec,
         return 1;
     }
     unsigned int id = 0;
-    {
-        boost::lock_guard<boost::mutex> lock(jobMapMutex);
-        if (!_canCreateJob()) {
-            *jobId = -1;
-            return 0;
-        }
-        id = _createJobId();
-        *jobId = static_cast<int>(id);
-    }
+    if (!_reserveJobId(jobId, &id)) return 0;
     boost::shared_ptr<SearchJob> job(new MetadataSearchJob(
         id, logCookie, this, startSec, startUsec, endSec, endUsec, maxResults, std::string(xpath)));
-    boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    JobMap[id] = job;
-    log(7, "initiateMetadataSearch(): JobMap.size(): %d, jobId %d",
-        static_cast<int>(JobMap.size()), id);
+    _registerJob(id, job, "initiateMetadataSearch");
     return 0;
 }
 

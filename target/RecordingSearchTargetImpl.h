@@ -58,6 +58,10 @@ public:
 protected:
     unsigned int _createJobId();
     bool _canCreateJob() const;
+    // The limit check and id allocation of a create request; false (and -1) when refused.
+    bool _reserveJobId(int* jobId, unsigned int* id);
+    void _registerJob(unsigned int id, const boost::shared_ptr<SearchJob>& job,
+                      const char* requestName);
 
     // The last id handed out, shared by every target of the process. Read and written under
     // the allocating target's jobMapMutex; atomic only because tests run several targets.
