@@ -21,6 +21,7 @@ std::string statusToString(kavro_core_status status)
     case KAVRO_STATUS_NAME_TAKEN: return "bus name already owned";
     case KAVRO_STATUS_BUS_LOST: return "connection to the bus lost";
     case KAVRO_STATUS_IO_ERROR: return "input/output error";
+    case KAVRO_STATUS_ACCESS_DENIED: return "access denied by the bus policy";
     default: break;
     }
     return "status " + std::to_string(static_cast<int>(status));

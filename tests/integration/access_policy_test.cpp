@@ -399,8 +399,6 @@ TEST_F(AccessPolicy, ServiceStartedAsAnotherUserFailsOnItsFatalPath)
 
 TEST_F(AccessPolicy, RefusedNameIsNotReportedAsAlreadyOwned)
 {
-    GTEST_SKIP() << "known fault: the runner's requestName turns every refusal into the "
-                    "status for a name already owned";
     const std::string err = startAsOutsider(*bus_);
     EXPECT_EQ(err.find("already owned"), std::string::npos)
         << "an operator would look for a second instance that does not exist: " << err;

@@ -22,6 +22,7 @@ typedef enum kavro_core_status {
     KAVRO_STATUS_NAME_TAKEN = 1008,          // the service's bus name is owned by someone else
     KAVRO_STATUS_BUS_LOST = 1009,            // the bus went away while serving
     KAVRO_STATUS_IO_ERROR = 1010,            // a file the framework needs cannot be used
+    KAVRO_STATUS_ACCESS_DENIED = 1011,       // the bus policy refuses us
     KAVRO_STATUS_MAX_ = 0x7fffffff
 } kavro_core_status;
 
