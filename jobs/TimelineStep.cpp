@@ -42,7 +42,12 @@ StepVerdict TimelineStep::apply(NeighbourTimes times, bool curInRange, bool forw
     return StepVerdict{curInRange, linear};
 }
 
-void TimelineStep::pause() { boost::this_thread::sleep_for(boost::chrono::nanoseconds(500000)); }
+// Workers are never interrupted, so the plain sleep serves: it saves the interruptible
+// sleep's condition-variable wait on every step.
+void TimelineStep::pause()
+{
+    boost::this_thread::no_interruption_point::sleep_for(boost::chrono::nanoseconds(500000));
+}
 
 void TimelineStep::clearEqualNeighbours(NeighbourTimes& times) const
 {

@@ -41,11 +41,14 @@ void BusLoop::stop()
 
 void BusLoop::post(std::function<void()> work)
 {
+    bool wasEmpty = false;
     {
         std::lock_guard<std::mutex> lock(postedMutex_);
+        wasEmpty = posted_.empty();
         posted_.push_back(std::move(work));
     }
-    wake();
+    // Only the first of a burst needs to wake the loop: it takes the whole queue at once.
+    if (wasEmpty) wake();
 }
 
 void BusLoop::wake()
