@@ -27,6 +27,7 @@
 #include "fault_stack.h"
 #include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -160,7 +161,7 @@ public:
     }
 
 private:
-    reliability::TempDir dir_;
+    rstest::TempDir dir_;
     std::unique_ptr<rstest::ProcessRunner> daemon_;
     std::string address_;
 };

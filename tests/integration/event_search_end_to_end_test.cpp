@@ -8,14 +8,12 @@
 
 #include <gtest/gtest.h>
 
-#include "event_search_stack.h"
+#include "end_to_end_recording.h"
 #include "support/SearchClient.h"
 
 namespace {
 
-using e2e::GeneratedRecording;
-using e2e::secOf;
-using e2e::usecOf;
+using namespace e2e;
 using rstest::SearchSignal;
 using Kind = SearchSignal::Kind;
 using namespace std::chrono_literals;
@@ -44,7 +42,7 @@ SearchSignal recordingSignal(uint32_t id, int64_t t, int state, int start)
 // come in the order they were added, then every other track ascending, then the recording.
 void appendStateAt(std::vector<SearchSignal>& out, uint32_t id, int64_t t)
 {
-    const GeneratedRecording& r = GeneratedRecording::get();
+    const RecordingOnDisk& r = RecordingOnDisk::get();
     int recording = 0;
     std::map<std::string, uint32_t> trackState;
     for (const auto& [time, properties] : r.events()) {
@@ -67,7 +65,7 @@ void appendStateAt(std::vector<SearchSignal>& out, uint32_t id, int64_t t)
 std::vector<SearchSignal> expectedSignals(uint32_t id, int64_t start, int64_t end, int maxResults,
                                           bool startState)
 {
-    const GeneratedRecording& r = GeneratedRecording::get();
+    const RecordingOnDisk& r = RecordingOnDisk::get();
     const bool forward = !(end < start);
     int64_t lo = std::max(std::min(start, end), r.first());
     const int64_t hi = std::min(std::max(start, end), r.last());
@@ -110,12 +108,12 @@ class EventSearchEndToEnd : public testing::TestWithParam<EndToEndCase> {};
 TEST_P(EventSearchEndToEnd, ClientReceivesWhatTheRecordingHolds)
 {
     const EndToEndCase& c = GetParam();
-    const GeneratedRecording& r = GeneratedRecording::get();
+    const RecordingOnDisk& r = RecordingOnDisk::get();
     ASSERT_GT(r.events().size(), 20u) << "the generated recording should have some history";
     const int64_t base = c.fromEnd ? r.last() : r.first();
     const int64_t start = base + c.startOffset, end = base + c.endOffset;
 
-    e2e::Stack stack;
+    rstest::ServiceStack stack(stackOptions());
     rstest::SearchClient client(stack.address());
     const auto created = client.createEventSearch(secOf(start), usecOf(start), secOf(end),
                                                   usecOf(end), c.maxResults, 0, 0, c.startState);

@@ -4,25 +4,21 @@
 #pragma once
 
 #include <dirent.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "support/PrivateBus.h"
-#include "support/ProcessRunner.h"
+#include "support/GeneratedRecording.h"
 #include "support/SearchClient.h"
+#include "support/ServiceStack.h"
 
 namespace reliability {
 
@@ -49,128 +45,35 @@ inline bool underSanitizer()
 #endif
 }
 
-class TempDir {
-public:
-    explicit TempDir(const std::string& prefix)
-    {
-        const char* base = std::getenv("TMPDIR");
-        path_ = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
-        if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed");
-    }
-    ~TempDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::string& path() const { return path_; }
-
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-private:
-    std::string path_;
-};
-
 // One recording for the whole test binary that a walk needs many seconds for: about 21000
 // history events and 32000 documents over six hours, so a search is still walking whenever
 // a test interferes with it.
 class LongRecording {
 public:
-    static const LongRecording& get()
+    static const std::string& path()
     {
-        static LongRecording recording;
-        return recording;
+        static const rstest::GeneratedRecording recording(
+            RS_BIN_DIR, {"--seed", "7", "--duration", "6h", "--rate", "1.5", "--video-tracks", "2",
+                         "--audio-tracks", "1", "--track-on", "4", "--track-off", "4",
+                         "--recording-on", "300", "--recording-off", "10"});
+        return recording.path();
     }
-    const std::string& path() const { return file_; }
     // 2024-01-01T00:00:00Z, where the generator starts; six hours long.
     static constexpr uint32_t kStart = 1704067200;
     static constexpr uint32_t kEnd = kStart + 6 * 3600;
-
-private:
-    LongRecording() : dir_("reliability-recording"), file_(dir_.path() + "/long.db")
-    {
-        const auto r = rstest::runToEnd(
-            bin("recording_store"),
-            {"generate", file_, "--seed", "7", "--duration", "6h", "--rate", "1.5",
-             "--video-tracks", "2", "--audio-tracks", "1", "--track-on", "4", "--track-off", "4",
-             "--recording-on", "300", "--recording-off", "10"});
-        if (!r.status.exited || r.status.code != 0) {
-            throw std::runtime_error("recording_store generate failed: " + r.err);
-        }
-    }
-    TempDir dir_;
-    std::string file_;
 };
 
-// recording_store and recording_search on a private bus of the stack's own, so a test may kill,
-// stop or restart either of them, or the bus itself, without touching other tests.
-class Stack {
-public:
-    explicit Stack(std::map<std::string, std::string> serviceEnv = {})
-        : dir_("reliability-stack"), serviceEnv_(std::move(serviceEnv))
-    {
-        serviceEnv_["DBUS_SYSTEM_BUS_ADDRESS"] = bus_.address();
-        serviceEnv_.emplace("KAVRO_LOG_FILE", logPath());
-        startStore();
-        service_ = startAndWait("recording_search", {}, serviceEnv_);
-    }
-    ~Stack() { stop(); }
-
-    rstest::PrivateBus& bus() { return bus_; }
-    const std::string& address() const { return bus_.address(); }
-    rstest::ProcessRunner& store() { return *store_; }
-    rstest::ProcessRunner& service() { return *service_; }
-    std::string logPath() const { return dir_.path() + "/service.log"; }
-
-    void startStore()
-    {
-        store_ = startAndWait("recording_store", {"serve", LongRecording::get().path()},
-                              {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
-                               {"KAVRO_LOG_FILE", dir_.path() + "/store.log"}});
-    }
-    // SIGTERM and the clean exit that the store promises; returns what went wrong.
-    std::string stopStore() { return stopOne(store_); }
-    // Ends both processes; returns what went wrong, empty when both ended cleanly.
-    std::string stop() { return stopOne(service_) + stopOne(store_); }
-
-    Stack(const Stack&) = delete;
-    Stack& operator=(const Stack&) = delete;
-
-private:
-    static std::unique_ptr<rstest::ProcessRunner> startAndWait(
-        const std::string& name, std::vector<std::string> args,
-        std::map<std::string, std::string> env)
-    {
-        auto p = std::make_unique<rstest::ProcessRunner>(bin(name), std::move(args),
-                                                         std::move(env));
-        p->start();
-        if (!p->waitForNotify("READY=1", 20s)) {
-            throw std::runtime_error(name + " did not become ready: " + p->stderrText());
-        }
-        return p;
-    }
-
-    static std::string stopOne(std::unique_ptr<rstest::ProcessRunner>& p)
-    {
-        if (!p) return "";
-        std::string problems;
-        p->sendSignal(SIGCONT);  // a test may have left it stopped
-        p->sendSignal(SIGTERM);
-        const auto status = p->waitForExit(20s);
-        if (!status || !status->exited || status->code != 0 || !p->stderrText().empty()) {
-            problems = "unclean exit of pid " + std::to_string(p->pid()) + ": " +
-                       p->stderrText() + "\n";
-        }
-        p.reset();
-        return problems;
-    }
-
-    TempDir dir_;
-    rstest::PrivateBus bus_;
-    std::map<std::string, std::string> serviceEnv_;
-    std::unique_ptr<rstest::ProcessRunner> store_;
-    std::unique_ptr<rstest::ProcessRunner> service_;
-};
+// recording_store serving the long recording, and recording_search with `serviceEnv` added to
+// its environment.
+inline rstest::ServiceStack::Options longRecordingStack(
+    std::map<std::string, std::string> serviceEnv = {})
+{
+    rstest::ServiceStack::Options options;
+    options.binDir = RS_BIN_DIR;
+    options.recording = LongRecording::path();
+    options.serviceEnv = std::move(serviceEnv);
+    return options;
+}
 
 // What a client saw of one search from creation to its end request.
 struct SearchRun {

@@ -23,7 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 using reliability::LongRecording;
 using reliability::SearchRun;
-using reliability::Stack;
+using reliability::longRecordingStack;
+using Stack = rstest::ServiceStack;
 using Clock = std::chrono::steady_clock;
 
 // Short enough to keep the stall tests quick, long enough that a busy sanitizer run does not
@@ -74,7 +75,7 @@ class StoreFaultTest : public testing::TestWithParam<FaultCase> {};
 TEST_P(StoreFaultTest, MidWalkFaultEndsTheSearchAndLaterSearchesAnswerAsBefore)
 {
     const FaultCase c = GetParam();
-    Stack stack(kServiceEnv);
+    Stack stack(longRecordingStack(kServiceEnv));
     rstest::SearchClient client(stack.address());
     rstest::LogCapture log(stack.logPath());
 
@@ -139,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 {
-    Stack stack(kServiceEnv);
+    Stack stack(longRecordingStack(kServiceEnv));
     rstest::SearchClient client(stack.address());
     const uint32_t id = beginLongSearch(client, SearchKind::Metadata);
     ASSERT_TRUE(reliability::waitForResults(client, id, 20));
@@ -164,7 +165,7 @@ TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 
 TEST(StoreFault, StoreGoneOrRestartedWhileIdle)
 {
-    Stack stack(kServiceEnv);
+    Stack stack(longRecordingStack(kServiceEnv));
     rstest::SearchClient client(stack.address());
     const SearchRun events = reliability::eventReference(client);
     const SearchRun documents = reliability::metadataReference(client);
@@ -204,7 +205,7 @@ TEST(BusFault, BusGoingAwayMidSearchEndsTheServiceOnItsFatalPath)
     EXPECT_TRUE(policy == "always" || policy == "on-failure" || policy == "on-abnormal")
         << "the unit must restart a service that exits 1; Restart=" << policy;
 
-    auto stack = std::make_unique<Stack>(kServiceEnv);
+    auto stack = std::make_unique<Stack>(longRecordingStack(kServiceEnv));
     {
         rstest::SearchClient client(stack->address());
         const uint32_t events = beginLongSearch(client, SearchKind::Event);
@@ -230,7 +231,7 @@ TEST(BusFault, BusGoingAwayMidSearchEndsTheServiceOnItsFatalPath)
     stack.reset();
 
     // What systemd's restart amounts to: a fresh start on a fresh bus serves at once.
-    Stack restarted(kServiceEnv);
+    Stack restarted(longRecordingStack(kServiceEnv));
     rstest::SearchClient client(restarted.address());
     const SearchRun run = reliability::eventReference(client);
     EXPECT_TRUE(run.completed);

@@ -140,7 +140,7 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
     const auto duration = std::chrono::seconds(reliability::envNumber("RS_LOAD_SECONDS", 5));
     const long maxRequests = reliability::envNumber("RS_LOAD_REQUESTS", 20000);
 
-    reliability::Stack stack;
+    rstest::ServiceStack stack(reliability::longRecordingStack());
     rstest::SearchClient observer(stack.address());
     const uint32_t events = beginWalk(observer, false);
     const uint32_t documents = beginWalk(observer, true);

@@ -9,14 +9,12 @@
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
 
-#include "event_search_stack.h"
+#include "end_to_end_recording.h"
 #include "support/SearchClient.h"
 
 namespace {
 
-using e2e::GeneratedRecording;
-using e2e::secOf;
-using e2e::usecOf;
+using namespace e2e;
 using rstest::SearchSignal;
 using Kind = SearchSignal::Kind;
 using namespace std::chrono_literals;
@@ -47,7 +45,7 @@ class MetadataSearchEndToEnd : public testing::TestWithParam<MetadataCase> {};
 TEST_P(MetadataSearchEndToEnd, ReportsTheDocumentsThatLibxml2SaysMatch)
 {
     const MetadataCase& c = GetParam();
-    const GeneratedRecording& r = GeneratedRecording::get();
+    const RecordingOnDisk& r = RecordingOnDisk::get();
     const int64_t firstDocument = r.documents().begin()->first;
     const int64_t lastDocument = r.documents().rbegin()->first;
     const int64_t start = firstDocument + c.startOffset, end = firstDocument + c.endOffset;
@@ -64,7 +62,7 @@ TEST_P(MetadataSearchEndToEnd, ReportsTheDocumentsThatLibxml2SaysMatch)
     if (!forward) std::reverse(times.begin(), times.end());
     if (c.maxResults >= 0 && times.size() > size_t(c.maxResults)) times.resize(c.maxResults);
 
-    e2e::Stack stack;
+    rstest::ServiceStack stack(stackOptions());
     rstest::SearchClient client(stack.address());
     const auto created = client.createMetadataSearch(secOf(start), usecOf(start), secOf(end),
                                                      usecOf(end), c.maxResults, c.xpath);

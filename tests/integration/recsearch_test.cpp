@@ -1,13 +1,10 @@
 // recsearch as a person or a script uses it: the real binaries on a bus of each test's own.
 #include <signal.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -17,9 +14,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/PrivateBus.h"
+#include "support/GeneratedRecording.h"
 #include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
+#include "support/ServiceStack.h"
 
 namespace {
 
@@ -34,95 +32,33 @@ constexpr uint32_t kFrom = 1704067200;
 constexpr uint32_t kTo = kFrom + 3600;
 const char* const kPersonXPath = "//Object[Appearance/Class/Type=\"Person\"]";
 
-// Generated once per test binary; the directory goes when the binary ends.
-class SampleRecording {
-public:
-    static const std::string& path()
-    {
-        static SampleRecording sample;
-        return sample.file_;
-    }
+// recording_store serving the sample on a bus of the test's own and, unless told otherwise,
+// recording_search.
+rstest::ServiceStack::Options sampleStack(bool withService = true)
+{
+    static const rstest::GeneratedRecording sample(
+        RS_BIN_DIR, {"--seed", "11", "--start", "2024-01-01T00:00:00Z", "--duration", "1h",
+                     "--video-tracks", "2", "--audio-tracks", "1", "--recording-on", "900",
+                     "--recording-off", "60", "--track-on", "300", "--track-off", "30"});
+    rstest::ServiceStack::Options options;
+    options.binDir = RS_BIN_DIR;
+    options.recording = sample.path();
+    options.startService = withService;
+    return options;
+}
 
-private:
-    SampleRecording()
-    {
-        const char* base = std::getenv("TMPDIR");
-        dir_ = std::string(base && *base ? base : "/tmp") + "/recsearch-test-XXXXXX";
-        if (!mkdtemp(dir_.data())) throw std::runtime_error("mkdtemp failed");
-        file_ = dir_ + "/sample.db";
-        const auto r = rstest::runToEnd(
-            bin("recording_store"),
-            {"generate", file_, "--seed", "11", "--start", "2024-01-01T00:00:00Z", "--duration",
-             "1h", "--video-tracks", "2", "--audio-tracks", "1", "--recording-on", "900",
-             "--recording-off", "60", "--track-on", "300", "--track-off", "30"});
-        if (!r.status.exited || r.status.code != 0) {
-            throw std::runtime_error("recording_store generate failed: " + r.err);
-        }
-    }
-    ~SampleRecording()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
+rstest::RunResult recsearch(const rstest::ServiceStack& stack, const std::vector<std::string>& args)
+{
+    return rstest::runToEnd(bin("recsearch"), args, stack.clientEnv(), 60s);
+}
 
-    std::string dir_;
-    std::string file_;
-};
-
-// A private bus with recording_store serving the sample and, unless told otherwise,
-// recording_search; both are stopped with SIGTERM at the end.
-class Stack {
-public:
-    explicit Stack(bool withService = true)
-    {
-        env_ = {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()}};
-        store_ = startAndWait("recording_store", {"serve", SampleRecording::path()});
-        if (withService) service_ = startAndWait("recording_search", {});
-    }
-
-    ~Stack()
-    {
-        for (auto* p : {service_.get(), store_.get()}) {
-            if (p == nullptr || p->exitedWithin(0ms)) continue;
-            p->sendSignal(SIGTERM);
-            p->waitForExit(10s);
-        }
-    }
-
-    const std::string& address() const { return bus_.address(); }
-    const std::map<std::string, std::string>& env() const { return env_; }
-    rstest::ProcessRunner& service() { return *service_; }
-    rstest::PrivateBus& bus() { return bus_; }
-
-    rstest::RunResult recsearch(const std::vector<std::string>& args) const
-    {
-        return rstest::runToEnd(bin("recsearch"), args, env_, 60s);
-    }
-
-    std::unique_ptr<rstest::ProcessRunner> startRecsearch(const std::vector<std::string>& args) const
-    {
-        auto p = std::make_unique<rstest::ProcessRunner>(bin("recsearch"), args, env_);
-        p->start();
-        return p;
-    }
-
-private:
-    std::unique_ptr<rstest::ProcessRunner> startAndWait(const std::string& name,
-                                                        std::vector<std::string> args)
-    {
-        auto p = std::make_unique<rstest::ProcessRunner>(bin(name), std::move(args), env_);
-        p->start();
-        if (!p->waitForNotify("READY=1", 10s)) {
-            throw std::runtime_error(name + " did not become ready: " + p->stderrText());
-        }
-        return p;
-    }
-
-    rstest::PrivateBus bus_;
-    std::map<std::string, std::string> env_;
-    std::unique_ptr<rstest::ProcessRunner> store_;
-    std::unique_ptr<rstest::ProcessRunner> service_;
-};
+std::unique_ptr<rstest::ProcessRunner> startRecsearch(const rstest::ServiceStack& stack,
+                                                      const std::vector<std::string>& args)
+{
+    auto p = std::make_unique<rstest::ProcessRunner>(bin("recsearch"), args, stack.clientEnv());
+    p->start();
+    return p;
+}
 
 std::vector<std::string> lines(const std::string& text)
 {
@@ -233,7 +169,7 @@ struct SearchCase {
 std::ostream& operator<<(std::ostream& os, const SearchCase& c) { return os << c.name; }
 
 // The same search made directly: its results, in order, with job ids cleared.
-std::vector<SearchSignal> expectedResults(const Stack& stack, const SearchCase& c)
+std::vector<SearchSignal> expectedResults(const rstest::ServiceStack& stack, const SearchCase& c)
 {
     rstest::SearchClient client(stack.address());
     const auto created = c.create(client);
@@ -255,13 +191,13 @@ class RecsearchResults : public testing::TestWithParam<SearchCase> {};
 
 TEST_P(RecsearchResults, PrintsExactlyWhatTheServiceSendsForTheSearch)
 {
-    Stack stack;
+    rstest::ServiceStack stack(sampleStack());
     const auto expected = expectedResults(stack, GetParam());
     EXPECT_EQ(!expected.empty(), GetParam().findsSomething);
 
     auto args = GetParam().args;
     args.push_back("--json");
-    const auto json = stack.recsearch(args);
+    const auto json = recsearch(stack, args);
     ASSERT_TRUE(json.status.exited && json.status.code == 0) << describe(json);
     const auto run = parseJson(json.out);
     EXPECT_EQ(run.results, expected);
@@ -269,7 +205,7 @@ TEST_P(RecsearchResults, PrintsExactlyWhatTheServiceSendsForTheSearch)
     EXPECT_EQ(run.summary.at("kind"), "completed");
     EXPECT_EQ(run.summary.at("results"), expected.size());
 
-    const auto text = stack.recsearch(GetParam().args);
+    const auto text = recsearch(stack, GetParam().args);
     ASSERT_TRUE(text.status.exited && text.status.code == 0) << describe(text);
     std::vector<SearchSignal> printed;
     for (const auto& line : lines(text.out)) printed.push_back(parseTextLine(line));
@@ -335,8 +271,8 @@ uint32_t jobIdFromBegun(const std::string& err)
 
 TEST(RecsearchInterrupt, CtrlCEndsTheSearchAndSaysHowFarItGot)
 {
-    Stack stack;
-    auto rs = stack.startRecsearch(kLongSearch);
+    rstest::ServiceStack stack(sampleStack());
+    auto rs = startRecsearch(stack, kLongSearch);
     ASSERT_TRUE(rs->waitForStdout("metadata match\n", 10s)) << rs->stderrText();
     rs->sendSignal(SIGINT);
     const auto status = rs->waitForExit(20s);
@@ -386,8 +322,8 @@ class RecsearchDeparture : public testing::TestWithParam<Departure> {};
 
 TEST_P(RecsearchDeparture, EndsWithAClearMessageInsteadOfWaiting)
 {
-    Stack stack;
-    auto rs = stack.startRecsearch(kLongSearch);
+    rstest::ServiceStack stack(sampleStack());
+    auto rs = startRecsearch(stack, kLongSearch);
     ASSERT_TRUE(rs->waitForStdout("metadata match\n", 10s)) << rs->stderrText();
     switch (GetParam()) {
     case Departure::ServiceStops: stack.service().sendSignal(SIGTERM); break;
@@ -415,27 +351,27 @@ INSTANTIATE_TEST_SUITE_P(Departures, RecsearchDeparture,
 
 TEST(RecsearchOtherClientsSearch, StateAndEndFollowTheSearchThroughItsLife)
 {
-    Stack stack;
+    rstest::ServiceStack stack(sampleStack());
     rstest::SearchClient owner(stack.address());
     const auto created = owner.createEventSearch(kFrom, 0, kTo, 0, -1, 0, 0, 0);
     ASSERT_TRUE(created.ok() && created.value > 0);
     const std::string id = std::to_string(created.value);
 
-    auto r = stack.recsearch({"state", id});
+    auto r = recsearch(stack, {"state", id});
     EXPECT_EQ(r.status.code, 0) << describe(r);
     EXPECT_EQ(r.out, "job " + id + ": searching\n");
 
-    r = stack.recsearch({"state", id, "--json"});
+    r = recsearch(stack, {"state", id, "--json"});
     EXPECT_EQ(r.status.code, 0) << describe(r);
     EXPECT_EQ(nlohmann::json::parse(r.out),
               (nlohmann::json{{"job", created.value}, {"state", 1}, {"state_name", "searching"}}));
 
     ASSERT_TRUE(owner.beginSearch(uint32_t(created.value)).ok());
     ASSERT_TRUE(owner.waitForCompleted(uint32_t(created.value), 30s));
-    r = stack.recsearch({"state", id});
+    r = recsearch(stack, {"state", id});
     EXPECT_EQ(r.out, "job " + id + ": completed\n") << describe(r);
 
-    r = stack.recsearch({"end", id, "--json"});
+    r = recsearch(stack, {"end", id, "--json"});
     EXPECT_EQ(r.status.code, 0) << describe(r);
     const auto ended = nlohmann::json::parse(r.out);
     EXPECT_EQ(ended.at("job"), created.value);
@@ -444,17 +380,17 @@ TEST(RecsearchOtherClientsSearch, StateAndEndFollowTheSearchThroughItsLife)
               std::make_pair(ended.at("sec").get<uint32_t>(), ended.at("usec").get<uint32_t>()));
     EXPECT_EQ(ended.at("sec"), kTo) << "a completed forward search has searched to its end";
 
-    r = stack.recsearch({"state", id});
+    r = recsearch(stack, {"state", id});
     EXPECT_EQ(r.status.code, 7) << describe(r);
     EXPECT_EQ(r.out, "job " + id + ": unknown (no such search)\n");
-    r = stack.recsearch({"end", id});
+    r = recsearch(stack, {"end", id});
     EXPECT_EQ(r.status.code, 7) << describe(r);
     EXPECT_EQ(r.err, "recsearch: no search with job id " + id + "\n");
 }
 
 TEST(RecsearchOtherClientsSearch, EndStopsARunningSearchAndReportsItsPosition)
 {
-    Stack stack;
+    rstest::ServiceStack stack(sampleStack());
     rstest::SearchClient owner(stack.address());
     const auto created = owner.createMetadataSearch(kFrom, 0, kTo, 0, -1, "");
     ASSERT_TRUE(created.ok() && created.value > 0);
@@ -462,7 +398,7 @@ TEST(RecsearchOtherClientsSearch, EndStopsARunningSearchAndReportsItsPosition)
     ASSERT_TRUE(owner.beginSearch(jobId).ok());
     ASSERT_TRUE(owner.waitForSignalCount(1, 10s));
 
-    const auto r = stack.recsearch({"end", std::to_string(jobId)});
+    const auto r = recsearch(stack, {"end", std::to_string(jobId)});
     EXPECT_EQ(r.status.code, 0) << describe(r);
     std::smatch m;
     static const std::regex form(R"(^job (\d+) ended; it had searched through (\S+) \((\S+)\)\n$)");
@@ -477,15 +413,15 @@ TEST(RecsearchOtherClientsSearch, EndStopsARunningSearchAndReportsItsPosition)
 
 TEST(RecsearchOtherClientsSearch, ARunningRecsearchNoticesThatAnotherClientEndedItsSearch)
 {
-    Stack stack;
-    auto watcher = stack.startRecsearch({"metadata", std::to_string(kFrom), std::to_string(kTo), "",
+    rstest::ServiceStack stack(sampleStack());
+    auto watcher = startRecsearch(stack, {"metadata", std::to_string(kFrom), std::to_string(kTo), "",
                                          "--json"});
     rstest::SearchClient observer(stack.address());
     // The watcher's search is the only one: its first result names its job id.
     ASSERT_TRUE(observer.waitForSignalCount(1, 10s));
     const uint32_t jobId = observer.signals().front().jobId;
 
-    const auto ender = stack.recsearch({"end", std::to_string(jobId)});
+    const auto ender = recsearch(stack, {"end", std::to_string(jobId)});
     EXPECT_EQ(ender.status.code, 0) << describe(ender);
     const auto status = watcher->waitForExit(10s);
     ASSERT_TRUE(status.has_value());
@@ -514,8 +450,8 @@ class RecsearchServiceErrors : public testing::TestWithParam<ErrorCase> {};
 
 TEST_P(RecsearchServiceErrors, GiveOneLineAndTheirExitCode)
 {
-    Stack stack;
-    const auto r = stack.recsearch(GetParam().args);
+    rstest::ServiceStack stack(sampleStack());
+    const auto r = recsearch(stack, GetParam().args);
     EXPECT_TRUE(r.status.exited);
     EXPECT_EQ(r.status.code, GetParam().exitCode) << describe(r);
     EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
@@ -538,7 +474,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RecsearchRefused, TwoRunningSearchesRefuseAThirdButNotANoop)
 {
-    Stack stack;
+    rstest::ServiceStack stack(sampleStack());
     rstest::SearchClient holder(stack.address());
     for (int i = 0; i < 2; ++i) {
         const auto created = holder.createEventSearch(kFrom, 0, kTo, 0, -1, 0, 0, 0);
@@ -547,22 +483,22 @@ TEST(RecsearchRefused, TwoRunningSearchesRefuseAThirdButNotANoop)
     for (const auto& args : std::vector<std::vector<std::string>>{
              {"events", std::to_string(kFrom), std::to_string(kTo)},
              {"metadata", std::to_string(kFrom), std::to_string(kTo), "//Object"}}) {
-        const auto r = stack.recsearch(args);
+        const auto r = recsearch(stack, args);
         EXPECT_EQ(r.status.code, 4) << describe(r);
         EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
         EXPECT_NE(r.err.find("refused"), std::string::npos) << r.err;
         EXPECT_NE(r.err.find("job id -1"), std::string::npos) << r.err;
     }
-    const auto noop = stack.recsearch({"noop"});
+    const auto noop = recsearch(stack, {"noop"});
     EXPECT_EQ(noop.status.code, 0) << describe(noop);
 }
 
 TEST(RecsearchUnreachable, NoServiceOnTheBus)
 {
-    Stack stack(/*withService=*/false);
+    rstest::ServiceStack stack(sampleStack(/*withService=*/false));
     for (const auto& args : std::vector<std::vector<std::string>>{
              {"events", std::to_string(kFrom), std::to_string(kTo)}, {"noop"}, {"state", "1"}}) {
-        const auto r = stack.recsearch(args);
+        const auto r = recsearch(stack, args);
         EXPECT_EQ(r.status.code, 3) << describe(r);
         EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
         EXPECT_NE(r.err.find("recsearch: recording_search is not running"), std::string::npos)

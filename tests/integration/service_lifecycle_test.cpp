@@ -2,16 +2,13 @@
 // ways it can fail (a bus it cannot use, and losing the bus while it serves).
 
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,6 +19,7 @@
 #include "support/ProcessRunner.h"
 #include "support/ScriptedRecordingServices.h"
 #include "support/SearchClient.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -43,18 +41,7 @@ rstest::Recording longRecording()
 
 class ServiceProcessTest : public ::testing::Test {
 protected:
-    ServiceProcessTest()
-    {
-        const char* base = std::getenv("TMPDIR");
-        dir_ = std::string(base && *base ? base : "/tmp") + "/rs-service-XXXXXX";
-        if (!mkdtemp(dir_.data())) throw std::runtime_error("mkdtemp failed");
-        logPath_ = dir_ + "/service.log";
-    }
-    ~ServiceProcessTest() override
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-    }
+    ServiceProcessTest() : dir_("rs-service"), logPath_(dir_.file("service.log")) {}
 
     std::unique_ptr<rstest::ProcessRunner> service(std::map<std::string, std::string> env = {})
     {
@@ -95,7 +82,7 @@ protected:
         EXPECT_TRUE(logged) << "the fatal error is logged at priority 3: " << what;
     }
 
-    std::string dir_;
+    rstest::TempDir dir_;
     std::string logPath_;
 };
 
@@ -239,7 +226,7 @@ TEST_F(ServiceProcessTest, SigpipeIsIgnoredWhileServing)
 
 TEST_F(ServiceProcessTest, UnreachableBusIsFatal)
 {
-    auto process = service({{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + dir_ + "/no-bus-here"}});
+    auto process = service({{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + dir_.file("no-bus-here")}});
     process->start();
     expectFatalExit(*process);
     for (const auto& message : process->notifications()) EXPECT_NE(message, "READY=1");

@@ -58,7 +58,7 @@ TEST(SoakSearches, ThousandsOfSearchesLeaveMemoryDescriptorsAndThreadsFlat)
     // Enough to fill the allocator's arenas and the framework's pools before measuring.
     const long warmUp = std::min(300L, count);
 
-    reliability::Stack stack;
+    rstest::ServiceStack stack(reliability::longRecordingStack());
     const pid_t pid = stack.service().pid();
     std::string problem;
     {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -17,7 +18,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using storetest::ScratchDir;
+using rstest::TempDir;
 using testing::HasSubstr;
 
 const std::string kStore = std::string(RS_BIN_DIR) + "/recording_store";
@@ -42,7 +43,7 @@ protected:
         return path;
     }
 
-    ScratchDir dir_;
+    TempDir dir_;
     rstest::PrivateBus bus_;
 };
 
@@ -111,7 +112,7 @@ TEST_F(StoreProcess, EndsWithAnErrorWhenTheBusGoesAway)
 
 struct UnservableCase {
     const char* name;
-    std::function<std::string(const ScratchDir&)> make;
+    std::function<std::string(const TempDir&)> make;
     const char* message;
 };
 
@@ -133,11 +134,11 @@ TEST_P(UnservableFile, IsOneLineOnStandardErrorAndExitStatusOne)
 INSTANTIATE_TEST_SUITE_P(
     Files, UnservableFile,
     testing::Values(
-        UnservableCase{"Missing", [](const ScratchDir& d) { return d.file("none.db"); }, "cannot open"},
+        UnservableCase{"Missing", [](const TempDir& d) { return d.file("none.db"); }, "cannot open"},
         UnservableCase{"NotADatabase",
-                       [](const ScratchDir& d) { return d.write("x.db", std::string(8192, 'x')); },
+                       [](const TempDir& d) { return d.write("x.db", std::string(8192, 'x')); },
                        "not a recording"},
-        UnservableCase{"EmptyFile", [](const ScratchDir& d) { return d.write("e.db", ""); },
+        UnservableCase{"EmptyFile", [](const TempDir& d) { return d.write("e.db", ""); },
                        "not a recording"}),
     [](const auto& info) { return std::string(info.param.name); });
 

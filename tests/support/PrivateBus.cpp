@@ -16,19 +16,11 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/TempDir.h"
+
 namespace rstest {
 
 namespace {
-
-std::string makeTempDir()
-{
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/rs-bus-XXXXXX";
-    if (!mkdtemp(pattern.data())) {
-        throw std::runtime_error(std::string("mkdtemp: ") + std::strerror(errno));
-    }
-    return pattern;
-}
 
 // Allow-all, like a system bus without its policy; limits raised so that throughput tests
 // measure us, not the daemon's defaults.
@@ -81,7 +73,7 @@ std::string readAddress(int fd, pid_t pid, const std::string& errorLog)
 
 }  // namespace
 
-PrivateBus::PrivateBus() : dir_(makeTempDir())
+PrivateBus::PrivateBus() : dir_(makeTempDir("rs-bus"))
 {
     const std::string config = dir_ + "/bus.conf";
     writeConfig(config, dir_ + "/bus_socket");

@@ -23,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/TempDir.h"
+
 extern char** environ;
 
 namespace rstest {
@@ -32,14 +34,6 @@ namespace {
 std::runtime_error sysError(const std::string& what)
 {
     return std::runtime_error(what + ": " + std::strerror(errno));
-}
-
-std::string makeTempDir()
-{
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/rs-proc-XXXXXX";
-    if (!mkdtemp(pattern.data())) throw sysError("mkdtemp");
-    return pattern;
 }
 
 int bindNotifySocket(const std::string& path)
@@ -118,7 +112,7 @@ public:
 
     void start()
     {
-        dir_ = makeTempDir();
+        dir_ = makeTempDir("rs-proc");
         notifyPath_ = dir_ + "/notify";
         notifyFd_ = bindNotifySocket(notifyPath_);
         stopFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

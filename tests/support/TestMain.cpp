@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/TempDir.h"
 #include "support/TestEnvironment.h"
 
 namespace rstest {
@@ -35,9 +36,7 @@ std::string prepareLogFile()
         theLogFile = chosen;
         return "";
     }
-    const char* base = std::getenv("TMPDIR");
-    std::string dir = std::string(base && *base ? base : "/tmp") + "/rs-log-XXXXXX";
-    if (!mkdtemp(dir.data())) throw std::runtime_error("mkdtemp failed");
+    const std::string dir = makeTempDir("rs-log");
     theLogFile = dir + "/kavro.log";
     setenv("KAVRO_LOG_FILE", theLogFile.c_str(), 1);
     return dir;

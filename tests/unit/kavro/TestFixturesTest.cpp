@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -17,6 +16,7 @@
 #include "support/PrivateBus.h"
 #include "support/ProcessRunner.h"
 #include "support/ScriptedRecordingServices.h"
+#include "support/TempDir.h"
 
 namespace rstest {
 namespace {
@@ -52,22 +52,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 class LogCaptureFile : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        char dir[] = "/tmp/rs-logcap-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        path_ = dir_ + "/log";
-        append("6 OLD: before the mark\n");
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
+    void SetUp() override { append("6 OLD: before the mark\n"); }
     void append(const std::string& text)
     {
         std::ofstream(path_, std::ios::app) << text;
     }
 
-    std::string dir_;
-    std::string path_;
+    TempDir dir_{"rs-logcap"};
+    std::string path_ = dir_.file("log");
 };
 
 TEST_F(LogCaptureFile, SeesOnlyWholeLinesWrittenAfterTheMark)

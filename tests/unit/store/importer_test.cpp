@@ -2,6 +2,8 @@
 // nothing at all is loaded.
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -38,7 +40,7 @@ const char* const kGoodEvents =
 
 TEST(Importer, LoadsEventsGroupingLinesOfOneTime)
 {
-    ScratchDir dir;
+    TempDir dir;
     ImportSources sources;
     sources.eventFiles = {dir.write("e.csv", kGoodEvents)};
     sources.tracks = {"AUDIO001"};
@@ -61,7 +63,7 @@ TEST(Importer, LoadsEventsGroupingLinesOfOneTime)
 
 TEST(Importer, LoadsDocumentsFromJsonLinesAndFromADirectory)
 {
-    ScratchDir dir;
+    TempDir dir;
     std::filesystem::create_directory(dir.file("frames"));
     dir.write("frames/300.25.xml", "<Frame n=\"dir\"/>");
     dir.write("frames/notes.txt", "not a document, not looked at");
@@ -86,7 +88,7 @@ TEST(Importer, LoadsDocumentsFromJsonLinesAndFromADirectory)
 
 TEST(Importer, AddsToAnExistingRecording)
 {
-    ScratchDir dir;
+    TempDir dir;
     ImportSources first;
     first.eventFiles = {dir.write("a.csv", "100,0,1\n")};
     ASSERT_TRUE(runImport(dir.file("r.db"), first).loaded());
@@ -108,7 +110,7 @@ class ImporterBadLine : public testing::TestWithParam<BadLine> {};
 // The bad line sits between good ones, so the good ones would be loaded by a partial load.
 TEST_P(ImporterBadLine, IsReportedWithItsLineNumberAndNothingIsLoaded)
 {
-    ScratchDir dir;
+    TempDir dir;
     ImportSources sources;
     std::string file;
     if (GetParam().events) {
@@ -170,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Importer, ReportsEveryBadLineAndEveryBadFile)
 {
-    ScratchDir dir;
+    TempDir dir;
     std::filesystem::create_directory(dir.file("frames"));
     dir.write("frames/soon.xml", "<a/>");
     dir.write("frames/400.xml", "<a>");
@@ -189,7 +191,7 @@ TEST(Importer, ReportsEveryBadLineAndEveryBadFile)
 
 TEST(Importer, CountsProblemsBeyondThoseItLists)
 {
-    ScratchDir dir;
+    TempDir dir;
     std::string lines;
     for (int i = 0; i < 250; ++i) lines += "bad\n";
     ImportSources sources;
@@ -201,7 +203,7 @@ TEST(Importer, CountsProblemsBeyondThoseItLists)
 
 TEST(Importer, RefusesAnOversizedDocumentFile)
 {
-    ScratchDir dir;
+    TempDir dir;
     std::filesystem::create_directory(dir.file("frames"));
     dir.write("frames/100.xml", "<a>" + std::string(Importer::kMaxDocumentBytes, 'x') + "</a>");
     ImportSources sources;

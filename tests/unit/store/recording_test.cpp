@@ -1,6 +1,8 @@
 // The answer rules of the read side, on a small recording written by the test.
 #include <sqlite3.h>
 
+#include <fstream>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +24,7 @@ using testing::HasSubstr;
 
 // Two events share 200.0, as do two documents at 160.0; AUDIO001 ends switched off, VIDEO001
 // ends switched on, and SPARE never switches at all.
-std::string writeSmallRecording(const ScratchDir& dir)
+std::string writeSmallRecording(const TempDir& dir)
 {
     const std::string path = dir.file("small.db");
     RecordingWriter writer(path, RecordingWriter::Durability::Safe);
@@ -46,7 +48,7 @@ std::string writeSmallRecording(const ScratchDir& dir)
 
 class SmallRecording : public testing::Test {
 protected:
-    ScratchDir dir_;
+    TempDir dir_;
     Recording recording_{writeSmallRecording(dir_)};
 };
 
@@ -219,7 +221,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(EmptyRecording, AnswersNothingButTheTracksAndAnAllOffState)
 {
-    ScratchDir dir;
+    TempDir dir;
     {
         RecordingWriter writer(dir.file("empty.db"), RecordingWriter::Durability::Safe);
         writer.addTrack("VIDEO001");
@@ -238,7 +240,7 @@ TEST(EmptyRecording, AnswersNothingButTheTracksAndAnAllOffState)
 
 TEST(DocumentsOnlyRecording, SummaryComesFromTheDocuments)
 {
-    ScratchDir dir;
+    TempDir dir;
     {
         RecordingWriter writer(dir.file("docs.db"), RecordingWriter::Durability::Safe);
         writer.addDocument(at(5), "<a/>");
@@ -253,7 +255,7 @@ TEST(DocumentsOnlyRecording, SummaryComesFromTheDocuments)
 
 TEST(RecordingWriterChecks, RefusesTimesAndKeysTheAnswersCannotCarry)
 {
-    ScratchDir dir;
+    TempDir dir;
     RecordingWriter writer(dir.file("w.db"), RecordingWriter::Durability::Safe);
     EXPECT_THROW(writer.addDocument(at(0), "<a/>"), store::StoreError);
     EXPECT_THROW(writer.addDocument(at(1, 1000000), "<a/>"), store::StoreError);
@@ -265,7 +267,7 @@ TEST(RecordingWriterChecks, RefusesTimesAndKeysTheAnswersCannotCarry)
 // Files that must not be served, each with the reason the one-line error gives.
 struct UnusableCase {
     const char* name;
-    std::function<std::string(const ScratchDir&)> make;
+    std::function<std::string(const TempDir&)> make;
     const char* reason;
 };
 
@@ -281,7 +283,7 @@ class UnusableFile : public testing::TestWithParam<UnusableCase> {};
 
 TEST_P(UnusableFile, IsRefusedWithItsReason)
 {
-    ScratchDir dir;
+    TempDir dir;
     const std::string path = GetParam().make(dir);
     try {
         Recording recording(path);
@@ -296,26 +298,26 @@ TEST_P(UnusableFile, IsRefusedWithItsReason)
 INSTANTIATE_TEST_SUITE_P(
     Files, UnusableFile,
     testing::Values(
-        UnusableCase{"Missing", [](const ScratchDir& d) { return d.file("none.db"); },
+        UnusableCase{"Missing", [](const TempDir& d) { return d.file("none.db"); },
                      "No such file"},
-        UnusableCase{"Directory", [](const ScratchDir& d) { return d.path(); }, "not a regular file"},
-        UnusableCase{"Text", [](const ScratchDir& d) { return d.write("t.db", std::string(4096, 'x')); },
+        UnusableCase{"Directory", [](const TempDir& d) { return d.path(); }, "not a regular file"},
+        UnusableCase{"Text", [](const TempDir& d) { return d.write("t.db", std::string(4096, 'x')); },
                      "not a recording"},
         UnusableCase{"ForeignDatabase",
-                     [](const ScratchDir& d) {
+                     [](const TempDir& d) {
                          runSql(d.file("f.db"), "CREATE TABLE other(x)");
                          return d.file("f.db");
                      },
                      "application id 0x00000000"},
         UnusableCase{"NewerVersion",
-                     [](const ScratchDir& d) {
+                     [](const TempDir& d) {
                          { RecordingWriter writer(d.file("n.db"), RecordingWriter::Durability::Safe); }
                          runSql(d.file("n.db"), "PRAGMA user_version = 99");
                          return d.file("n.db");
                      },
                      "version 99 is newer than this build reads (1)"},
         UnusableCase{"DamagedHeader",
-                     [](const ScratchDir& d) {
+                     [](const TempDir& d) {
                          { RecordingWriter writer(d.file("c.db"), RecordingWriter::Durability::Safe); }
                          std::fstream file(d.file("c.db"), std::ios::in | std::ios::out | std::ios::binary);
                          file.write("garbage garbage!", 16);
@@ -326,7 +328,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(RecordingWriterOpen, RefusesToWriteIntoANewerRecording)
 {
-    ScratchDir dir;
+    TempDir dir;
     { RecordingWriter writer(dir.file("n.db"), RecordingWriter::Durability::Safe); }
     runSql(dir.file("n.db"), "PRAGMA user_version = 2");
     EXPECT_THROW(RecordingWriter(dir.file("n.db"), RecordingWriter::Durability::Safe),

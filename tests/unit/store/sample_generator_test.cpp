@@ -67,7 +67,7 @@ SampleOptions tenMinutes(uint64_t seed)
 
 TEST(SampleGenerator, SameSeedGivesTheSameRecordingAndAnotherSeedAnother)
 {
-    ScratchDir dir;
+    TempDir dir;
     generate(dir.file("a.db"), tenMinutes(7));
     generate(dir.file("b.db"), tenMinutes(7));
     generate(dir.file("c.db"), tenMinutes(8));
@@ -79,7 +79,7 @@ TEST(SampleGenerator, SameSeedGivesTheSameRecordingAndAnotherSeedAnother)
 
 TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetadataIsOn)
 {
-    ScratchDir dir;
+    TempDir dir;
     SampleOptions options = tenMinutes(3);
     options.start = at(1800000000, 250000);
     options.videoTracks = 2;
@@ -111,7 +111,7 @@ TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetad
 
 TEST(SampleGenerator, WritesTheAskedRateWhileEverythingStaysOn)
 {
-    ScratchDir dir;
+    TempDir dir;
     SampleOptions options;
     options.durationSeconds = 120;
     options.documentsPerSecond = 8;
@@ -132,7 +132,7 @@ struct QueryShare {
 // The README's example queries, evaluated the way the search evaluates them.
 TEST(SampleGenerator, DocumentsParseAndTheReadmeQueriesFindSomeButNotAll)
 {
-    ScratchDir dir;
+    TempDir dir;
     SampleOptions options;
     options.durationSeconds = 1200;
     options.recordingOnSeconds = options.trackOnSeconds = 1e9;

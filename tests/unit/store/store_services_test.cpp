@@ -85,7 +85,7 @@ protected:
         return handle;
     }
 
-    ScratchDir dir_;
+    TempDir dir_;
 };
 
 TEST_F(StoreServices, AnswersEachMethodThroughTheInitiators)
