@@ -6,10 +6,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libxml/parser.h>
-#include <libxml/xpath.h>
 
 #include "end_to_end_recording.h"
+#include "support/PlainXPath.h"
 #include "support/SearchClient.h"
 
 namespace {
@@ -19,19 +18,6 @@ using rstest::SearchSignal;
 using Kind = SearchSignal::Kind;
 using namespace std::chrono_literals;
 
-bool libxml2Matches(const std::string& expression, const std::string& document)
-{
-    xmlDocPtr doc = xmlParseDoc(reinterpret_cast<const xmlChar*>(document.c_str()));
-    xmlXPathContextPtr context = xmlXPathNewContext(doc);
-    xmlXPathCompExprPtr compiled =
-        xmlXPathCompile(reinterpret_cast<const xmlChar*>(expression.c_str()));
-    const int result = xmlXPathCompiledEvalToBoolean(compiled, context);
-    xmlXPathFreeCompExpr(compiled);
-    xmlXPathFreeContext(context);
-    xmlFreeDoc(doc);
-    return result == 1;
-}
-
 struct MetadataCase {
     const char* name;
     const char* xpath;
@@ -39,6 +25,8 @@ struct MetadataCase {
     int maxResults;
     size_t atLeast;  // matches the recording must hold, so that the comparison means something
 };
+
+void PrintTo(const MetadataCase& c, std::ostream* os) { *os << c.name; }
 
 class MetadataSearchEndToEnd : public testing::TestWithParam<MetadataCase> {};
 
@@ -56,7 +44,7 @@ TEST_P(MetadataSearchEndToEnd, ReportsTheDocumentsThatLibxml2SaysMatch)
     for (const auto& [t, document] : r.documents()) {
         const bool inRange = t >= std::max(std::min(start, end), firstDocument) &&
                              t <= std::min(std::max(start, end), lastDocument);
-        if (inRange && libxml2Matches(expression, document)) times.push_back(t);
+        if (inRange && rstest::plainXPathEvaluation(expression, document) == 1) times.push_back(t);
     }
     ASSERT_GE(times.size(), c.atLeast);
     if (!forward) std::reverse(times.begin(), times.end());
@@ -111,6 +99,6 @@ INSTANTIATE_TEST_SUITE_P(
                      500 * kSecond, 3, 3},
         MetadataCase{"EmptyExpressionMiddle", "", 200 * kSecond, 230 * kSecond, -1, 20},
         MetadataCase{"InvalidExpression", "//Object[", 0, kHour, -1, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 }  // namespace

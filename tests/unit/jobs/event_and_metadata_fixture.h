@@ -149,9 +149,42 @@ protected:
 
     int callCount(const std::string& method) { return services->callCount(method); }
 
+    // The arguments of every request of `method`, in the order they arrived.
+    std::vector<std::string> requestsOf(const std::string& method)
+    {
+        std::vector<std::string> args;
+        for (const auto& call : services->calls()) {
+            if (call.method == method) args.push_back(call.args);
+        }
+        return args;
+    }
+
     rstest::LogCapture log;
     rstest::InspectableTarget target;
     std::optional<rstest::ScriptedRecordingServices> services{std::in_place};
+};
+
+// Four history events from 100.0 to 130.0. The tracks are listed in an order that is not
+// ascending, so that "the service's order" and "ascending" differ in the start-state records.
+const SearchTime t100{100, 0}, t110{110, 500000}, t120{120, 0}, t130{130, 0};
+
+inline rstest::Recording fourEventRecording()
+{
+    rstest::Recording r;
+    r.tracks = {"V1", "A1", "V2"};
+    r.events = {
+        {st(t100), {{"", 0, 1}, {"V1", 1, 1}, {"A1", 1, 1}}},
+        {st(t110), {{"V2", 1, 1}}},
+        {st(t120), {{"V1", 1, 0}}},
+        {st(t130), {{"", 0, 0}, {"V2", 1, 0}, {"A1", 1, 0}}},
+    };
+    return r;
+}
+
+// Event searches over the four-event recording.
+class EventWalkTest : public WalkTest {
+protected:
+    void SetUp() override { services->setRecording(fourEventRecording()); }
 };
 
 // Holds a scripted answer until the test opens the gate, so that a test can act while a

@@ -14,29 +14,11 @@ namespace {
 using namespace walktest;
 using rstest::HistoryEventAnswer;
 using rstest::InspectableTarget;
-using rstest::Recording;
 using rstest::Reply;
 using rstest::StoreTime;
 
-const SearchTime t100{100, 0}, t110{110, 500000}, t120{120, 0}, t130{130, 0};
-
-Recording sampleRecording()
-{
-    Recording r;
-    r.tracks = {"V1", "A1", "V2"};
-    r.events = {
-        {st(t100), {{"", 0, 1}, {"V1", 1, 1}, {"A1", 1, 1}}},
-        {st(t110), {{"V2", 1, 1}}},
-        {st(t120), {{"V1", 1, 0}}},
-        {st(t130), {{"", 0, 0}, {"V2", 1, 0}, {"A1", 1, 0}}},
-    };
-    return r;
-}
-
-class EventBadReplyTest : public WalkTest {
+class EventBadReplyTest : public EventWalkTest {
 protected:
-    void SetUp() override { services->setRecording(sampleRecording()); }
-
     // Answers as the recording would, except for the request at `at`, which `change` edits.
     void editAnswerAt(SearchTime at, std::function<void(HistoryEventAnswer&)> change)
     {
@@ -51,32 +33,51 @@ protected:
     }
 };
 
-TEST_F(EventBadReplyTest, ForwardNextEqualToCurIsClearedAndTheWalkEndsAfterTheEvent)
+// An answer whose neighbour in the walk's direction equals cur.
+struct EqualNeighbourCase {
+    const char* name;
+    SearchTime editAt, start, end;
+    std::vector<Rec> expected;
+    const char* notice;
+    int requests;
+};
+
+void PrintTo(const EqualNeighbourCase& c, std::ostream* os) { *os << c.name; }
+
+class EventEqualNeighbourTest : public EventBadReplyTest,
+                                public ::testing::WithParamInterface<EqualNeighbourCase> {};
+
+TEST_P(EventEqualNeighbourTest, IsClearedAndTheWalkEndsAfterTheEvent)
 {
-    editAnswerAt(t110, [](HistoryEventAnswer& a) { a.next = a.cur; });
-    const int id = createEvent({105, 0}, {125, 0});
-    EXPECT_EQ(run(id), (std::vector<Rec>{track(t110, "V2", 1), completed()}));
-    EXPECT_EQ(log.count(5, "Next 110.500000 == Cur 110.500000.  Setting next to 0.0"), 1)
-        << log.dump();
-    EXPECT_EQ(callCount("GetRecordingHistoryEvent"), 2);
-    EXPECT_EQ(end(id), (SearchTime{125, 0}));
+    const EqualNeighbourCase& c = GetParam();
+    const bool forward = !(c.end.sec < c.start.sec);
+    editAnswerAt(c.editAt,
+                 [forward](HistoryEventAnswer& a) { (forward ? a.next : a.prev) = a.cur; });
+    const int id = createEvent(c.start, c.end);
+    EXPECT_EQ(run(id), c.expected);
+    EXPECT_EQ(log.count(5, c.notice), 1) << log.dump();
+    EXPECT_EQ(callCount("GetRecordingHistoryEvent"), c.requests);
+    EXPECT_EQ(end(id), c.end);
 }
 
-TEST_F(EventBadReplyTest, BackwardPrevEqualToCurIsClearedAndTheWalkEndsAfterTheEvent)
-{
-    editAnswerAt({125, 0}, [](HistoryEventAnswer& a) { a.prev = a.cur; });
-    const int id = createEvent({125, 0}, {105, 0});
-    EXPECT_EQ(run(id), (std::vector<Rec>{track(t120, "V1", 0), completed()}));
-    EXPECT_EQ(log.count(5, "Prev 120.000000 == Cur 120.000000.  Setting prev to 0.0"), 1)
-        << log.dump();
-    EXPECT_EQ(callCount("GetRecordingHistoryEvent"), 1);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Neighbours, EventEqualNeighbourTest,
+    ::testing::Values(
+        EqualNeighbourCase{"ForwardNext", t110, {105, 0}, {125, 0},
+                           {track(t110, "V2", 1), completed()},
+                           "Next 110.500000 == Cur 110.500000.  Setting next to 0.0", 2},
+        EqualNeighbourCase{"BackwardPrev", {125, 0}, {125, 0}, {105, 0},
+                           {track(t120, "V1", 0), completed()},
+                           "Prev 120.000000 == Cur 120.000000.  Setting prev to 0.0", 1}),
+    ::testing::PrintToStringParamName());
 
 struct DisorderCase {
     const char* name;
     StoreTime prev, cur, next;  // the answer to the request for 110.5
     bool requestedLine, curLine;
 };
+
+void PrintTo(const DisorderCase& c, std::ostream* os) { *os << c.name; }
 
 class EventDisorderTest : public EventBadReplyTest,
                           public ::testing::WithParamInterface<DisorderCase> {};
@@ -114,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
         DisorderCase{"NextBeforeCur", {100, 0}, {115, 0}, {112, 0}, false, true},
         DisorderCase{"PrevAfterBoth", {121, 0}, {110, 500000}, {122, 0}, true, true},
         DisorderCase{"PrevEqualToRequested", {110, 500000}, {111, 0}, {120, 0}, true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 // The event search counts a next time as present when its two halves, added as 32-bit
 // numbers, do not give 0; such a next never fails the ordering checks.
@@ -150,6 +151,8 @@ struct FailureCase {
     std::vector<Rec> expected;  // forward 105.0 to 125.0 with start-state records
 };
 
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
 class EventFailureTest : public EventBadReplyTest,
                          public ::testing::WithParamInterface<FailureCase> {};
 
@@ -184,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"RecordingState", "GetRecordingState", 3,
                     "Kavro get_recording_state failed with 42",
                     {track(t110, "V2", 1), track(t120, "V1", 0)}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(EventBadReplyTest, UnreachableRecordingControlLeavesOnlyTheTracksThatAreOn)
 {
@@ -207,6 +210,8 @@ struct MalformedCase {
     std::vector<std::string> names;
     std::vector<uint32_t> keys, values;
 };
+
+void PrintTo(const MalformedCase& c, std::ostream* os) { *os << c.name; }
 
 class EventMalformedReplyTest : public EventBadReplyTest,
                                 public ::testing::WithParamInterface<MalformedCase> {};
@@ -234,7 +239,7 @@ INSTANTIATE_TEST_SUITE_P(
                       MalformedCase{"FewerKeys", {"V2", "V1", "A1"}, {1}, {1, 0, 1}},
                       MalformedCase{"FewerValues", {"V2", "V1", "A1"}, {1, 1, 1}, {0, 1}},
                       MalformedCase{"NoProperty", {}, {}, {}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 struct KeyCase {
     const char* name;
@@ -243,6 +248,8 @@ struct KeyCase {
     int maxResults;
     std::vector<Rec> expected;  // of the answer at 110.5
 };
+
+void PrintTo(const KeyCase& c, std::ostream* os) { *os << c.name; }
 
 class EventUnknownKeyTest : public EventBadReplyTest,
                             public ::testing::WithParamInterface<KeyCase> {};
@@ -266,7 +273,7 @@ INSTANTIATE_TEST_SUITE_P(
     Keys, EventUnknownKeyTest,
     ::testing::Values(KeyCase{"Unlimited", {"X", "V2"}, {7, 1}, {1, 5}, -1, {track(t110, "V2", 1)}},
                       KeyCase{"LimitOne", {"X", "V2"}, {7, 1}, {1, 1}, 1, {}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 // What no bus reply can carry, since the framework checks the arrays first; the job must stay
 // safe on its own all the same. Built here by hand and handed to the step's property reader.
@@ -292,6 +299,8 @@ struct ArraysCase {
     size_t taken;
     bool namesShortLine;
 };
+
+void PrintTo(const ArraysCase& c, std::ostream* os) { *os << c.name; }
 
 class EventPropertyArraysTest : public EventBadReplyTest,
                                 public ::testing::WithParamInterface<ArraysCase> {};
@@ -331,6 +340,6 @@ INSTANTIATE_TEST_SUITE_P(
                       ArraysCase{"MissingValues", 3, 3, -1, -1, 0, false},
                       ArraysCase{"AllMissing", -1, -1, -1, -1, 0, false},
                       ArraysCase{"LimitBeforeNamesRunOut", 1, 3, 3, 1, 1, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 }  // namespace

@@ -20,74 +20,16 @@ using rstest::Recording;
 using rstest::Reply;
 using rstest::StoreTime;
 
-const SearchTime t100{100, 0}, t105{105, 0}, t110{110, 500000}, t120{120, 0}, t125{125, 0},
-    t130{130, 0};
+const SearchTime t105{105, 0}, t125{125, 0};
 
-Recording sampleRecording()
-{
-    Recording r;
-    r.tracks = {"V1", "A1", "V2"};
-    r.events = {
-        {st(t100), {{"", 0, 1}, {"V1", 1, 1}, {"A1", 1, 1}}},
-        {st(t110), {{"V2", 1, 1}}},
-        {st(t120), {{"V1", 1, 0}}},
-        {st(t130), {{"", 0, 0}, {"V2", 1, 0}, {"A1", 1, 0}}},
-    };
-    return r;
-}
-
-class EventRequestTest : public WalkTest {
+class EventRequestTest : public EventWalkTest {
 protected:
-    void SetUp() override { services->setRecording(sampleRecording()); }
-
     boost::shared_ptr<EventSearchJob> job(int id)
     {
         return boost::dynamic_pointer_cast<EventSearchJob>(
             target.findJob(static_cast<unsigned int>(id)));
     }
 };
-
-struct TimesCase {
-    const char* name;
-    SearchTime start, end;
-    int status;
-};
-
-class EventCreateTimesTest : public EventRequestTest,
-                             public ::testing::WithParamInterface<TimesCase> {};
-
-TEST_P(EventCreateTimesTest, RefusesMicrosecondsAbove999999WithStatusOne)
-{
-    const TimesCase& c = GetParam();
-    const unsigned int before = InspectableTarget::lastId();
-    int id = -7;
-    EXPECT_EQ(target.createEventSearch(c.start.sec, c.start.usec, c.end.sec, c.end.usec, -1, 0, 0,
-                                       0, &id),
-              c.status);
-    const std::string line = format(
-        "Tried to start an event search with invalid times (microseconds out of range) "
-        "%u.%06u to %u.%06u",
-        c.start.sec, c.start.usec, c.end.sec, c.end.usec);
-    if (c.status == 0) {
-        EXPECT_EQ(id, static_cast<int>(before + 1));
-        EXPECT_TRUE(job(id) != nullptr);
-        EXPECT_EQ(log.count(4, line), 0);
-    } else {
-        EXPECT_EQ(id, -7) << "a refused time leaves the id alone";
-        EXPECT_EQ(InspectableTarget::lastId(), before) << "and takes no id";
-        EXPECT_EQ(callCount("GetTracks"), 0) << "and builds no job";
-        EXPECT_EQ(log.count(4, line), 1) << log.dump();
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Times, EventCreateTimesTest,
-    ::testing::Values(TimesCase{"Both999999", {10, 999999}, {20, 999999}, 0},
-                      TimesCase{"StartMillion", {10, 1000000}, {20, 0}, 1},
-                      TimesCase{"EndMillion", {10, 0}, {20, 1000000}, 1},
-                      TimesCase{"BothHuge", {10, 4294967295u}, {20, 4294967295u}, 1},
-                      TimesCase{"EndBeforeStart", {20, 0}, {10, 999999}, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(EventRequestTest, ThirdSearchIsRefusedWithoutTakingAnIdUntilOneCompletes)
 {
@@ -114,6 +56,8 @@ struct FlagsCase {
     unsigned char flag1, flag2, includeStartState;
 };
 
+void PrintTo(const FlagsCase& c, std::ostream* os) { *os << c.name; }
+
 class EventCreateFlagsTest : public EventRequestTest,
                              public ::testing::WithParamInterface<FlagsCase> {};
 
@@ -133,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(Flags, EventCreateFlagsTest,
                                            FlagsCase{"Second", 0, 2, 0},
                                            FlagsCase{"StartState", 0, 0, 255},
                                            FlagsCase{"All", 128, 255, 7}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         ::testing::PrintToStringParamName());
 
 TEST_F(EventRequestTest, RequestFlagsChangeNothingThatIsQueued)
 {
@@ -151,7 +95,7 @@ TEST_F(EventRequestTest, TrackListIsFetchedOnceWhenTheSearchIsCreated)
     ASSERT_TRUE(created != nullptr);
     EXPECT_EQ(created->getAllTracks(), (std::set<std::string>{"A1", "V1", "V2"}));
 
-    Recording changed = sampleRecording();
+    Recording changed = fourEventRecording();
     changed.tracks.push_back("Z9");
     services->setRecording(changed);
     const std::vector<Rec> records = run(id);
@@ -175,6 +119,8 @@ struct EndCase {
     std::vector<Rec> beforeEnd;    // queued before SearchCompleted
     std::vector<Rec> stepInFlight; // the step that was waiting for its answer
 };
+
+void PrintTo(const EndCase& c, std::ostream* os) { *os << c.name; }
 
 class EventEndMidWalkTest : public EventRequestTest,
                             public ::testing::WithParamInterface<EndCase> {};
@@ -219,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(
                 {track(t125, "A1", 1, 1), track(t125, "V2", 1, 1), track(t125, "V1", 0, 1),
                  recording(t125, 1, 1), track(t120, "V1", 0)},
                 {track(t110, "V2", 1)}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(EventRequestTest, EndingBeforeTheWalkBeginsQueuesNoStartState)
 {

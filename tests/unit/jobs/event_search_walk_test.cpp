@@ -13,23 +13,6 @@ using rstest::HistoryEvent;
 using rstest::Property;
 using rstest::Recording;
 
-const SearchTime t100{100, 0}, t110{110, 500000}, t120{120, 0}, t130{130, 0};
-
-// The tracks are listed in an order that is not ascending, so that "the service's order" and
-// "ascending" differ in the start-state records.
-Recording sampleRecording()
-{
-    Recording r;
-    r.tracks = {"V1", "A1", "V2"};
-    r.events = {
-        {st(t100), {{"", 0, 1}, {"V1", 1, 1}, {"A1", 1, 1}}},
-        {st(t110), {{"V2", 1, 1}}},
-        {st(t120), {{"V1", 1, 0}}},
-        {st(t130), {{"", 0, 0}, {"V2", 1, 0}, {"A1", 1, 0}}},
-    };
-    return r;
-}
-
 std::vector<Rec> startState(SearchTime t, std::vector<std::string> on, std::vector<std::string> off,
                             int recordingState)
 {
@@ -52,17 +35,14 @@ const std::vector<Rec> at110 = {track(t110, "V2", 1)};
 const std::vector<Rec> at120 = {track(t120, "V1", 0)};
 const std::vector<Rec> at130 = {recording(t130, 0), track(t130, "V2", 0), track(t130, "A1", 0)};
 
-class EventWalkTest : public WalkTest {
-protected:
-    void SetUp() override { services->setRecording(sampleRecording()); }
-};
-
 struct OrderCase {
     const char* name;
     SearchTime start, end;
     bool startStateRecords;
     std::vector<Rec> expected;  // SearchCompleted is appended
 };
+
+void PrintTo(const OrderCase& c, std::ostream* os) { *os << c.name; }
 
 class EventSearchOrderTest : public EventWalkTest,
                              public ::testing::WithParamInterface<OrderCase> {};
@@ -100,7 +80,7 @@ INSTANTIATE_TEST_SUITE_P(
                   join({startState({130, 0}, {}, {"A1", "V1", "V2"}, 0), at130, at120, at110,
                         at100, startState({100, 0}, {"V1", "A1"}, {"V2"}, 1)})},
         OrderCase{"SingleInstantOnAnEvent", {120, 0}, {120, 0}, false, at120}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(EventWalkTest, AnEventBeforeTheRangeIsSkippedAndTheWalkGoesOnFromItsNext)
 {
@@ -115,11 +95,8 @@ TEST_F(EventWalkTest, AnEventBeforeTheRangeIsSkippedAndTheWalkGoesOnFromItsNext)
                            "reached"),
               1)
         << log.dump();
-    std::vector<std::string> asked;
-    for (const auto& call : services->calls()) {
-        if (call.method == "GetRecordingHistoryEvent") asked.push_back(call.args);
-    }
-    EXPECT_EQ(asked, (std::vector<std::string>{"105.000000", "110.500000", "120.000000"}));
+    EXPECT_EQ(requestsOf("GetRecordingHistoryEvent"),
+              (std::vector<std::string>{"105.000000", "110.500000", "120.000000"}));
 }
 
 TEST_F(EventWalkTest, FirstEventAtTheRangeStartIsLoggedAndChangesNothing)
@@ -137,7 +114,7 @@ class EventFirstEventTest : public EventWalkTest {
 protected:
     void SetUp() override
     {
-        Recording r = sampleRecording();
+        Recording r = fourEventRecording();
         r.documents = {{{50, 0}, "<frame/>"}};
         services->setRecording(r);
     }
@@ -152,12 +129,9 @@ TEST_F(EventFirstEventTest, ForwardWalkStartsAtTheFirstEventAfterTheStartStateOf
                            "70.000000."),
               1)
         << log.dump();
-    ASSERT_FALSE(services->calls().empty());
-    for (const auto& call : services->calls()) {
-        if (call.method != "GetRecordingHistoryEvent") continue;
-        EXPECT_EQ(call.args, "100.000000") << "the first history request asks for the first event";
-        break;
-    }
+    const auto asked = requestsOf("GetRecordingHistoryEvent");
+    ASSERT_FALSE(asked.empty());
+    EXPECT_EQ(asked.front(), "100.000000") << "the first history request asks for the first event";
 }
 
 TEST_F(EventFirstEventTest, BackwardWalkStopsAtTheFirstEventAndClosesWithItsState)
@@ -188,6 +162,11 @@ struct LimitCase {
     size_t reported;  // of the eight properties from 100.0 to 130.0, in walk order
 };
 
+void PrintTo(const LimitCase& c, std::ostream* os)
+{
+    *os << (c.maxResults < 0 ? "Minus" : "") << std::abs(c.maxResults);
+}
+
 class EventSearchLimitTest : public EventWalkTest,
                              public ::testing::WithParamInterface<LimitCase> {};
 
@@ -205,10 +184,7 @@ INSTANTIATE_TEST_SUITE_P(Limits, EventSearchLimitTest,
                          ::testing::Values(LimitCase{-1, 8}, LimitCase{-100, 8}, LimitCase{8, 8},
                                            LimitCase{100, 8}, LimitCase{7, 7}, LimitCase{3, 3},
                                            LimitCase{2, 2}, LimitCase{1, 1}),
-                         [](const auto& info) {
-                             const int m = info.param.maxResults;
-                             return (m < 0 ? "Minus" + std::to_string(-m) : std::to_string(m));
-                         });
+                         ::testing::PrintToStringParamName());
 
 TEST_F(EventWalkTest, FivePropertiesWhenTwoResultsRemainReportTwoAndEndTheWalk)
 {

@@ -20,7 +20,6 @@
 namespace {
 
 using namespace walktest;
-using rstest::InspectableTarget;
 using rstest::MetadataAnswer;
 using rstest::Recording;
 using rstest::Reply;
@@ -91,31 +90,47 @@ TEST_F(MetadataBadReplyTest, AllZeroTimesGiveBothNoticesTheOrderMessageAndTheSki
     EXPECT_EQ(end(id), d3);
 }
 
-TEST_F(MetadataBadReplyTest, ForwardNextEqualToCurEndsTheWalkAfterTheDocument)
+// An answer whose neighbour in the walk's direction equals cur.
+struct EqualNeighbourCase {
+    const char* name;
+    SearchTime editAt, start, end;
+    std::vector<SearchTime> reported;
+    const char* notice;
+};
+
+void PrintTo(const EqualNeighbourCase& c, std::ostream* os) { *os << c.name; }
+
+class MetadataEqualNeighbourTest : public MetadataBadReplyTest,
+                                   public ::testing::WithParamInterface<EqualNeighbourCase> {};
+
+TEST_P(MetadataEqualNeighbourTest, IsClearedAndTheWalkEndsAfterTheDocument)
 {
-    editAnswerAt(d1, [](MetadataAnswer& a) { a.next = a.cur; });
-    const int id = createMetadata(d0, d3, -1, "/a");
-    EXPECT_EQ(run(id), results({d0, d1}));
-    EXPECT_EQ(log.count(5, "Next 201.000000 == Cur 201.000000.  Setting next to 0.0"), 1)
-        << log.dump();
+    const EqualNeighbourCase& c = GetParam();
+    const bool forward = !(c.end.sec < c.start.sec);
+    editAnswerAt(c.editAt,
+                 [forward](MetadataAnswer& a) { (forward ? a.next : a.prev) = a.cur; });
+    const int id = createMetadata(c.start, c.end, -1, "/a");
+    EXPECT_EQ(run(id), results(c.reported));
+    EXPECT_EQ(log.count(5, c.notice), 1) << log.dump();
     EXPECT_EQ(callCount("GetMetadata"), 2);
 }
 
-TEST_F(MetadataBadReplyTest, BackwardPrevEqualToCurEndsTheWalkAfterTheDocument)
-{
-    editAnswerAt(d2, [](MetadataAnswer& a) { a.prev = a.cur; });
-    const int id = createMetadata(d3, d0, -1, "/a");
-    EXPECT_EQ(run(id), results({d3, d2}));
-    EXPECT_EQ(log.count(5, "Prev 202.000000 == Cur 202.000000.  Setting prev to 0.0"), 1)
-        << log.dump();
-    EXPECT_EQ(callCount("GetMetadata"), 2);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Neighbours, MetadataEqualNeighbourTest,
+    ::testing::Values(
+        EqualNeighbourCase{"ForwardNext", d1, d0, d3, {d0, d1},
+                           "Next 201.000000 == Cur 201.000000.  Setting next to 0.0"},
+        EqualNeighbourCase{"BackwardPrev", d2, d3, d0, {d3, d2},
+                           "Prev 202.000000 == Cur 202.000000.  Setting prev to 0.0"}),
+    ::testing::PrintToStringParamName());
 
 struct DisorderCase {
     const char* name;
     StoreTime prev, cur, next;  // the answer to the request for 201.0
     const char* line;
 };
+
+void PrintTo(const DisorderCase& c, std::ostream* os) { *os << c.name; }
 
 class MetadataDisorderTest : public MetadataBadReplyTest,
                              public ::testing::WithParamInterface<DisorderCase> {};
@@ -149,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(
         DisorderCase{"NextWhoseHalvesAddUpToZero", {200, 0}, {201, 0}, {1, 4294967295u},
                      "Returned times were not linear. 200.000000 (prev) < 201.000000 (cur) < "
                      "1.-00001 (next)"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(MetadataBadReplyTest, FailedRequestIsLoggedAndTheSearchCompletes)
 {
@@ -198,6 +213,8 @@ struct HostileCase {
     std::vector<SearchTime> matches;
 };
 
+void PrintTo(const HostileCase& c, std::ostream* os) { *os << c.name; }
+
 class MetadataHostileDocumentTest : public MetadataBadReplyTest,
                                     public ::testing::WithParamInterface<HostileCase> {};
 
@@ -244,7 +261,7 @@ INSTANTIATE_TEST_SUITE_P(
         HostileCase{"Empty", "", "/", {d1}},
         HostileCase{"EmptyButTheExpressionNeedsNoDocument", "", "true()", {d0, d1}},
         HostileCase{"NotXml", "\x01\x02 not xml at all", "/", {d1}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(MetadataBadReplyTest, DeeplyNestedExpressionMatchesNothingAndDoesNotCrash)
 {
@@ -274,38 +291,6 @@ TEST_F(MetadataBadReplyTest, EndingMidWalkStopsAfterTheFetchInProgress)
     EXPECT_EQ(log.count(6, format("Metadata Search %d completed work", id)), 1) << log.dump();
     EXPECT_EQ(log.count(7, "Finished searching search range"), 0);
 }
-
-struct TimesCase {
-    const char* name;
-    SearchTime start, end;
-    int status;
-};
-
-class MetadataCreateTimesTest : public MetadataBadReplyTest,
-                                public ::testing::WithParamInterface<TimesCase> {};
-
-TEST_P(MetadataCreateTimesTest, RefusesMicrosecondsAbove999999WithStatusOne)
-{
-    const TimesCase& c = GetParam();
-    const unsigned int before = InspectableTarget::lastId();
-    int id = -7;
-    EXPECT_EQ(target.createMetadataSearch(c.start.sec, c.start.usec, c.end.sec, c.end.usec, -1,
-                                          "/", &id),
-              c.status);
-    const std::string line = format(
-        "Tried to start a metadata search with invalid times (microseconds out of range) "
-        "%u.%06u to %u.%06u",
-        c.start.sec, c.start.usec, c.end.sec, c.end.usec);
-    EXPECT_EQ(log.count(4, line), c.status);
-    EXPECT_EQ(id, c.status == 0 ? static_cast<int>(before + 1) : -7);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Times, MetadataCreateTimesTest,
-    ::testing::Values(TimesCase{"Both999999", {10, 999999}, {20, 999999}, 0},
-                      TimesCase{"StartMillion", {10, 1000000}, {20, 0}, 1},
-                      TimesCase{"EndMillion", {20, 0}, {10, 1000000}, 1}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(MetadataBadReplyTest, EmptyExpressionIsStoredAsRoot)
 {

@@ -56,6 +56,8 @@ struct MatchCase {
     std::vector<SearchTime> matches;
 };
 
+void PrintTo(const MatchCase& c, std::ostream* os) { *os << c.name; }
+
 class MetadataMatchTest : public MetadataWalkTest,
                           public ::testing::WithParamInterface<MatchCase> {};
 
@@ -88,7 +90,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {d0, d1, d2, d4}},
         MatchCase{"DocumentsAtBothBoundsAreInRange", "/frame", d0, d4, {d0, d1, d2, d4}},
         MatchCase{"SingleInstant", "/", d2, d2, {d2}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(MetadataWalkTest, NarrowsTheRangeToTheMetadataTrackAndWalksFromItsStart)
 {
@@ -102,12 +104,9 @@ TEST_F(MetadataWalkTest, NarrowsTheRangeToTheMetadataTrackAndWalksFromItsStart)
                            "track 204.000000"),
               1);
     EXPECT_EQ(log.count(7, format("Forward search %d from 200.000000 to 204.000000 ", id)), 1);
-    ASSERT_FALSE(services->calls().empty());
-    const auto calls = services->calls();
-    const auto first = std::find_if(calls.begin(), calls.end(),
-                                    [](const auto& c) { return c.method == "GetMetadata"; });
-    ASSERT_NE(first, calls.end());
-    EXPECT_EQ(first->args, "200.000000");
+    const auto asked = requestsOf("GetMetadata");
+    ASSERT_FALSE(asked.empty());
+    EXPECT_EQ(asked.front(), "200.000000");
 }
 
 TEST_F(MetadataWalkTest, BackwardTraceNamesTheDirection)
@@ -123,6 +122,8 @@ struct OutsideCase {
     SearchTime start, end;
 };
 
+void PrintTo(const OutsideCase& c, std::ostream* os) { *os << c.name; }
+
 class MetadataOutsideTrackTest : public MetadataWalkTest,
                                  public ::testing::WithParamInterface<OutsideCase> {};
 
@@ -137,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(Ranges, MetadataOutsideTrackTest,
                          ::testing::Values(OutsideCase{"Before", {191, 0}, {199, 999999}},
                                            OutsideCase{"After", {209, 0}, {204, 1}},
                                            OutsideCase{"BeforeTheRecording", {100, 0}, {150, 0}}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         ::testing::PrintToStringParamName());
 
 TEST_F(MetadataWalkTest, ZeroLimitSendsNoMetadataRequest)
 {
@@ -168,11 +169,9 @@ TEST_F(MetadataWalkTest, FailedTrackSummaryKeepsTheRangeFittedToTheRecording)
                            "range fitted to the recording"),
               1)
         << log.dump();
-    const auto calls = services->calls();
-    const auto first = std::find_if(calls.begin(), calls.end(),
-                                    [](const auto& c) { return c.method == "GetMetadata"; });
-    ASSERT_NE(first, calls.end());
-    EXPECT_EQ(first->args, "195.000000");
+    const auto asked = requestsOf("GetMetadata");
+    ASSERT_FALSE(asked.empty());
+    EXPECT_EQ(asked.front(), "195.000000");
 }
 
 TEST_F(MetadataWalkTest, DocumentBeforeTheRangeIsSkippedUnevaluated)

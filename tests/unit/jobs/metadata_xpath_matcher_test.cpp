@@ -11,27 +11,14 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <libxml/parser.h>
-#include <libxml/xpath.h>
 
 #include "jobs/XPathMatcher.h"
 #include "jobs/XmlLibrary.h"
+#include "support/PlainXPath.h"
 
 namespace {
 
-// libxml2 alone, as a search without any hardening would use it.
-int plainEvaluation(const std::string& expression, const std::string& document)
-{
-    xmlDocPtr doc = xmlParseDoc(reinterpret_cast<const xmlChar*>(document.c_str()));
-    xmlXPathContextPtr context = xmlXPathNewContext(doc);
-    xmlXPathCompExprPtr compiled =
-        xmlXPathCompile(reinterpret_cast<const xmlChar*>(expression.c_str()));
-    const int result = xmlXPathCompiledEvalToBoolean(compiled, context);
-    xmlXPathFreeCompExpr(compiled);
-    xmlXPathFreeContext(context);
-    xmlFreeDoc(doc);
-    return result;
-}
+using rstest::plainXPathEvaluation;
 
 const std::vector<std::string> kDocuments = {
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<frame id=\"a\"><object class=\"car\" "
@@ -64,7 +51,7 @@ TEST(XPathMatcherTest, AgreesWithPlainLibxml2OnOrdinaryDocumentsInAnyOrder)
         // Twice over, so that every document also follows every other on the reused objects.
         for (int pass = 0; pass < 2; ++pass) {
             for (const std::string& document : kDocuments) {
-                EXPECT_EQ(matcher.matches(document), plainEvaluation(expression, document) == 1)
+                EXPECT_EQ(matcher.matches(document), plainXPathEvaluation(expression, document) == 1)
                     << "expression: " << expression << "\ndocument: " << document;
             }
         }
@@ -84,7 +71,7 @@ TEST(XPathMatcherTest, ExpressionThatDoesNotCompileMatchesNothing)
 TEST(XPathMatcherTest, DocumentWithADtdIsNotParsedEvenWhenPlainLibxml2WouldMatch)
 {
     const std::string withDtd = "<!DOCTYPE frame [<!ELEMENT frame ANY>]><frame/>";
-    EXPECT_EQ(plainEvaluation("/frame", withDtd), 1);
+    EXPECT_EQ(plainXPathEvaluation("/frame", withDtd), 1);
     XPathMatcher matcher("/frame");
     EXPECT_FALSE(matcher.matches(withDtd));
     EXPECT_FALSE(matcher.matches("<!DOCTYPE frame><frame/>"));
@@ -159,8 +146,8 @@ TEST(XmlLibraryTest, NoLibxml2MessageReachesStandardErrorFromAnyThread)
             evaluationError.matches("<frame/>");
             evaluationError.matches("<frame><unclosed></frame>");
             // Plain libxml2 calls on the same thread, with its default reporting.
-            plainEvaluation("//object[", "<frame><unclosed></frame>");
-            plainEvaluation("count(1)", "<frame/>");
+            plainXPathEvaluation("//object[", "<frame><unclosed></frame>");
+            plainXPathEvaluation("count(1)", "<frame/>");
         });
         worker.join();
     });

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <map>
+#include <string>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,6 +29,14 @@ ImportReport runImport(const std::string& recording, const ImportSources& source
 {
     RecordingWriter writer(recording, RecordingWriter::Durability::Safe);
     return Importer(writer).run(sources);
+}
+
+// A directory "frames" in `dir` holding the given files; returns its path.
+std::string framesDirectory(const TempDir& dir, const std::map<std::string, std::string>& files)
+{
+    std::filesystem::create_directory(dir.file("frames"));
+    for (const auto& [name, text] : files) dir.write("frames/" + name, text);
+    return dir.file("frames");
 }
 
 const char* const kGoodEvents =
@@ -64,15 +74,14 @@ TEST(Importer, LoadsEventsGroupingLinesOfOneTime)
 TEST(Importer, LoadsDocumentsFromJsonLinesAndFromADirectory)
 {
     TempDir dir;
-    std::filesystem::create_directory(dir.file("frames"));
-    dir.write("frames/300.25.xml", "<Frame n=\"dir\"/>");
-    dir.write("frames/notes.txt", "not a document, not looked at");
     ImportSources sources;
     sources.documentFiles = {dir.write("d.jsonl",
                                        "{\"time\": \"100.000001\", \"document\": \"<a>one</a>\"}\n"
                                        "\n"
                                        "{\"sec\": 200, \"usec\": 7, \"document\": \"<a>two</a>\", \"x\": 1}\n")};
-    sources.documentDirectories = {dir.file("frames")};
+    sources.documentDirectories = {framesDirectory(
+        dir, {{"300.25.xml", "<Frame n=\"dir\"/>"},
+              {"notes.txt", "not a document, not looked at"}})};
     const ImportReport report = runImport(dir.file("r.db"), sources);
     ASSERT_TRUE(report.loaded()) << testing::PrintToString(report.problems);
     EXPECT_EQ(report.documents, 3u);
@@ -104,6 +113,8 @@ struct BadLine {
     const char* badLine;
     const char* reason;
 };
+
+void PrintTo(const BadLine& c, std::ostream* os) { *os << c.name; }
 
 class ImporterBadLine : public testing::TestWithParam<BadLine> {};
 
@@ -168,17 +179,15 @@ INSTANTIATE_TEST_SUITE_P(
         BadLine{"CarriesADtd", false,
                 "{\"time\": \"200\", \"document\": \"<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>\"}",
                 "carries a DTD"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 TEST(Importer, ReportsEveryBadLineAndEveryBadFile)
 {
     TempDir dir;
-    std::filesystem::create_directory(dir.file("frames"));
-    dir.write("frames/soon.xml", "<a/>");
-    dir.write("frames/400.xml", "<a>");
     ImportSources sources;
     sources.eventFiles = {dir.write("e.csv", "100,0,1\nx,0,1\n200,0,9\n"), dir.file("missing.csv")};
-    sources.documentDirectories = {dir.file("frames")};
+    sources.documentDirectories = {
+        framesDirectory(dir, {{"soon.xml", "<a/>"}, {"400.xml", "<a>"}})};
     const ImportReport report = runImport(dir.file("r.db"), sources);
     EXPECT_EQ(report.problemCount, 5u);
     ASSERT_EQ(report.problems.size(), 5u);
@@ -204,10 +213,9 @@ TEST(Importer, CountsProblemsBeyondThoseItLists)
 TEST(Importer, RefusesAnOversizedDocumentFile)
 {
     TempDir dir;
-    std::filesystem::create_directory(dir.file("frames"));
-    dir.write("frames/100.xml", "<a>" + std::string(Importer::kMaxDocumentBytes, 'x') + "</a>");
     ImportSources sources;
-    sources.documentDirectories = {dir.file("frames")};
+    sources.documentDirectories = {framesDirectory(
+        dir, {{"100.xml", "<a>" + std::string(Importer::kMaxDocumentBytes, 'x') + "</a>"}})};
     const ImportReport report = runImport(dir.file("r.db"), sources);
     ASSERT_EQ(report.problems.size(), 1u);
     EXPECT_THAT(report.problems[0], HasSubstr("(at most 1048576)"));

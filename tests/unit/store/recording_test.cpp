@@ -2,6 +2,8 @@
 #include <sqlite3.h>
 
 #include <fstream>
+#include <optional>
+#include <ostream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -52,58 +54,67 @@ protected:
     Recording recording_{writeSmallRecording(dir_)};
 };
 
+enum class Table { HistoryEvents, Documents };
+
 struct LookupCase {
     const char* name;
+    Table table;
     StoreTime asked;
     StoreTime cur, prev, next;
 };
 
-class HistoryEventLookup : public SmallRecording, public testing::WithParamInterface<LookupCase> {};
-
-TEST_P(HistoryEventLookup, AnswersTheEventAtOrBeforeElseAfterWithItsNeighbours)
+void PrintTo(const LookupCase& c, std::ostream* os)
 {
-    const auto event = recording_.historyEventAt(GetParam().asked);
-    ASSERT_TRUE(event);
-    EXPECT_EQ(event->times.cur, GetParam().cur);
-    EXPECT_EQ(event->times.prev, GetParam().prev);
-    EXPECT_EQ(event->times.next, GetParam().next);
+    *os << (c.table == Table::HistoryEvents ? "Event" : "Document") << c.name;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Times, HistoryEventLookup,
-    testing::Values(LookupCase{"ExactHit", at(100, 500000), at(100, 500000), at(100), at(200)},
-                    LookupCase{"Between", at(150), at(100, 500000), at(100), at(200)},
-                    LookupCase{"ExactHitOnASharedTime", at(200), at(200), at(100, 500000), at(250)},
-                    LookupCase{"BeforeTheFirst", at(99, 999999), at(100), at(0), at(100, 500000)},
-                    LookupCase{"AtZero", at(0), at(100), at(0), at(100, 500000)},
-                    LookupCase{"AfterTheLast", at(4000000000u), at(300, 999999), at(250), at(0)},
-                    LookupCase{"MicrosecondsBeyondTheSecond", at(300, 1500000), at(300, 999999),
-                               at(250), at(0)},
-                    LookupCase{"HugeMicrosecondsStayInTheirSecond", at(200, 4000000000u), at(200),
-                               at(100, 500000), at(250)}),
-    [](const auto& info) { return std::string(info.param.name); });
+class NeighbourLookup : public SmallRecording, public testing::WithParamInterface<LookupCase> {
+protected:
+    std::optional<store::Neighbours> timesAt(Table table, StoreTime t)
+    {
+        if (table == Table::HistoryEvents) {
+            const auto event = recording_.historyEventAt(t);
+            return event ? std::optional(event->times) : std::nullopt;
+        }
+        const auto document = recording_.metadataAt(t);
+        return document ? std::optional(document->times) : std::nullopt;
+    }
+};
 
-class MetadataLookup : public SmallRecording, public testing::WithParamInterface<LookupCase> {};
-
-TEST_P(MetadataLookup, AnswersTheDocumentAtOrBeforeElseAfterWithItsNeighbours)
+TEST_P(NeighbourLookup, AnswersTheOneAtOrBeforeElseAfterWithItsNeighbours)
 {
-    const auto document = recording_.metadataAt(GetParam().asked);
-    ASSERT_TRUE(document);
-    EXPECT_EQ(document->times.cur, GetParam().cur);
-    EXPECT_EQ(document->times.prev, GetParam().prev);
-    EXPECT_EQ(document->times.next, GetParam().next);
+    const LookupCase& c = GetParam();
+    const auto times = timesAt(c.table, c.asked);
+    ASSERT_TRUE(times);
+    EXPECT_EQ(times->cur, c.cur);
+    EXPECT_EQ(times->prev, c.prev);
+    EXPECT_EQ(times->next, c.next);
 }
 
+constexpr Table kEvents = Table::HistoryEvents;
+constexpr Table kDocuments = Table::Documents;
+
 INSTANTIATE_TEST_SUITE_P(
-    Times, MetadataLookup,
-    testing::Values(LookupCase{"ExactHitOnTheFirst", at(150), at(150), at(0), at(150, 1)},
-                    LookupCase{"OneMicrosecondApart", at(150, 1), at(150, 1), at(150), at(160)},
-                    LookupCase{"Between", at(155), at(150, 1), at(150), at(160)},
-                    LookupCase{"SharedTime", at(160), at(160), at(150, 1), at(170)},
-                    LookupCase{"JustAfterSharedTime", at(160, 1), at(160), at(150, 1), at(170)},
-                    LookupCase{"BeforeTheFirst", at(1), at(150), at(0), at(150, 1)},
-                    LookupCase{"AfterTheLast", at(171), at(170), at(160), at(0)}),
-    [](const auto& info) { return std::string(info.param.name); });
+    Times, NeighbourLookup,
+    testing::Values(
+        LookupCase{"ExactHit", kEvents, at(100, 500000), at(100, 500000), at(100), at(200)},
+        LookupCase{"Between", kEvents, at(150), at(100, 500000), at(100), at(200)},
+        LookupCase{"ExactHitOnASharedTime", kEvents, at(200), at(200), at(100, 500000), at(250)},
+        LookupCase{"BeforeTheFirst", kEvents, at(99, 999999), at(100), at(0), at(100, 500000)},
+        LookupCase{"AtZero", kEvents, at(0), at(100), at(0), at(100, 500000)},
+        LookupCase{"AfterTheLast", kEvents, at(4000000000u), at(300, 999999), at(250), at(0)},
+        LookupCase{"MicrosecondsBeyondTheSecond", kEvents, at(300, 1500000), at(300, 999999),
+                   at(250), at(0)},
+        LookupCase{"HugeMicrosecondsStayInTheirSecond", kEvents, at(200, 4000000000u), at(200),
+                   at(100, 500000), at(250)},
+        LookupCase{"ExactHitOnTheFirst", kDocuments, at(150), at(150), at(0), at(150, 1)},
+        LookupCase{"OneMicrosecondApart", kDocuments, at(150, 1), at(150, 1), at(150), at(160)},
+        LookupCase{"Between", kDocuments, at(155), at(150, 1), at(150), at(160)},
+        LookupCase{"SharedTime", kDocuments, at(160), at(160), at(150, 1), at(170)},
+        LookupCase{"JustAfterSharedTime", kDocuments, at(160, 1), at(160), at(150, 1), at(170)},
+        LookupCase{"BeforeTheFirst", kDocuments, at(1), at(150), at(0), at(150, 1)},
+        LookupCase{"AfterTheLast", kDocuments, at(171), at(170), at(160), at(0)}),
+    testing::PrintToStringParamName());
 
 MATCHER_P3(IsProperty, key, value, name, "")
 {
@@ -153,6 +164,8 @@ struct StateCase {
     std::vector<std::string> tracksOn;
 };
 
+void PrintTo(const StateCase& c, std::ostream* os) { *os << c.name; }
+
 class StateLookup : public SmallRecording, public testing::WithParamInterface<StateCase> {};
 
 TEST_P(StateLookup, AppliesEveryEventUpToAndIncludingTheTime)
@@ -173,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
         StateCase{"AfterATrackWentOff", at(250), 0, {"META001"}},
         StateCase{"AtTheLastEvent", at(300, 999999), 1, {"VIDEO001", "META001"}},
         StateCase{"BeyondTheSecond", at(300, 2000000), 1, {"VIDEO001", "META001"}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 TEST_F(SmallRecording, ListsTracksInTheOrderTheyCameIn)
 {
@@ -195,6 +208,8 @@ struct TrackCase {
     std::optional<std::pair<StoreTime, StoreTime>> span;
 };
 
+void PrintTo(const TrackCase& c, std::ostream* os) { *os << (*c.track ? c.track : "Empty"); }
+
 class TrackSummary : public SmallRecording, public testing::WithParamInterface<TrackCase> {};
 
 TEST_P(TrackSummary, SpansTheTracksData)
@@ -215,9 +230,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TrackCase{"SPARE", true, std::nullopt},
                     TrackCase{"NOPE", false, std::nullopt},
                     TrackCase{"", false, std::nullopt}),
-    [](const auto& info) {
-        return std::string(*info.param.track ? info.param.track : "Empty");
-    });
+    testing::PrintToStringParamName());
 
 TEST(EmptyRecording, AnswersNothingButTheTracksAndAnAllOffState)
 {
@@ -270,6 +283,8 @@ struct UnusableCase {
     std::function<std::string(const TempDir&)> make;
     const char* reason;
 };
+
+void PrintTo(const UnusableCase& c, std::ostream* os) { *os << c.name; }
 
 void runSql(const std::string& path, const std::string& sql)
 {
@@ -324,7 +339,7 @@ INSTANTIATE_TEST_SUITE_P(
                          return d.file("c.db");
                      },
                      "not a recording"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 TEST(RecordingWriterOpen, RefusesToWriteIntoANewerRecording)
 {

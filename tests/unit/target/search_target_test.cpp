@@ -7,11 +7,15 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <boost/make_shared.hpp>
+#include <boost/pointer_cast.hpp>
 #include <gtest/gtest.h>
 
+#include "jobs/EventSearchJob.h"
+#include "jobs/MetadataSearchJob.h"
 #include "jobs/NoOpSearchJob.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedRecordingServices.h"
@@ -216,47 +220,79 @@ TEST_F(SearchTargetTest, ThirdSearchIsRefusedWithoutTakingAnId)
     end(third);
 }
 
-struct UsecCase {
-    bool metadata;
-    unsigned int startUsec, endUsec;
+enum class SearchKind { Event, Metadata };
+
+void PrintTo(SearchKind kind, std::ostream* os)
+{
+    *os << (kind == SearchKind::Event ? "Event" : "Metadata");
+}
+
+struct TimesCase {
+    const char* name;
+    SearchTime start, end;
     int status;
 };
 
-class SearchTargetUsecTest : public SearchTargetTest,
-                             public ::testing::WithParamInterface<UsecCase> {};
+void PrintTo(const TimesCase& c, std::ostream* os) { *os << c.name; }
+
+class SearchTargetUsecTest
+    : public SearchTargetTest,
+      public ::testing::WithParamInterface<std::tuple<SearchKind, TimesCase>> {
+protected:
+    int create(SearchKind kind, const TimesCase& c, int* id)
+    {
+        return kind == SearchKind::Metadata
+                   ? target.createMetadataSearch(c.start.sec, c.start.usec, c.end.sec,
+                                                 c.end.usec, -1, "/", id)
+                   : target.createEventSearch(c.start.sec, c.start.usec, c.end.sec, c.end.usec,
+                                              -1, 1, 2, 3, id);
+    }
+};
 
 TEST_P(SearchTargetUsecTest, MicrosecondsAbove999999AreRefusedWithStatus1)
 {
-    const UsecCase c = GetParam();
+    const auto& [kind, c] = GetParam();
     const unsigned int last = InspectableTarget::lastId();
     int id = 12345;
-    const int status =
-        c.metadata ? target.createMetadataSearch(1, c.startUsec, 2, c.endUsec, -1, "", &id)
-                   : target.createEventSearch(1, c.startUsec, 2, c.endUsec, -1, 1, 2, 3, &id);
-    EXPECT_EQ(status, c.status);
-    if (c.status == 1) {
-        EXPECT_EQ(id, 12345);
-        EXPECT_EQ(InspectableTarget::lastId(), last);
-        char line[200];
-        std::snprintf(line, sizeof line,
-                      "Tried to start %s search with invalid times (microseconds out of range) "
-                      "%u.%06u to %u.%06u",
-                      c.metadata ? "a metadata" : "an event", 1u, c.startUsec, 2u, c.endUsec);
-        EXPECT_EQ(log.count(4, line), 1) << log.dump();
-    } else {
+    EXPECT_EQ(create(kind, c, &id), c.status);
+    char line[200];
+    std::snprintf(line, sizeof line,
+                  "Tried to start %s search with invalid times (microseconds out of range) "
+                  "%u.%06u to %u.%06u",
+                  kind == SearchKind::Metadata ? "a metadata" : "an event", c.start.sec,
+                  c.start.usec, c.end.sec, c.end.usec);
+    if (c.status == 0) {
         EXPECT_EQ(static_cast<unsigned int>(id), last + 1);
+        const auto job = target.findJob(static_cast<unsigned int>(id));
+        if (kind == SearchKind::Metadata) {
+            EXPECT_TRUE(boost::dynamic_pointer_cast<MetadataSearchJob>(job) != nullptr);
+        } else {
+            EXPECT_TRUE(boost::dynamic_pointer_cast<EventSearchJob>(job) != nullptr);
+        }
+        EXPECT_EQ(log.count(4, line), 0);
         end(static_cast<unsigned int>(id));
+    } else {
+        EXPECT_EQ(id, 12345) << "a refused time leaves the id alone";
+        EXPECT_EQ(InspectableTarget::lastId(), last) << "and takes no id";
+        EXPECT_EQ(services.callCount("GetTracks"), 0) << "and builds no job";
+        EXPECT_EQ(log.count(4, line), 1) << log.dump();
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Times, SearchTargetUsecTest,
-                         ::testing::Values(UsecCase{false, 999999, 999999, 0},
-                                           UsecCase{false, 1000000, 0, 1},
-                                           UsecCase{false, 0, 1000000, 1},
-                                           UsecCase{false, 4294967295u, 0, 1},
-                                           UsecCase{true, 999999, 999999, 0},
-                                           UsecCase{true, 1000000, 0, 1},
-                                           UsecCase{true, 0, 1000000, 1}));
+INSTANTIATE_TEST_SUITE_P(
+    Times, SearchTargetUsecTest,
+    ::testing::Combine(
+        ::testing::Values(SearchKind::Event, SearchKind::Metadata),
+        ::testing::Values(TimesCase{"Both999999", {10, 999999}, {20, 999999}, 0},
+                          TimesCase{"BackwardFrom999999", {20, 0}, {10, 999999}, 0},
+                          TimesCase{"StartMillion", {10, 1000000}, {20, 0}, 1},
+                          TimesCase{"EndMillion", {10, 0}, {20, 1000000}, 1},
+                          TimesCase{"BackwardEndMillion", {20, 0}, {10, 1000000}, 1},
+                          TimesCase{"StartAllOnes", {10, 4294967295u}, {20, 0}, 1},
+                          TimesCase{"BothAllOnes", {10, 4294967295u}, {20, 4294967295u}, 1})),
+    [](const auto& info) {
+        return ::testing::PrintToString(std::get<0>(info.param)) + std::get<1>(info.param).name;
+    });
 
 TEST_F(SearchTargetTest, EndingARunningWalkReportsHowFarItGotAndJoinsIt)
 {
