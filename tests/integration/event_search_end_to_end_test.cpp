@@ -103,6 +103,8 @@ struct EndToEndCase {
     bool startState;
 };
 
+void PrintTo(const EndToEndCase& c, std::ostream* os) { *os << c.name; }
+
 class EventSearchEndToEnd : public testing::TestWithParam<EndToEndCase> {};
 
 TEST_P(EventSearchEndToEnd, ClientReceivesWhatTheRecordingHolds)
@@ -146,6 +148,6 @@ INSTANTIATE_TEST_SUITE_P(
                      true},
         EndToEndCase{"MiddleForwardWithoutStartState", 50 * kSecond, 300 * kSecond, false, -1,
                      false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 }  // namespace

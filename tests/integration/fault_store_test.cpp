@@ -41,6 +41,12 @@ struct FaultCase {
     Fault fault;
 };
 
+void PrintTo(const FaultCase& c, std::ostream* os)
+{
+    *os << (c.kind == SearchKind::Event ? "EventSearch" : "MetadataSearch")
+        << (c.fault == Fault::Kill ? "StoreKilled" : "StoreStalled");
+}
+
 // The same search compares equal whatever id it ran under.
 std::vector<rstest::SearchSignal> withoutIds(std::vector<rstest::SearchSignal> signals)
 {
@@ -133,10 +139,7 @@ INSTANTIATE_TEST_SUITE_P(
                     FaultCase{SearchKind::Metadata, Fault::Kill},
                     FaultCase{SearchKind::Event, Fault::Stall},
                     FaultCase{SearchKind::Metadata, Fault::Stall}),
-    [](const auto& info) {
-        return std::string(info.param.kind == SearchKind::Event ? "EventSearch" : "MetadataSearch") +
-               (info.param.fault == Fault::Kill ? "StoreKilled" : "StoreStalled");
-    });
+    testing::PrintToStringParamName());
 
 TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 {

@@ -112,6 +112,8 @@ struct TimeCase {
     int status;  // 1: microseconds out of range
 };
 
+void PrintTo(const TimeCase& c, std::ostream* os) { *os << c.name; }
+
 class HostileTimes : public HostileRequests, public testing::WithParamInterface<TimeCase> {};
 
 TEST_P(HostileTimes, CreateAnswersStatusOneOnlyForMicrosecondsOutOfRange)
@@ -144,13 +146,15 @@ INSTANTIATE_TEST_SUITE_P(
                     TimeCase{"ZeroBothEnds", 0, 0, 0, 0, 0},
                     TimeCase{"WholeRangeBackward", kMax, 999999, 0, 0, 0},
                     TimeCase{"WholeRangeForward", 0, 0, kMax, 999999, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 struct LimitCase {
     const char* name;
     bool forward;
     int maxResults;
 };
+
+void PrintTo(const LimitCase& c, std::ostream* os) { *os << c.name; }
 
 class HostileLimits : public HostileRequests, public testing::WithParamInterface<LimitCase> {};
 
@@ -190,13 +194,15 @@ INSTANTIATE_TEST_SUITE_P(
                     LimitCase{"ZeroForward", true, 0},
                     LimitCase{"OneBackward", false, 1},
                     LimitCase{"IntMaxBackward", false, INT_MAX}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 struct ExpressionCase {
     const char* name;
     std::string xpath;
     bool matchesAll;  // else matches none
 };
+
+void PrintTo(const ExpressionCase& c, std::ostream* os) { *os << c.name; }
 
 class HostileExpressions : public HostileRequests,
                            public testing::WithParamInterface<ExpressionCase> {};
@@ -236,7 +242,7 @@ INSTANTIATE_TEST_SUITE_P(
         ExpressionCase{"Nested100kParentheses", nested(100000, "(", "//Object", ")"), false},
         ExpressionCase{"Nested100kNot", nested(100000, "not(", "//Object", ")"), false},
         ExpressionCase{"Nested100kPredicates", nested(100000, "//*[", "1", "]"), false}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 TEST_F(HostileRequests, UnknownAndExtremeIdsGetTheNotFoundAnswers)
 {

@@ -190,14 +190,16 @@ std::string signalName(int signal)
     }
 }
 
+void PrintTo(const StopCase& c, std::ostream* os)
+{
+    *os << signalName(c.signal) << "With" << c.searches << "Searches";
+}
+
 INSTANTIATE_TEST_SUITE_P(Signals, ServiceStopTest,
                          ::testing::Values(StopCase{SIGTERM, 0}, StopCase{SIGINT, 0},
                                            StopCase{SIGHUP, 0}, StopCase{SIGTERM, 2},
                                            StopCase{SIGINT, 2}, StopCase{SIGHUP, 2}),
-                         [](const auto& info) {
-                             return signalName(info.param.signal) + "With" +
-                                    std::to_string(info.param.searches) + "Searches";
-                         });
+                         ::testing::PrintToStringParamName());
 
 TEST_F(ServiceProcessTest, StopSignalRightAfterReadinessIsNotLost)
 {

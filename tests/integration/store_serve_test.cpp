@@ -116,6 +116,8 @@ struct UnservableCase {
     const char* message;
 };
 
+void PrintTo(const UnservableCase& c, std::ostream* os) { *os << c.name; }
+
 class UnservableFile : public StoreProcess, public testing::WithParamInterface<UnservableCase> {};
 
 TEST_P(UnservableFile, IsOneLineOnStandardErrorAndExitStatusOne)
@@ -140,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
                        "not a recording"},
         UnservableCase{"EmptyFile", [](const TempDir& d) { return d.write("e.db", ""); },
                        "not a recording"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 TEST_F(StoreProcess, GenerateKeepsAnExistingFileUnlessForced)
 {

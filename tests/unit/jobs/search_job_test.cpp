@@ -195,6 +195,12 @@ struct LimitCase {
     bool inRange;
 };
 
+void PrintTo(const LimitCase& c, std::ostream* os)
+{
+    *os << "Limit" << (c.maxResults < 0 ? "Minus" : "") << std::abs(c.maxResults) << "After"
+        << c.results;
+}
+
 class SearchJobLimitTest : public SearchJobTest, public ::testing::WithParamInterface<LimitCase> {
 };
 
@@ -211,7 +217,8 @@ INSTANTIATE_TEST_SUITE_P(Limits, SearchJobLimitTest,
                          ::testing::Values(LimitCase{-1, 0, true}, LimitCase{-1, 100000, true},
                                            LimitCase{0, 0, false}, LimitCase{3, 0, true},
                                            LimitCase{3, 2, true}, LimitCase{3, 3, false},
-                                           LimitCase{3, 4, false}));
+                                           LimitCase{3, 4, false}),
+                         ::testing::PrintToStringParamName());
 
 TEST_F(SearchJobTest, NoOpJobCompletesOnceWithoutAThreadHoweverOftenBegunOrEnded)
 {

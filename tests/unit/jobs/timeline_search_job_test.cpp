@@ -71,6 +71,8 @@ struct RangeCase {
     SearchTime rangeStart, rangeEnd;
 };
 
+void PrintTo(const RangeCase& c, std::ostream* os) { *os << c.name; }
+
 class TimelineRangeTest : public TimelineSearchJobTest,
                           public ::testing::WithParamInterface<RangeCase> {};
 
@@ -95,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                       RangeCase{"Backward", {20, 0}, {10, 500000}, false, {10, 500000}, {20, 0}},
                       RangeCase{"BackwardByMicroseconds", {20, 1}, {20, 0}, false, {20, 0}, {20, 1}},
                       RangeCase{"SingleInstant", {15, 7}, {15, 7}, true, {15, 7}, {15, 7}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(TimelineSearchJobTest, EarlierIsStrictSecondsFirst)
 {
@@ -132,6 +134,8 @@ struct NarrowCase {
     std::vector<SearchTime> reported;      // first, last (empty: none)
     size_t count;
 };
+
+void PrintTo(const NarrowCase& c, std::ostream* os) { *os << c.name; }
 
 class TimelineNarrowingTest : public TimelineSearchJobTest,
                               public ::testing::WithParamInterface<NarrowCase> {};
@@ -201,7 +205,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "Adjusting our search end 200.000001 to the end of the recording 200.000000"},
                    {{100, 0}, {200, 0}},
                    11}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(TimelineSearchJobTest, ResultLimitEndsTheWalkNormally)
 {

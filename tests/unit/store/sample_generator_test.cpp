@@ -182,6 +182,8 @@ struct BadOptions {
     std::function<void(SampleOptions&)> spoil;
 };
 
+void PrintTo(const BadOptions& c, std::ostream* os) { *os << c.name; }
+
 class SampleOptionsCheck : public testing::TestWithParam<BadOptions> {};
 
 TEST_P(SampleOptionsCheck, RefusesOptionsItCannotHonour)
@@ -203,6 +205,6 @@ INSTANTIATE_TEST_SUITE_P(
                     BadOptions{"UnknownClass", [](SampleOptions& o) { o.classMix = {{"Dragon", 1}}; }},
                     BadOptions{"AllWeightsZero", [](SampleOptions& o) { o.classMix = {{"Person", 0}}; }},
                     BadOptions{"NegativeMean", [](SampleOptions& o) { o.trackOffSeconds = -1; }}),
-    [](const auto& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 }  // namespace

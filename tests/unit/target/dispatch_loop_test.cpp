@@ -154,6 +154,8 @@ struct RecordCase {
     SearchSignal expected;
 };
 
+void PrintTo(const RecordCase& c, std::ostream* os) { *os << c.name; }
+
 class DispatchRecordTest : public DispatchLoopTest,
                            public ::testing::WithParamInterface<RecordCase> {};
 
@@ -181,7 +183,7 @@ INSTANTIATE_TEST_SUITE_P(
         RecordCase{"RecordingStateDropsTrackName",
                    record(RecordingStateEventSearchResult, 10, 30, 40, "Video1", 1, 1),
                    {Kind::RecordingStateEventSearchResult, 10, 30, 40, "", 1, 1}}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::PrintToStringParamName());
 
 TEST_F(DispatchLoopTest, QueuedRecordsAreCopiesOfTheProducersRecord)
 {
@@ -262,6 +264,16 @@ void stopFromHandler(int) { signalTarget->stopProcessEvents(); }
 
 enum class StopBy { CallFromAnotherThread, SignalToLoopThread, SignalToOtherThread };
 
+void PrintTo(StopBy way, std::ostream* os)
+{
+    switch (way) {
+    case StopBy::CallFromAnotherThread: *os << "CallFromAnotherThread"; return;
+    case StopBy::SignalToLoopThread: *os << "SignalToLoopThread"; return;
+    case StopBy::SignalToOtherThread: *os << "SignalToOtherThread"; return;
+    }
+    *os << "Unknown";
+}
+
 class DispatchStopTest : public DispatchLoopTest, public ::testing::WithParamInterface<StopBy> {
 protected:
     void SetUp() override
@@ -308,7 +320,8 @@ TEST_P(DispatchStopTest, StopWhileTheLoopWaitsEndsIt)
 INSTANTIATE_TEST_SUITE_P(Ways, DispatchStopTest,
                          ::testing::Values(StopBy::CallFromAnotherThread,
                                            StopBy::SignalToLoopThread,
-                                           StopBy::SignalToOtherThread));
+                                           StopBy::SignalToOtherThread),
+                         ::testing::PrintToStringParamName());
 
 // The stop request races the loop's test and wait many times over: none may be lost.
 TEST(DispatchLoopRace, StopAtAnyMomentEndsTheLoop)
