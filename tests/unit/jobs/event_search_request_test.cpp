@@ -1,5 +1,6 @@
-// EventSearchJob through the target's requests: creation (times, the running limit, ids, the
-// flag bytes, the track list) and ending a search in the middle of its walk.
+// EventSearchJob through the target's requests: creation (the running limit, ids, the flag
+// bytes, the track list) and ending a search in the middle of its walk. The refusal of bad
+// times, for both kinds of search, is tested with the target.
 
 #include <atomic>
 #include <future>

@@ -1,5 +1,5 @@
-// RecordingSearchTargetImpl's job registry: ids, the running limit, the requests on a job,
-// ending everything at shutdown.
+// RecordingSearchTargetImpl's job registry: ids, the running limit, times the create requests
+// refuse, the requests on a job, ending everything at shutdown.
 
 #include <atomic>
 #include <cstdio>
