@@ -27,7 +27,8 @@ cat > "$work/bus.conf" <<CONF
 <policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
 <allow receive_sender="*"/></policy></busconfig>
 CONF
-exec 3< <(dbus-daemon --nofork --config-file="$work/bus.conf" --print-address=1)
+exec 3< <(exec dbus-daemon --nofork --config-file="$work/bus.conf" --print-address=1)
+pids+=($!)
 read -r address <&3
 export DBUS_SYSTEM_BUS_ADDRESS=$address
 export KAVRO_LOG_FILE=$work/log
