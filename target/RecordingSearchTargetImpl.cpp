@@ -1,11 +1,6 @@
 #include "target/RecordingSearchTargetImpl.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdint>
+#include <algorithm>
 #include <string>
 
 #include <boost/thread/lock_guard.hpp>
@@ -15,9 +10,6 @@
 #include "jobs/MetadataSearchJob.h"
 #include "jobs/NoOpSearchJob.h"
 #include "jobs/TimelineSearchJob.h"
-
-static_assert(std::atomic<bool>::is_always_lock_free,
-              "stopProcessEvents sets the flag from a signal handler");
 
 std::atomic<unsigned int> RecordingSearchTargetImpl::lastJobId{0};
 
@@ -31,14 +23,14 @@ bool usecOutOfRange(unsigned int startUsec, unsigned int endUsec)
 }  // namespace
 
 RecordingSearchTargetImpl::RecordingSearchTargetImpl(void* logCookie)
-    : KavroApiRecordingSearchTargetImplBase(logCookie),
-      stopRequested(false),
-      logCookie(logCookie),
-      stopFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : RecordingSearchTargetImpl(logCookie, Limits())
 {
-    if (stopFd < 0) {
-        throw boost::thread_resource_error(errno, "cannot create the stop-request eventfd");
-    }
+}
+
+RecordingSearchTargetImpl::RecordingSearchTargetImpl(void* logCookie, Limits limits)
+    : KavroApiRecordingSearchTargetImplBase(logCookie), logCookie(logCookie), limits(limits)
+{
+    onClientLeft([this](const std::string& client) { _endSearchesOf(client); });
 }
 
 RecordingSearchTargetImpl::~RecordingSearchTargetImpl()
@@ -48,7 +40,6 @@ RecordingSearchTargetImpl::~RecordingSearchTargetImpl()
     } catch (...) {
         // Nothing may leave a destructor; a job that cannot be ended is dropped unjoined.
     }
-    close(stopFd);
 }
 
 // ---- job registry ----
@@ -63,11 +54,12 @@ unsigned int RecordingSearchTargetImpl::_createJobId()
     return id;
 }
 
+// A create still building its job counts as running: two creates at once must not both pass.
 bool RecordingSearchTargetImpl::_canCreateJob() const
 {
-    int running = 0;
+    int running = reservedJobs;
     for (const auto& entry : JobMap) {
-        if (entry.second->getSearchState() == Searching) {
+        if (entry.second.job->getSearchState() == Searching) {
             ++running;
         }
     }
@@ -79,31 +71,84 @@ bool RecordingSearchTargetImpl::_canCreateJob() const
     return true;
 }
 
+// A full table gives up its oldest completed search; searches still running are the clients'
+// own to end (or end with their client).
+bool RecordingSearchTargetImpl::_makeRoom()
+{
+    if (JobMap.size() + reservedJobs < limits.tableJobs) return true;
+    auto oldest = JobMap.end();
+    for (auto it = JobMap.begin(); it != JobMap.end(); ++it) {
+        if (it->second.job->getSearchState() == Completed &&
+            (oldest == JobMap.end() || it->second.creation < oldest->second.creation)) {
+            oldest = it;
+        }
+    }
+    if (oldest == JobMap.end()) {
+        log(5, "Cannot create new search job because the table holds %d searches and none has "
+               "completed", static_cast<int>(JobMap.size()));
+        return false;
+    }
+    log(5, "The table holds %d searches (max %d); ending the oldest completed one, jobId=%d",
+        static_cast<int>(JobMap.size()), static_cast<int>(limits.tableJobs), oldest->first);
+    unsigned int sec = 0;
+    unsigned int usec = 0;
+    _endJob(oldest, &sec, &usec);
+    return true;
+}
+
 boost::shared_ptr<SearchJob> RecordingSearchTargetImpl::findJob(unsigned int jobId)
 {
     boost::lock_guard<boost::mutex> lock(jobMapMutex);
     const auto it = JobMap.find(jobId);
-    return it == JobMap.end() ? boost::shared_ptr<SearchJob>() : it->second;
+    return it == JobMap.end() ? boost::shared_ptr<SearchJob>() : it->second.job;
 }
 
-bool RecordingSearchTargetImpl::_reserveJobId(int* jobId, unsigned int* id)
+bool RecordingSearchTargetImpl::_reserveJobId(bool running, int* jobId, unsigned int* id)
 {
     boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    if (!_canCreateJob()) {
+    if ((running && !_canCreateJob()) || !_makeRoom()) {
         *jobId = -1;
         return false;
     }
+    ++reservedJobs;
     *id = _createJobId();
     *jobId = static_cast<int>(*id);
     return true;
 }
 
-void RecordingSearchTargetImpl::_registerJob(unsigned int id, const boost::shared_ptr<SearchJob>& job,
-                                             const char* requestName)
+void RecordingSearchTargetImpl::_registerJob(unsigned int id,
+                                             const boost::shared_ptr<SearchJob>& job,
+                                             bool running, const char* requestName)
 {
-    boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    JobMap[id] = job;
-    log(7, "%s(): JobMap.size(): %d, jobId %d", requestName, static_cast<int>(JobMap.size()), id);
+    JobEntry entry{job, requestingClient(), 0, Clock::now(), false};
+    {
+        boost::lock_guard<boost::mutex> lock(jobMapMutex);
+        --reservedJobs;
+        entry.creation = ++creations;
+        JobMap[id] = entry;
+        log(7, "%s(): JobMap.size(): %d, jobId %d", requestName, static_cast<int>(JobMap.size()),
+            id);
+    }
+    if (running) _scheduleExpiry(entry.created + limits.unbegunTime);
+}
+
+// The job is built outside the lock: an event search's constructor asks recording_control
+// for the tracks.
+int RecordingSearchTargetImpl::_createSearch(const char* requestName, bool running,
+                                             const BuildJob& build, int* jobId)
+{
+    unsigned int id = 0;
+    if (!_reserveJobId(running, jobId, &id)) return 0;
+    boost::shared_ptr<SearchJob> job;
+    try {
+        job.reset(build(id));
+    } catch (...) {
+        boost::lock_guard<boost::mutex> lock(jobMapMutex);
+        --reservedJobs;
+        throw;
+    }
+    _registerJob(id, job, running, requestName);
+    return 0;
 }
 
 int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned int startUsec,
@@ -120,14 +165,11 @@ int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned
             startSec, startUsec, endSec, endUsec);
         return 1;
     }
-    unsigned int id = 0;
-    if (!_reserveJobId(jobId, &id)) return 0;
-    // Built outside the lock: the constructor asks recording_control for the tracks.
-    boost::shared_ptr<SearchJob> job(new EventSearchJob(
-        id, logCookie, this, startSec, startUsec, endSec, endUsec, maxResults, requestFlag1 != 0,
-        requestFlag2 != 0, includeStartStateEvents != 0));
-    _registerJob(id, job, "initiateEventSearch");
-    return 0;
+    return _createSearch("initiateEventSearch", true, [&](unsigned int id) {
+        return new EventSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
+                                  maxResults, requestFlag1 != 0, requestFlag2 != 0,
+                                  includeStartStateEvents != 0);
+    }, jobId);
 }
 
 int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec,
@@ -142,27 +184,20 @@ int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec,
             startSec, startUsec, endSec, endUsec);
         return 1;
     }
-    unsigned int id = 0;
-    if (!_reserveJobId(jobId, &id)) return 0;
-    boost::shared_ptr<SearchJob> job(new MetadataSearchJob(
-        id, logCookie, this, startSec, startUsec, endSec, endUsec, maxResults, std::string(xpath)));
-    _registerJob(id, job, "initiateMetadataSearch");
-    return 0;
+    return _createSearch("initiateMetadataSearch", true, [&](unsigned int id) {
+        return new MetadataSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
+                                     maxResults, std::string(xpath));
+    }, jobId);
 }
 
+// A no-op search completes inside its create: it takes a place in the table, never a slot.
 int RecordingSearchTargetImpl::createNoopSearch(int* jobId)
 {
-    unsigned int id = 0;
-    {
-        boost::lock_guard<boost::mutex> lock(jobMapMutex);
-        id = _createJobId();
-    }
-    *jobId = static_cast<int>(id);
-    boost::shared_ptr<SearchJob> job(new NoOpSearchJob(id, logCookie, this));
-    boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    JobMap[id] = job;
-    job->setSearchState(Completed);
-    return 0;
+    return _createSearch("createNoopSearch", false, [this](unsigned int id) {
+        SearchJob* job = new NoOpSearchJob(id, logCookie, this);
+        job->setSearchState(Completed);
+        return job;
+    }, jobId);
 }
 
 // An unknown id is answered like endSearch answers one: a priority-4 line and status 0, so a
@@ -171,7 +206,15 @@ int RecordingSearchTargetImpl::beginSearch(unsigned int jobId, unsigned int* job
 {
     *jobIdOut = jobId;
     log(7, "%s(jobId=%d)", "beginSearch", jobId);
-    const boost::shared_ptr<SearchJob> job = findJob(jobId);
+    boost::shared_ptr<SearchJob> job;
+    {
+        boost::lock_guard<boost::mutex> lock(jobMapMutex);
+        const auto it = JobMap.find(jobId);
+        if (it != JobMap.end()) {
+            it->second.begun = true;
+            job = it->second.job;
+        }
+    }
     if (!job) {
         log(4, "jobId=%d did not exist in request to begin search", jobId);
         return 0;
@@ -199,29 +242,94 @@ int RecordingSearchTargetImpl::endSearch(unsigned int jobId, unsigned int* jobId
                                          unsigned int* secOut, unsigned int* usecOut)
 {
     *jobIdOut = jobId;
-    boost::shared_ptr<SearchJob> job;
-    {
-        boost::unique_lock<boost::mutex> lock(jobMapMutex);
-        const auto it = JobMap.find(jobId);
-        if (it == JobMap.end()) {
-            lock.unlock();
-            log(4, "jobId=%d did not exist in request to end search", jobId);
-            return 0;
-        }
-        job = it->second;
-        if (const auto timeline = boost::dynamic_pointer_cast<TimelineSearchJob>(job)) {
-            timeline->getCurrentTimes(secOut, usecOut);
-        } else {
-            log(4, "Ending a non-timeline search job %d", jobId);
-            *secOut = 0;
-            *usecOut = 0;
-        }
-        log(6, "Ending search jobId=%d.  It is %s and searched through time %d.%06d", jobId,
-            job->getSearchState() == Searching ? "searching" : "completed", *secOut, *usecOut);
-        JobMap.erase(it);
-        job->endSearch();
+    boost::unique_lock<boost::mutex> lock(jobMapMutex);
+    const auto it = JobMap.find(jobId);
+    if (it == JobMap.end()) {
+        lock.unlock();
+        log(4, "jobId=%d did not exist in request to end search", jobId);
+        return 0;
     }
+    _endJob(it, secOut, usecOut);
     return 0;
+}
+
+// Under jobMapMutex. Every way a search leaves the table comes through here: stopped if still
+// walking, its worker joined, one SearchCompleted if it had not completed.
+RecordingSearchTargetImpl::JobTable::iterator RecordingSearchTargetImpl::_endJob(
+    JobTable::iterator it, unsigned int* secOut, unsigned int* usecOut)
+{
+    const unsigned int jobId = it->first;
+    const boost::shared_ptr<SearchJob> job = it->second.job;
+    if (const auto timeline = boost::dynamic_pointer_cast<TimelineSearchJob>(job)) {
+        timeline->getCurrentTimes(secOut, usecOut);
+    } else {
+        log(4, "Ending a non-timeline search job %d", jobId);
+        *secOut = 0;
+        *usecOut = 0;
+    }
+    log(6, "Ending search jobId=%d.  It is %s and searched through time %d.%06d", jobId,
+        job->getSearchState() == Searching ? "searching" : "completed", *secOut, *usecOut);
+    const auto next = JobMap.erase(it);
+    job->endSearch();
+    return next;
+}
+
+// On a request thread, once the framework has seen the client leave the bus.
+void RecordingSearchTargetImpl::_endSearchesOf(const std::string& client)
+{
+    boost::lock_guard<boost::mutex> lock(jobMapMutex);
+    const auto owned = std::count_if(JobMap.begin(), JobMap.end(),
+                                     [&](const auto& entry) { return entry.second.client == client; });
+    if (owned == 0) return;
+    log(6, "Client %s left the bus with %d searches; ending them", client.c_str(),
+        static_cast<int>(owned));
+    unsigned int sec = 0;
+    unsigned int usec = 0;
+    for (auto it = JobMap.begin(); it != JobMap.end();) {
+        it = it->second.client == client ? _endJob(it, &sec, &usec) : std::next(it);
+    }
+}
+
+// On the main thread, between two events. It never waits for jobMapMutex: an endSearch may
+// hold it while joining a worker stuck in a call, and the events of other searches must not
+// wait for that; it looks again shortly instead.
+void RecordingSearchTargetImpl::_endUnbegunSearches()
+{
+    boost::unique_lock<boost::mutex> lock(jobMapMutex, boost::try_to_lock);
+    const Clock::time_point now = Clock::now();
+    if (!lock.owns_lock()) {
+        _scheduleExpiry(now + boost::chrono::milliseconds(100));
+        return;
+    }
+    boost::optional<Clock::time_point> next;
+    unsigned int sec = 0;
+    unsigned int usec = 0;
+    for (auto it = JobMap.begin(); it != JobMap.end();) {
+        const JobEntry& entry = it->second;
+        if (entry.begun || entry.job->getSearchState() != Searching) {
+            ++it;
+        } else if (entry.created + limits.unbegunTime <= now) {
+            log(5, "Search jobId=%d was not begun within %d s of its creation; ending it",
+                it->first,
+                static_cast<int>(boost::chrono::duration_cast<boost::chrono::seconds>(
+                                     limits.unbegunTime).count()));
+            it = _endJob(it, &sec, &usec);
+        } else {
+            const Clock::time_point due = entry.created + limits.unbegunTime;
+            if (!next || due < *next) next = due;
+            ++it;
+        }
+    }
+    lock.unlock();
+    if (next) _scheduleExpiry(*next);
+}
+
+void RecordingSearchTargetImpl::_scheduleExpiry(Clock::time_point due)
+{
+    boost::lock_guard<boost::mutex> lock(eventQueueMutex);
+    if (expiryDue && *expiryDue <= due) return;
+    expiryDue = due;
+    eventAvailable.notify_one();
 }
 
 void RecordingSearchTargetImpl::endAllSearchJobs()
@@ -260,86 +368,46 @@ void RecordingSearchTargetImpl::queueEventData(RecordingSearchEventData& data)
     eventAvailable.notify_one();
 }
 
-// A signal handler may neither lock a mutex nor notify a condition variable, so
-// stopProcessEvents only sets the flag and writes to an eventfd (both async-signal-safe).
-// While the loop runs, a helper thread waits on that eventfd and, once the flag is set, takes
-// eventQueueMutex before notifying. The loop tests the flag under the same mutex and releases
-// it only by starting to wait, so the notify either finds the loop waiting or comes after a
-// test that already saw the flag: no wake-up is lost, and no timed polling is needed.
 void RecordingSearchTargetImpl::processEventLoop()
 {
-    if (stopRequested.load()) {
+    if (stopRequest.requested()) {
         return;
     }
-    std::atomic<bool> loopEnded{false};
-    boost::thread watcher([this, &loopEnded] { _wakeOnStopRequest(loopEnded); });
-    struct WatcherStop {
-        RecordingSearchTargetImpl& target;
-        std::atomic<bool>& loopEnded;
-        boost::thread& watcher;
-        ~WatcherStop()
-        {
-            loopEnded.store(true);
-            const std::uint64_t one = 1;
-            if (write(target.stopFd, &one, sizeof one) < 0) {
-                // The counter cannot overflow from a handful of writes; nothing to do.
-            }
-            watcher.join();
-        }
-    } stopWatcher{*this, loopEnded, watcher};
-
+    StopRequest::Watch watch(stopRequest, eventQueueMutex, eventAvailable);
     for (;;) {
-        RecordingSearchEventData record;
+        boost::optional<RecordingSearchEventData> record;
+        bool expiryNow = false;
         {
             boost::unique_lock<boost::mutex> lock(eventQueueMutex);
-            while (!stopRequested.load() && eventQueue.empty()) {
-                eventAvailable.wait(lock);
+            for (;;) {
+                if (expiryDue && Clock::now() >= *expiryDue) {
+                    expiryDue.reset();
+                    expiryNow = true;
+                }
+                if (expiryNow || stopRequest.requested() || !eventQueue.empty()) break;
+                if (expiryDue) {
+                    eventAvailable.wait_until(lock, *expiryDue);
+                } else {
+                    eventAvailable.wait(lock);
+                }
             }
-            if (stopRequested.load()) {
+            if (stopRequest.requested()) {
                 return;
             }
-            record = eventQueue.front();
-            eventQueue.pop_front();
+            if (!eventQueue.empty()) {
+                record = std::move(eventQueue.front());
+                eventQueue.pop_front();
+            }
         }
-        _dispatch(record);
-        if (stopRequested.load()) {
+        if (expiryNow) _endUnbegunSearches();
+        if (record) _dispatch(*record);
+        if (stopRequest.requested()) {
             return;
         }
     }
 }
 
-void RecordingSearchTargetImpl::_wakeOnStopRequest(const std::atomic<bool>& loopEnded)
-{
-    for (;;) {
-        pollfd watched{stopFd, POLLIN, 0};
-        if (poll(&watched, 1, -1) < 0 && errno != EINTR && errno != ENOMEM) {
-            return;
-        }
-        std::uint64_t count = 0;
-        if (read(stopFd, &count, sizeof count) < 0) {
-            // EAGAIN: someone else's wake-up was already consumed; test the flags anyway.
-        }
-        if (loopEnded.load()) {
-            return;
-        }
-        if (stopRequested.load()) {
-            { boost::lock_guard<boost::mutex> lock(eventQueueMutex); }
-            eventAvailable.notify_all();
-            return;
-        }
-    }
-}
-
-void RecordingSearchTargetImpl::stopProcessEvents()
-{
-    const int savedErrno = errno;
-    stopRequested.store(true);
-    const std::uint64_t one = 1;
-    if (write(stopFd, &one, sizeof one) < 0) {
-        // Only EAGAIN is possible, and then the counter already holds a pending wake-up.
-    }
-    errno = savedErrno;
-}
+void RecordingSearchTargetImpl::stopProcessEvents() { stopRequest.request(); }
 
 void RecordingSearchTargetImpl::_dispatch(const RecordingSearchEventData& data) const
 {

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <shared_mutex>
 
+#include "RequestScope.h"
 #include "TargetEventSink.h"
 
 KavroApiRecordingSearchTargetImplBase::KavroApiRecordingSearchTargetImplBase(void* logCookie)
@@ -55,3 +56,29 @@ kavro_core_status KavroApiRecordingSearchTargetImplBase::sendEventRecordingState
         return sink.recordingStateEventSearchResult(jobId, sec, usec, state, startState);
     });
 }
+
+namespace {
+thread_local std::string currentClient;
+}
+
+const std::string& KavroApiRecordingSearchTargetImplBase::requestingClient() { return currentClient; }
+
+void KavroApiRecordingSearchTargetImplBase::onClientLeft(
+    std::function<void(const std::string& client)> handler)
+{
+    clientLeftHandler_ = std::move(handler);
+}
+
+void KavroApiRecordingSearchTargetImplBase::clientLeft(const std::string& client)
+{
+    if (clientLeftHandler_) clientLeftHandler_(client);
+}
+
+namespace kavro {
+namespace detail {
+
+RequestScope::RequestScope(const std::string& client) { currentClient = client; }
+RequestScope::~RequestScope() { currentClient.clear(); }
+
+}  // namespace detail
+}  // namespace kavro

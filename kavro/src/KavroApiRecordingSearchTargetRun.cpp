@@ -5,7 +5,9 @@
 #include <string>
 #include <tuple>
 
+#include "ClientWatch.h"
 #include "RequestPool.h"
+#include "RequestScope.h"
 #include "TargetEventSink.h"
 #include "kavro/KavroApiException.h"
 #include "kavro/bus/BusLoop.h"
@@ -24,9 +26,10 @@ using Target = KavroApiRecordingSearchTargetImplBase;
 class SearchAdaptor : public sdbus::AdaptorInterfaces<kavro::recording_search_adaptor> {
 public:
     SearchAdaptor(sdbus::IConnection& connection, const std::string& path, Target& target,
-                  void* logCookie, kavro::detail::RequestPool& pool, kavro::bus::BusLoop& loop)
+                  void* logCookie, kavro::detail::RequestPool& pool, kavro::bus::BusLoop& loop,
+                  kavro::detail::ClientWatch& clients)
         : AdaptorInterfaces(connection, path), target_(target), logCookie_(logCookie), pool_(pool),
-          loop_(loop)
+          loop_(loop), clients_(clients)
     {
         registerAdaptor();
     }
@@ -37,7 +40,7 @@ private:
                            uint32_t endSec, uint32_t endUsec, int32_t maxResults, uint8_t flag1,
                            uint8_t flag2, uint8_t includeStartState) override
     {
-        serve("createEventSearch", std::move(result), [=](Target& t, int32_t& jobId) {
+        serveCreate("createEventSearch", std::move(result), [=](Target& t, int32_t& jobId) {
             return t.createEventSearch(startSec, startUsec, endSec, endUsec, maxResults, flag1, flag2,
                                        includeStartState, &jobId);
         });
@@ -47,7 +50,7 @@ private:
                               uint32_t endSec, uint32_t endUsec, int32_t maxResults,
                               std::string xpath) override
     {
-        serve("createMetadataSearch", std::move(result), [=](Target& t, int32_t& jobId) {
+        serveCreate("createMetadataSearch", std::move(result), [=](Target& t, int32_t& jobId) {
             return t.createMetadataSearch(startSec, startUsec, endSec, endUsec, maxResults,
                                           xpath.c_str(), &jobId);
         });
@@ -55,7 +58,7 @@ private:
 
     void CreateNoopSearch(sdbus::Result<int32_t>&& result) override
     {
-        serve("createNoopSearch", std::move(result),
+        serveCreate("createNoopSearch", std::move(result),
               [](Target& t, int32_t& jobId) { return t.createNoopSearch(&jobId); });
     }
 
@@ -80,15 +83,28 @@ private:
               });
     }
 
+    // A create is followed until it is answered, so that the client's departure is handled
+    // only once what it created is in the table.
+    template <typename Request>
+    void serveCreate(const char* name, sdbus::Result<int32_t>&& result, Request request)
+    {
+        const std::string client = sender();
+        clients_.createStarted(client);
+        serve(name, std::move(result), request, [this, client] { clients_.createFinished(client); });
+    }
+
+    // On the loop thread; `answered` runs there too, right after the reply is sent.
     template <typename... Outs, typename Request>
-    void serve(const char* name, sdbus::Result<Outs...>&& result, Request request)
+    void serve(const char* name, sdbus::Result<Outs...>&& result, Request request,
+               std::function<void()> answered = {})
     {
         auto reply = std::make_shared<sdbus::Result<Outs...>>(std::move(result));
-        const bool accepted = pool_.submit([this, name, reply, request]() {
+        const bool accepted = pool_.submit([this, name, reply, request, answered, client = sender()]() {
             std::tuple<Outs...> outs{};
             int status = 0;
             std::optional<std::string> failure;
             try {
+                kavro::detail::RequestScope scope(client);
                 status = std::apply([&](auto&... out) { return request(target_, out...); }, outs);
             } catch (const std::exception& e) {
                 failure = e.what();
@@ -98,12 +114,22 @@ private:
             if (failure) {
                 kavro_core_logging_log(logCookie_, 3, "Request %s failed: %s", name, failure->c_str());
             }
-            loop_.post([reply, status, outs, failure]() { sendReply(*reply, status, outs, failure); });
+            loop_.post([reply, status, outs, failure, answered]() {
+                sendReply(*reply, status, outs, failure);
+                if (answered) answered();
+            });
         });
         if (!accepted) {
             sendReply(*reply, 0, std::tuple<Outs...>{},
                       std::optional<std::string>("too many requests in progress"));
+            if (answered) answered();
         }
+    }
+
+    std::string sender()
+    {
+        const sdbus::Message* message = getObject().getCurrentlyProcessedMessage();
+        return message ? message->getSender() : std::string();
     }
 
     template <typename... Outs>
@@ -127,6 +153,7 @@ private:
     void* logCookie_;
     kavro::detail::RequestPool& pool_;
     kavro::bus::BusLoop& loop_;
+    kavro::detail::ClientWatch& clients_;
 };
 
 // Events leave through the bus loop thread, in the order they were handed over.
@@ -194,8 +221,10 @@ public:
                                                  KAVRO_STATUS_INVALID_ARGUMENT);
         }
         loop_ = std::make_unique<kavro::bus::BusLoop>(connect());
+        clients_ = std::make_unique<kavro::detail::ClientWatch>(
+            loop_->connection(), [this](const std::string& client) { onClientLeft(client); });
         adaptor_ = std::make_unique<SearchAdaptor>(loop_->connection(), kavro::bus::objectPath(serviceName),
-                                                   *target_, logCookie_, pool_, *loop_);
+                                                   *target_, logCookie_, pool_, *loop_, *clients_);
         sink_ = std::make_unique<SignalSink>(*adaptor_, *loop_);
         // The name last: clients see the service only once it can answer.
         requestName(kavro::bus::busName(serviceName));
@@ -210,6 +239,7 @@ public:
         loop_->stop();     // sends the replies and events already handed over
         sink_.reset();
         adaptor_.reset();
+        clients_.reset();
         loop_.reset();
     }
 
@@ -264,10 +294,19 @@ private:
         }
     }
 
+    // On the loop thread. Ending what the client left joins workers that may sit in a call for
+    // the call timeout, so it runs on a request thread. It is framework work, not a request:
+    // the queue bound that protects us from clients does not apply to it.
+    void onClientLeft(const std::string& client)
+    {
+        pool_.submit([this, client] { target_->clientLeft(client); }, /*bounded=*/false);
+    }
+
     void* logCookie_;
     boost::shared_ptr<Target> target_;
     kavro::detail::RequestPool pool_;
     std::unique_ptr<kavro::bus::BusLoop> loop_;
+    std::unique_ptr<kavro::detail::ClientWatch> clients_;
     std::unique_ptr<SearchAdaptor> adaptor_;
     std::unique_ptr<SignalSink> sink_;
 };

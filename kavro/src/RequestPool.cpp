@@ -10,11 +10,11 @@ RequestPool::RequestPool(size_t threads, size_t maxQueued) : maxQueued_(maxQueue
 
 RequestPool::~RequestPool() { shutdown(); }
 
-bool RequestPool::submit(std::function<void()> request)
+bool RequestPool::submit(std::function<void()> request, bool bounded)
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (stopping_ || queue_.size() >= maxQueued_) return false;
+        if (stopping_ || (bounded && queue_.size() >= maxQueued_)) return false;
         queue_.push_back(std::move(request));
     }
     available_.notify_one();

@@ -19,7 +19,8 @@ public:
     RequestPool(size_t threads, size_t maxQueued);
     ~RequestPool();  // shutdown()
 
-    bool submit(std::function<void()> request);  // false when the queue is full or shut down
+    // False when the queue is full (only if bounded) or shut down.
+    bool submit(std::function<void()> request, bool bounded = true);
     void shutdown();                             // runs what is queued, then joins
 
 private:

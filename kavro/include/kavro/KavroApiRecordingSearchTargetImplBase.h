@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <string>
+
 #include <boost/thread/shared_mutex.hpp>
 
 #include "kavro/core.h"
@@ -64,9 +67,19 @@ public:
     KavroApiRecordingSearchTargetImplBase& operator=(const KavroApiRecordingSearchTargetImplBase&) =
         delete;
 
+protected:
+    // The unique bus name of the client whose request the calling thread serves; empty on any
+    // other thread.
+    static const std::string& requestingClient();
+    // Set before a runner serves the target. Once a client that made a create request has left
+    // the bus and all its create requests have been answered, the runner calls the handler once
+    // with that client's name, on a request thread (never the bus loop thread).
+    void onClientLeft(std::function<void(const std::string& client)> handler);
+
 private:
     friend class KavroApiRecordingSearchTargetRun;
     void attachSink(kavro::detail::TargetEventSink* sink);
+    void clientLeft(const std::string& client);
 
     template <typename Emit>
     kavro_core_status withSink(Emit emit) const;
@@ -75,4 +88,5 @@ private:
     // Guards sink_: the runner attaches and detaches it while the senders read it.
     mutable boost::shared_mutex sinkMutex_;
     kavro::detail::TargetEventSink* sink_ = nullptr;
+    std::function<void(const std::string&)> clientLeftHandler_;
 };

@@ -61,7 +61,7 @@ public:
     unsigned int adopt(const boost::shared_ptr<SearchJob>& job)
     {
         boost::lock_guard<boost::mutex> lock(jobMapMutex);
-        JobMap[job->getJobId()] = job;
+        JobMap[job->getJobId()].job = job;
         return job->getJobId();
     }
 

@@ -1,0 +1,110 @@
+// A client that leaves the bus, however it leaves, takes its searches with it: their slots are
+// free again at once, and nobody else's search is touched.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "fault_stack.h"
+#include "support/LogCapture.h"
+#include "support/SearchClient.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using reliability::LongRecording;
+using reliability::completionCount;
+
+int32_t createLongEventSearch(rstest::SearchClient& client)
+{
+    return client.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0, 0)
+        .value;
+}
+
+// Asks again until the answer comes, within the time a departure may take to be handled.
+template <typename Ask>
+bool within3s(Ask ask)
+{
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (!ask()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
+{
+    rstest::ServiceStack stack(reliability::longRecordingStack());
+    rstest::SearchClient observer(stack.address());
+    rstest::LogCapture log(stack.logPath());
+
+    auto leaver = std::make_unique<rstest::SearchClient>(stack.address());
+    const int32_t walking = createLongEventSearch(*leaver);
+    const int32_t idle = createLongEventSearch(*leaver);
+    ASSERT_GT(walking, 0);
+    ASSERT_GT(idle, 0);
+    ASSERT_TRUE(leaver->beginSearch(walking).ok());
+    ASSERT_TRUE(reliability::waitForResults(observer, walking, 5));
+    EXPECT_EQ(createLongEventSearch(observer), -1);
+    leaver.reset();
+
+    rstest::SearchClient other(stack.address());
+    int32_t survivor = -1;
+    ASSERT_TRUE(within3s([&] { return (survivor = createLongEventSearch(other)) > 0; }))
+        << log.dump();
+    ASSERT_TRUE(other.beginSearch(survivor).ok());
+    EXPECT_EQ(observer.getSearchState(walking).value.state, 0u);
+    EXPECT_EQ(observer.getSearchState(idle).value.state, 0u);
+    EXPECT_EQ(completionCount(observer.signals(), walking), 1);
+    EXPECT_TRUE(log.contains(6, "with 2 searches")) << log.dump();
+
+    // A client that leaves with a search of its own ends only that one.
+    auto brief = std::make_unique<rstest::SearchClient>(stack.address());
+    const int32_t briefNoop = brief->createNoopSearch().value;
+    ASSERT_GT(briefNoop, 0);
+    brief.reset();
+    ASSERT_TRUE(within3s([&] { return observer.getSearchState(briefNoop).value.state == 0; }));
+    EXPECT_EQ(observer.getSearchState(survivor).value.state, 1u);
+    EXPECT_TRUE(observer.endSearch(survivor).ok());
+    EXPECT_EQ(other.getSearchState(survivor).value.state, 0u);
+    EXPECT_EQ(completionCount(observer.signals(), survivor), 1);
+    EXPECT_EQ(stack.stop(), "");
+}
+
+TEST(ClientDeparture, RecsearchKilledMidSearchFreesItsSlot)
+{
+    rstest::ServiceStack stack(reliability::longRecordingStack());
+    rstest::SearchClient observer(stack.address());
+    const std::string start = std::to_string(LongRecording::kStart);
+    const std::string end = std::to_string(LongRecording::kEnd);
+
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", stack.address().c_str(), 1);
+        freopen("/dev/null", "w", stdout);
+        const std::string recsearch = reliability::bin("recsearch");
+        execl(recsearch.c_str(), "recsearch", "events", start.c_str(), end.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(observer.waitForSignalCount(5, 10s));
+    const uint32_t killed = observer.signals().front().jobId;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+
+    ASSERT_TRUE(observer.waitForCompleted(killed, 3s));
+    EXPECT_EQ(observer.getSearchState(killed).value.state, 0u);
+    EXPECT_GT(createLongEventSearch(observer), 0);
+    EXPECT_GT(createLongEventSearch(observer), 0);
+    EXPECT_EQ(stack.stop(), "");
+}
+
+}  // namespace
