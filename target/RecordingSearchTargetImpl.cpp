@@ -1,6 +1,7 @@
 #include "target/RecordingSearchTargetImpl.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 
 #include <boost/thread/lock_guard.hpp>
@@ -368,43 +369,60 @@ void RecordingSearchTargetImpl::queueEventData(RecordingSearchEventData& data)
     eventAvailable.notify_one();
 }
 
+// Each wake-up takes every record queued so far and sends them in order: a walk step that
+// yields several records costs one wake-up, not one each.
 void RecordingSearchTargetImpl::processEventLoop()
 {
     if (stopRequest.requested()) {
         return;
     }
     StopRequest::Watch watch(stopRequest, eventQueueMutex, eventAvailable);
+    std::deque<RecordingSearchEventData> batch;  // kept, so that its storage is reused
     for (;;) {
-        boost::optional<RecordingSearchEventData> record;
-        bool expiryNow = false;
-        {
-            boost::unique_lock<boost::mutex> lock(eventQueueMutex);
-            for (;;) {
-                if (expiryDue && Clock::now() >= *expiryDue) {
-                    expiryDue.reset();
-                    expiryNow = true;
-                }
-                if (expiryNow || stopRequest.requested() || !eventQueue.empty()) break;
-                if (expiryDue) {
-                    eventAvailable.wait_until(lock, *expiryDue);
-                } else {
-                    eventAvailable.wait(lock);
-                }
-            }
-            if (stopRequest.requested()) {
-                return;
-            }
-            if (!eventQueue.empty()) {
-                record = std::move(eventQueue.front());
-                eventQueue.pop_front();
-            }
-        }
-        if (expiryNow) _endUnbegunSearches();
-        if (record) _dispatch(*record);
+        const bool expiryNow = _waitForEvents(batch);
         if (stopRequest.requested()) {
             return;
         }
+        if (expiryNow) _endUnbegunSearches();
+        for (auto record = batch.begin(); record != batch.end(); ++record) {
+            _dispatch(*record);
+            if (stopRequest.requested()) {
+                _putBack(batch, record + 1);
+                return;
+            }
+        }
+        batch.clear();
     }
+}
+
+// Returns with the queued records moved into `batch` (empty after a stop request or when only
+// the expiry of searches never begun is due); true when that expiry is due.
+bool RecordingSearchTargetImpl::_waitForEvents(std::deque<RecordingSearchEventData>& batch)
+{
+    boost::unique_lock<boost::mutex> lock(eventQueueMutex);
+    for (;;) {
+        if (stopRequest.requested()) return false;
+        const bool expiryNow = expiryDue && Clock::now() >= *expiryDue;
+        if (expiryNow || !eventQueue.empty()) {
+            if (expiryNow) expiryDue.reset();
+            batch.swap(eventQueue);
+            return expiryNow;
+        }
+        if (expiryDue) {
+            eventAvailable.wait_until(lock, *expiryDue);
+        } else {
+            eventAvailable.wait(lock);
+        }
+    }
+}
+
+// What a stop leaves unsent stays queued, ahead of what came meanwhile, as if never taken.
+void RecordingSearchTargetImpl::_putBack(std::deque<RecordingSearchEventData>& batch,
+                                         std::deque<RecordingSearchEventData>::iterator from)
+{
+    boost::lock_guard<boost::mutex> lock(eventQueueMutex);
+    eventQueue.insert(eventQueue.begin(), std::make_move_iterator(from),
+                      std::make_move_iterator(batch.end()));
 }
 
 void RecordingSearchTargetImpl::stopProcessEvents() { stopRequest.request(); }

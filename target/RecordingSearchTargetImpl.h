@@ -111,6 +111,9 @@ private:
     void _endSearchesOf(const std::string& client);
     void _endUnbegunSearches();
     void _scheduleExpiry(Clock::time_point due);
+    bool _waitForEvents(std::deque<RecordingSearchEventData>& batch);
+    void _putBack(std::deque<RecordingSearchEventData>& batch,
+                  std::deque<RecordingSearchEventData>::iterator from);
     void _dispatch(const RecordingSearchEventData& data) const;
 
     const Limits limits;

@@ -58,19 +58,26 @@ void BusLoop::wake()
     [[maybe_unused]] ssize_t written = ::write(wakeFd_, &one, sizeof one);
 }
 
+void BusLoop::wakeIfOutputQueued()
+{
+    if (connection_->getEventLoopPollData().events & POLLOUT) wake();
+}
+
 void BusLoop::run()
 {
+    std::unique_lock<std::mutex> lock(connectionMutex_);
     try {
         while (true) {
             processUntilIdle();
             const bool didWork = runPosted();
             if (stopRequested_ && !didWork) break;
             if (didWork) continue;  // sends may have queued output, or posted more work
-            waitForWork();
+            waitForWork(lock);
         }
-        drainOutput();
+        drainOutput(lock);
     } catch (const sdbus::Error& e) {
         lost_ = true;
+        if (lock.owns_lock()) lock.unlock();
         if (onLost_) onLost_(e.getMessage());
         // The connection is unusable; drop posted work without running it.
         std::lock_guard<std::mutex> lock(postedMutex_);
@@ -78,7 +85,7 @@ void BusLoop::run()
     }
 }
 
-void BusLoop::drainOutput()
+void BusLoop::drainOutput(std::unique_lock<std::mutex>& lock)
 {
     // Push out what the last posted work queued, for a bounded time: a peer that reads
     // nothing must not hold up the stop.
@@ -88,7 +95,9 @@ void BusLoop::drainOutput()
         const auto data = connection_->getEventLoopPollData();
         if (!(data.events & POLLOUT)) return;
         pollfd fd{data.fd, data.events, 0};
+        lock.unlock();
         ::poll(&fd, 1, 100);
+        lock.lock();
     }
 }
 
@@ -124,11 +133,13 @@ int pollTimeoutMs(uint64_t absoluteUsec)
 
 }  // namespace
 
-void BusLoop::waitForWork()
+void BusLoop::waitForWork(std::unique_lock<std::mutex>& lock)
 {
     const auto data = connection_->getEventLoopPollData();
     pollfd fds[2] = {{data.fd, data.events, 0}, {wakeFd_, POLLIN, 0}};
+    lock.unlock();
     const int ready = ::poll(fds, 2, pollTimeoutMs(data.timeout_usec));
+    lock.lock();
     if (ready > 0 && (fds[1].revents & POLLIN)) {
         uint64_t count = 0;
         [[maybe_unused]] ssize_t got = ::read(wakeFd_, &count, sizeof count);

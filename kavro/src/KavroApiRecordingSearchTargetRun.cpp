@@ -156,7 +156,7 @@ private:
     kavro::detail::ClientWatch& clients_;
 };
 
-// Events leave through the bus loop thread, in the order they were handed over.
+// Events leave in the order they were handed over.
 class SignalSink : public kavro::detail::TargetEventSink {
 public:
     SignalSink(SearchAdaptor& adaptor, kavro::bus::BusLoop& loop) : adaptor_(adaptor), loop_(loop) {}
@@ -194,13 +194,12 @@ private:
             throw kavro::core::KavroApiException("Failed kavro api call: send event",
                                                  KAVRO_STATUS_BUS_LOST);
         }
-        loop_.post([this, emitSignal]() {
-            // A full send queue (ENOBUFS) drops this event; the caller does not retry sends.
-            try {
-                emitSignal(adaptor_);
-            } catch (const sdbus::Error&) {
-            }
-        });
+        // Sent on the caller's thread: the dispatch loop is the only sender, so the order
+        // holds. A full send queue (ENOBUFS) drops this event; the caller does not retry sends.
+        try {
+            loop_.send([&] { emitSignal(adaptor_); });
+        } catch (const sdbus::Error&) {
+        }
         return KAVRO_STATUS_OK;
     }
 
