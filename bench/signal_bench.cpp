@@ -14,6 +14,7 @@
 #include "kavro/KavroApiRecordingSearchTargetRun.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 #include "target/RecordingSearchTargetImpl.h"
 
@@ -21,14 +22,9 @@ namespace {
 
 constexpr const char* kService = "recording_search_bench";
 
-class Counter : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+class CounterSignals : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
-    explicit Counter(sdbus::IConnection& c)
-        : ProxyInterfaces(c, kavro::bus::busName(kService), kavro::bus::objectPath(kService))
-    {
-        registerProxy();
-    }
-    ~Counter() { unregisterProxy(); }
+    explicit CounterSignals(sdbus::IConnection& c) : ServiceProxy(c, kService) {}
 
     bool waitFor(size_t count, std::chrono::seconds quietLimit)
     {
@@ -74,6 +70,7 @@ private:
     size_t received_ = 0;
     std::chrono::steady_clock::time_point last_;
 };
+using Counter = kavro::bus::Registered<CounterSignals>;
 
 }  // namespace
 

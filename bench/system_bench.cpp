@@ -25,6 +25,7 @@
 
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_data_access_proxy.h"
 #include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
@@ -44,24 +45,12 @@ double percentile(std::vector<double> values, double p)
 }
 
 template <typename Generated>
-struct Proxy : sdbus::ProxyInterfaces<Generated> {
-    Proxy(sdbus::IConnection& c, const std::string& service)
-        : sdbus::ProxyInterfaces<Generated>(c, kavro::bus::busName(service), kavro::bus::objectPath(service))
-    {
-        this->registerProxy();
-    }
-    ~Proxy() { this->unregisterProxy(); }
-};
+using Proxy = kavro::bus::Registered<kavro::bus::ServiceProxy<Generated>>;
 
 // Collects the service's signals per job on a connection with its own loop.
-class Listener : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+class ListenerSignals : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
-    explicit Listener(sdbus::IConnection& c)
-        : ProxyInterfaces(c, kavro::bus::busName("recording_search"), kavro::bus::objectPath("recording_search"))
-    {
-        registerProxy();
-    }
-    ~Listener() { unregisterProxy(); }
+    explicit ListenerSignals(sdbus::IConnection& c) : ServiceProxy(c, "recording_search") {}
 
     struct Job {
         size_t results = 0;
@@ -119,6 +108,7 @@ private:
     std::map<uint32_t, Job> jobs_;
     size_t total_ = 0;
 };
+using Listener = kavro::bus::Registered<ListenerSignals>;
 
 // VmRSS, or with anonymous = true only RssAnon (the heap and stacks, without library pages).
 long residentKiB(uint32_t pid, bool anonymous = false)
@@ -181,12 +171,9 @@ struct Walk {
 
 // Method calls only: its signals are never subscribed (no registerProxy), so a connection
 // without a loop does not pile them up.
-class SearchProxy : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+class SearchProxy : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
-    SearchProxy(sdbus::IConnection& c, const std::string& service)
-        : ProxyInterfaces(c, kavro::bus::busName(service), kavro::bus::objectPath(service))
-    {
-    }
+    using ServiceProxy::ServiceProxy;
 
 private:
     void onSearchCompleted(const uint32_t&) override {}

@@ -9,6 +9,7 @@
 #include "CliError.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 
@@ -39,14 +40,15 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
 CliError classify(const std::string& what, const sdbus::Error& error)
 {
     const kavro_core_status status = kavro::bus::statusFromError(error);
-    if (error.getName() == kavro::bus::kStatusErrorName) {
+    const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
+    if (origin == kavro::bus::ErrorOrigin::ServiceStatus) {
         std::string text = "recording_search answered " + what + " with status " +
                            std::to_string(int(status));
         const std::string meaning = statusMeaning(status, error.getMessage());
         if (!meaning.empty()) text += ": " + meaning;
         return CliError(ExitCode::StatusError, text);
     }
-    if (error.getName() == kavro::bus::kFailedErrorName) {
+    if (origin == kavro::bus::ErrorOrigin::ServiceFailure) {
         return CliError(ExitCode::StatusError,
                         "recording_search failed " + what + ": " + error.getMessage());
     }
@@ -65,15 +67,13 @@ CliError classify(const std::string& what, const sdbus::Error& error)
 
 }  // namespace
 
-class ServiceConnection::SearchProxy : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+// The service's signals, into the inbox.
+class ServiceConnection::SearchSignals : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
-    SearchProxy(sdbus::IConnection& connection, EventInbox& inbox)
-        : ProxyInterfaces(connection, kavro::bus::busName(kService), kavro::bus::objectPath(kService)),
-          inbox_(inbox)
+    SearchSignals(sdbus::IConnection& connection, EventInbox& inbox)
+        : ServiceProxy(connection, kService), inbox_(inbox)
     {
-        registerProxy();
     }
-    ~SearchProxy() { unregisterProxy(); }
 
 protected:
     void onSearchCompleted(const uint32_t& jobId) override
@@ -129,7 +129,7 @@ ServiceConnection::ServiceConnection(EventInbox& inbox) : inbox_(inbox)
                        "cannot connect to " + busAddress() + ": " + e.getMessage());
     }
     connection->setMethodCallTimeout(kCallTimeout);
-    search_ = std::make_unique<SearchProxy>(*connection, inbox_);
+    search_ = std::make_unique<kavro::bus::Registered<SearchSignals>>(*connection, inbox_);
     busDaemon_ = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
     busDaemon_->uponSignal("NameOwnerChanged")
         .onInterface("org.freedesktop.DBus")

@@ -18,6 +18,8 @@ class IProxy;
 namespace kavro {
 namespace bus {
 class BusLoop;
+template <typename Proxy>
+class Registered;
 }
 }  // namespace kavro
 
@@ -57,7 +59,7 @@ public:
     ServiceConnection(const ServiceConnection&) = delete;
     ServiceConnection& operator=(const ServiceConnection&) = delete;
 
-    class SearchProxy;
+    class SearchSignals;
 
 private:
     void onNameOwnerChanged(const std::string& name, const std::string& oldOwner,
@@ -66,7 +68,7 @@ private:
 
     EventInbox& inbox_;
     std::unique_ptr<kavro::bus::BusLoop> loop_;
-    std::unique_ptr<SearchProxy> search_;
+    std::unique_ptr<kavro::bus::Registered<SearchSignals>> search_;
     std::unique_ptr<sdbus::IProxy> busDaemon_;
     std::string watchedOwner_;  // loop thread only
 };

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <thread>
 
+#include "kavro/tools/StopSignals.h"
+
 namespace recsearch {
 
 // Shared with the waiting thread, which is detached and may outlive the StopSignals object.
@@ -18,16 +20,6 @@ struct StopSignals::Shared {
 
 namespace {
 
-sigset_t stopSet()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);
-    return set;
-}
-
 [[noreturn]] void exitNow(int signal, bool searchMayRun)
 {
     static const char message[] =
@@ -38,9 +30,8 @@ sigset_t stopSet()
     ::_exit(128 + signal);
 }
 
-void waitForSignals(std::shared_ptr<StopSignals::Shared> shared)
+void waitForSignals(std::shared_ptr<StopSignals::Shared> shared, sigset_t set)
 {
-    const sigset_t set = stopSet();
     while (true) {
         int signal = 0;
         if (sigwait(&set, &signal) != 0) continue;
@@ -59,9 +50,7 @@ void waitForSignals(std::shared_ptr<StopSignals::Shared> shared)
 StopSignals::StopSignals(EventInbox& inbox) : shared_(std::make_shared<Shared>())
 {
     shared_->inbox = &inbox;
-    const sigset_t set = stopSet();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    std::thread(waitForSignals, shared_).detach();
+    std::thread(waitForSignals, shared_, kavro::tools::blockStopSignals()).detach();
 }
 
 StopSignals::~StopSignals()

@@ -39,13 +39,17 @@ std::vector<std::string> splitFields(const std::string& line)
     return fields;
 }
 
+std::string storable(StoreTime time)
+{
+    return time.isNone() ? "time 0.0 is reserved (it means \"none\" in answers)" : "";
+}
+
 // Empty when the time can be stored, else why not.
 std::string timeProblem(const std::string& text, std::optional<StoreTime>& time)
 {
-    time = StoreTime::parse(text);
-    if (!time) return "time \"" + text + "\" is not SECONDS[.MICROSECONDS]";
-    if (time->isNone()) return "time 0.0 is reserved (it means \"none\" in answers)";
-    return "";
+    std::string why;
+    time = StoreTime::parse(text, &why);
+    return time ? storable(*time) : "time \"" + text + "\": " + why;
 }
 
 std::string flagProblem(const std::string& name, const std::string& text, uint32_t& value)
@@ -83,26 +87,11 @@ std::string documentProblem(const std::string& body)
     return problem;
 }
 
-class PendingEvent {
-public:
-    bool empty() const { return properties_.empty(); }
-    StoreTime time() const { return time_; }
-    void add(StoreTime time, EventProperty property)
-    {
-        time_ = time;
-        properties_.push_back(std::move(property));
-    }
-    size_t flush(RecordingWriter& writer, bool write)
-    {
-        const size_t count = properties_.size();
-        if (write && count) writer.addEvent(time_, properties_);
-        properties_.clear();
-        return count;
-    }
-
-private:
-    StoreTime time_;
-    std::vector<EventProperty> properties_;
+// The lines of one time, which make one event.
+struct PendingEvent {
+    std::string where;  // its first line
+    StoreTime time;
+    std::vector<EventProperty> properties;
 };
 
 }  // namespace
@@ -118,6 +107,8 @@ void Importer::problem(const std::string& where, const std::string& what)
 ImportReport Importer::run(const ImportSources& sources)
 {
     report_ = ImportReport();
+    eventTimes_.clear();
+    documentTimes_.clear();
     auto transaction = writer_.transaction();
     for (const std::string& track : sources.tracks) {
         if (track.empty() || track.find(',') != std::string::npos) {
@@ -167,42 +158,75 @@ void Importer::readEvents(const std::string& path)
             problem(where, why);
             continue;
         }
-        if (!pending.empty() && pending.time() != *time) {
-            ++report_.events;
-            report_.properties += pending.flush(writer_, writing());
+        if (!pending.properties.empty() && pending.time != *time) {
+            addEvent(pending.where, pending.time, pending.properties);
+            pending.properties.clear();
         }
-        pending.add(*time, std::move(property));
+        if (pending.properties.empty()) pending.where = where;
+        pending.time = *time;
+        pending.properties.push_back(std::move(property));
     }
     if (in.bad()) problem(path, "read error");
-    if (!pending.empty()) {
+    if (!pending.properties.empty()) addEvent(pending.where, pending.time, pending.properties);
+}
+
+void Importer::addEvent(const std::string& where, StoreTime time,
+                        const std::vector<EventProperty>& properties)
+{
+    if (!eventTimes_.insert(time.key()).second) {
+        problem(where, "time " + time.toString() +
+                           " is given twice in this import (one instant holds one history event)");
+        return;
+    }
+    const std::vector<EventProperty> recorded = writer_.propertiesAt(time);
+    if (recorded.empty()) {
+        if (writing()) writer_.addEvent(time, properties);
         ++report_.events;
-        report_.properties += pending.flush(writer_, writing());
+        report_.properties += properties.size();
+    } else if (recorded == properties) {
+        ++report_.skippedEvents;
+    } else {
+        problem(where, "the recording holds a different history event at " + time.toString());
     }
 }
 
-void Importer::addDocument(const std::string& where, const std::string& timeText,
-                           const std::string& body)
+void Importer::addDocument(const std::string& where, StoreTime time, const std::string& body)
 {
-    std::optional<StoreTime> time;
-    std::string why = timeProblem(timeText, time);
-    if (why.empty()) why = documentProblem(body);
+    const std::string why = documentProblem(body);
     if (!why.empty()) {
         problem(where, why);
         return;
     }
-    if (writing()) writer_.addDocument(*time, body);
-    ++report_.documents;
+    if (!documentTimes_.insert(time.key()).second) {
+        problem(where, "time " + time.toString() +
+                           " is given twice in this import (one instant holds one document)");
+        return;
+    }
+    const std::optional<std::string> recorded = writer_.documentAt(time);
+    if (!recorded) {
+        if (writing()) writer_.addDocument(time, body);
+        ++report_.documents;
+    } else if (*recorded == body) {
+        ++report_.skippedDocuments;
+    } else {
+        problem(where, "the recording holds a different metadata document at " + time.toString());
+    }
 }
 
 namespace {
 
-// The time of one JSON line as text, or a problem.
-std::string jsonTime(const nlohmann::json& line, std::string& timeText)
+// The time of one JSON line, or a problem.
+std::string jsonTime(const nlohmann::json& line, std::optional<StoreTime>& time)
 {
     if (line.contains("time")) {
-        if (!line["time"].is_string()) return "\"time\" must be a string \"SECONDS[.MICROSECONDS]\"";
-        timeText = line["time"].get<std::string>();
-        return "";
+        const auto& value = line["time"];
+        if (value.is_string()) return timeProblem(value.get<std::string>(), time);
+        if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX) {
+            return "\"time\" must be a string (SECONDS[.MICROSECONDS] or ISO 8601 UTC) or whole "
+                   "seconds 0 to 4294967295";
+        }
+        time = StoreTime{uint32_t(value.get<uint64_t>()), 0};
+        return storable(*time);
     }
     if (!line.contains("sec")) return "no \"time\", nor \"sec\" and \"usec\"";
     const auto& sec = line["sec"];
@@ -211,12 +235,8 @@ std::string jsonTime(const nlohmann::json& line, std::string& timeText)
         sec.get<uint64_t>() > UINT32_MAX || usec.get<uint64_t>() > StoreTime::kMaxUsec) {
         return "\"sec\" must be 0 to 4294967295 and \"usec\" 0 to 999999";
     }
-    char text[32];
-    std::snprintf(text, sizeof text, "%llu.%06llu",
-                  static_cast<unsigned long long>(sec.get<uint64_t>()),
-                  static_cast<unsigned long long>(usec.get<uint64_t>()));
-    timeText = text;
-    return "";
+    time = StoreTime{uint32_t(sec.get<uint64_t>()), uint32_t(usec.get<uint64_t>())};
+    return storable(*time);
 }
 
 }  // namespace
@@ -241,8 +261,8 @@ void Importer::readDocumentLines(const std::string& path)
             problem(where, "not a JSON object");
             continue;
         }
-        std::string timeText;
-        std::string why = jsonTime(parsed, timeText);
+        std::optional<StoreTime> time;
+        std::string why = jsonTime(parsed, time);
         if (why.empty() && (!parsed.contains("document") || !parsed["document"].is_string())) {
             why = "\"document\" must be a string";
         }
@@ -250,7 +270,7 @@ void Importer::readDocumentLines(const std::string& path)
             problem(where, why);
             continue;
         }
-        addDocument(where, timeText, parsed["document"].get<std::string>());
+        addDocument(where, *time, parsed["document"].get<std::string>());
     }
     if (in.bad()) problem(path, "read error");
 }
@@ -288,7 +308,13 @@ void Importer::readDocumentDirectory(const std::string& path)
             problem(file, std::string("cannot read: ") + std::strerror(errno));
             continue;
         }
-        addDocument(file, name.substr(0, name.size() - 4), body.str());
+        std::optional<StoreTime> time;
+        const std::string why = timeProblem(name.substr(0, name.size() - 4), time);
+        if (why.empty()) {
+            addDocument(file, *time, body.str());
+        } else {
+            problem(file, why);
+        }
     }
 }
 

@@ -37,6 +37,11 @@ struct EventProperty {
     uint32_t key = 0;    // 0: the recording, 1: a track
     uint32_t value = 0;  // 0 off, 1 on
     std::string name;    // the track's name for key 1, empty for key 0
+
+    friend bool operator==(const EventProperty& a, const EventProperty& b)
+    {
+        return a.key == b.key && a.value == b.value && a.name == b.name;
+    }
 };
 
 struct HistoryEvent {

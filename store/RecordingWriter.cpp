@@ -38,7 +38,13 @@ RecordingWriter::RecordingWriter(const std::string& path, Durability durability)
       insertProperty_(db_,
                       "INSERT INTO properties(event_id, position, t, key, track_id, value) "
                       "VALUES (?1, ?2, ?3, ?4, ?5, ?6)"),
-      insertDocument_(db_, "INSERT INTO documents(t, body) VALUES (?1, ?2)")
+      insertDocument_(db_, "INSERT INTO documents(t, body) VALUES (?1, ?2)"),
+      findProperties_(db_,
+                      "SELECT p.key, p.value, coalesce(tracks.name, '') FROM events e "
+                      "JOIN properties p ON p.event_id = e.id "
+                      "LEFT JOIN tracks ON tracks.id = p.track_id "
+                      "WHERE e.t = ?1 ORDER BY e.id, p.position"),
+      findDocument_(db_, "SELECT body FROM documents WHERE t = ?1 ORDER BY id LIMIT 1")
 {
 }
 
@@ -90,6 +96,25 @@ void RecordingWriter::addDocument(StoreTime time, const std::string& body)
 {
     requireTime(time, "metadata document");
     insertDocument_.reset().bind(1, time.key()).bind(2, body).run();
+}
+
+std::vector<EventProperty> RecordingWriter::propertiesAt(StoreTime time)
+{
+    std::vector<EventProperty> properties;
+    findProperties_.reset().bind(1, time.key());
+    while (findProperties_.step()) {
+        properties.push_back({uint32_t(findProperties_.columnInt(0)),
+                              uint32_t(findProperties_.columnInt(1)), findProperties_.columnText(2)});
+    }
+    return properties;
+}
+
+std::optional<std::string> RecordingWriter::documentAt(StoreTime time)
+{
+    if (!findDocument_.reset().bind(1, time.key()).step()) return std::nullopt;
+    std::string body = findDocument_.columnText(0);
+    findDocument_.reset();  // no read left open across the commit
+    return body;
 }
 
 }  // namespace store

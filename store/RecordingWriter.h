@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,11 @@ public:
     void addEvent(StoreTime time, const std::vector<EventProperty>& properties);
     void addDocument(StoreTime time, const std::string& body);
 
+    // What the file holds at exactly this time: the properties of every history event there
+    // (in stored order; empty when none) and the first document stored there.
+    std::vector<EventProperty> propertiesAt(StoreTime time);
+    std::optional<std::string> documentAt(StoreTime time);
+
     RecordingWriter(const RecordingWriter&) = delete;
     RecordingWriter& operator=(const RecordingWriter&) = delete;
 
@@ -43,6 +49,8 @@ private:
     Statement insertEvent_;
     Statement insertProperty_;
     Statement insertDocument_;
+    Statement findProperties_;
+    Statement findDocument_;
     std::map<std::string, int64_t> trackIds_;
 };
 

@@ -117,10 +117,13 @@ int importCommand(const std::string& path, const ImportSources& sources)
             if (!existed) ::unlink(path.c_str());
             return 1;
         }
-        std::printf("%s: loaded %llu history events (%llu properties) and %llu metadata documents\n",
+        std::printf("%s: loaded %llu history events (%llu properties) and %llu metadata documents; "
+                    "skipped %llu history events and %llu metadata documents already present\n",
                     path.c_str(), static_cast<unsigned long long>(report.events),
                     static_cast<unsigned long long>(report.properties),
-                    static_cast<unsigned long long>(report.documents));
+                    static_cast<unsigned long long>(report.documents),
+                    static_cast<unsigned long long>(report.skippedEvents),
+                    static_cast<unsigned long long>(report.skippedDocuments));
         return 0;
     } catch (const StoreError& e) {
         if (!existed) ::unlink(path.c_str());
@@ -131,26 +134,9 @@ int importCommand(const std::string& path, const ImportSources& sources)
 
 bool parseStartTime(const std::string& text, StoreTime& time)
 {
-    if (const auto plain = StoreTime::parse(text)) {
-        time = *plain;
-        return true;
-    }
-    tm parts{};
-    const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    if (!rest) return false;
-    uint32_t usec = 0;
-    if (*rest == '.') {
-        const char* digits = ++rest;
-        while (std::isdigit(static_cast<unsigned char>(*rest))) ++rest;
-        const auto fraction = StoreTime::parse("0." + std::string(digits, rest));
-        if (!fraction) return false;
-        usec = fraction->usec;
-    }
-    if (std::string(rest) != "Z") return false;
-    const time_t seconds = timegm(&parts);
-    if (seconds < 0 || seconds > time_t(UINT32_MAX)) return false;
-    time = StoreTime{uint32_t(seconds), usec};
-    return true;
+    const auto parsed = StoreTime::parse(text, nullptr);
+    if (parsed) time = *parsed;
+    return bool(parsed);
 }
 
 bool parseDuration(const std::string& text, double& seconds)

@@ -12,7 +12,7 @@ namespace store {
 int generateCommand(const std::string& path, const SampleOptions& options, bool overwrite);
 int importCommand(const std::string& path, const ImportSources& sources);
 
-// "SECONDS[.MICROSECONDS]" or ISO 8601 UTC "YYYY-MM-DDTHH:MM:SS[.ffffff]Z".
+// A time as StoreTime::parse reads it.
 bool parseStartTime(const std::string& text, StoreTime& time);
 // A number of seconds, optionally with a unit: "90", "90s", "15m", "2h", "1d".
 bool parseDuration(const std::string& text, double& seconds);

@@ -16,6 +16,7 @@
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
 #include "kavro/core.h"
+#include "kavro/tools/StopSignals.h"
 #include "store/Recording.h"
 #include "store/RecordingStoreServices.h"
 #include "store/StoreError.h"
@@ -39,16 +40,6 @@ private:
     int fd_;
 };
 
-sigset_t stopSignals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGHUP);
-    return set;
-}
-
 void fatal(void* logCookie, const std::string& message)
 {
     kavro_core_logging_log(logCookie, 3, "%s", message.c_str());
@@ -61,8 +52,7 @@ void fatal(void* logCookie, const std::string& message)
 int StoreDaemon::run()
 {
     // Blocked before any thread exists, so that only the signalfd below ever sees them.
-    const sigset_t signals = stopSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const sigset_t signals = kavro::tools::blockStopSignals();
     ::signal(SIGPIPE, SIG_IGN);
 
     kavro_core_init();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "cli/TimeText.h"
+
 namespace store {
 
 int64_t StoreTime::key() const
@@ -15,35 +17,23 @@ StoreTime StoreTime::fromKey(int64_t key)
     return StoreTime{uint32_t(key / 1000000), uint32_t(key % 1000000)};
 }
 
-namespace {
-
-std::optional<uint64_t> parseDigits(const std::string& text, size_t maxDigits)
+std::optional<StoreTime> StoreTime::parse(const std::string& text, std::string* why)
 {
-    if (text.empty() || text.size() > maxDigits) return std::nullopt;
-    uint64_t value = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        value = value * 10 + uint64_t(c - '0');
-    }
-    return value;
-}
-
-}  // namespace
-
-std::optional<StoreTime> StoreTime::parse(const std::string& text)
-{
+    std::string ignored;
+    if (why == nullptr) why = &ignored;
+    const auto time = recsearch::parseTime(text, why);
+    if (!time) return std::nullopt;
+    // recsearch hands a longer fraction on as raw microseconds for the service to judge; a
+    // stored time has to be exact.
     const size_t dot = text.find('.');
-    const auto sec = parseDigits(text.substr(0, dot), 10);
-    if (!sec || *sec > UINT32_MAX) return std::nullopt;
-    uint64_t usec = 0;
     if (dot != std::string::npos) {
-        const std::string fraction = text.substr(dot + 1);
-        const auto digits = parseDigits(fraction, 6);
-        if (!digits) return std::nullopt;
-        usec = *digits;
-        for (size_t i = fraction.size(); i < 6; ++i) usec *= 10;
+        const size_t end = std::min(text.find_first_not_of("0123456789", dot + 1), text.size());
+        if (end - dot - 1 > 6) {
+            *why = "more than six digits after the point (microseconds are 0 to 999999)";
+            return std::nullopt;
+        }
     }
-    return StoreTime{uint32_t(*sec), uint32_t(usec)};
+    return StoreTime{time->sec, time->usec};
 }
 
 std::string StoreTime::toString() const

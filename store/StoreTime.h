@@ -20,8 +20,9 @@ struct StoreTime {
     int64_t key() const;
     static StoreTime fromKey(int64_t key);
 
-    // "SECONDS[.MICROSECONDS]", the fraction one to six digits; nothing else accepted.
-    static std::optional<StoreTime> parse(const std::string& text);
+    // "SECONDS[.MICROSECONDS]" or ISO 8601 UTC, read as recsearch reads them, except that a
+    // fraction of more than six digits is refused. On failure, *why (if given) says why.
+    static std::optional<StoreTime> parse(const std::string& text, std::string* why);
     std::string toString() const;  // "%u.%06u"
 
     bool isNone() const { return sec == 0 && usec == 0; }

@@ -58,7 +58,7 @@ int main(int argc, char** argv)
     store::ImportSources sources;
     import->add_option("--events", sources.eventFiles, "CSV: time,key,value[,track]");
     import->add_option("--documents", sources.documentFiles, "JSON lines: {\"time\": ..., \"document\": ...}");
-    import->add_option("--document-dir", sources.documentDirectories, "Files SECONDS[.MICROSECONDS].xml");
+    import->add_option("--document-dir", sources.documentDirectories, "Files named TIME.xml (SECONDS[.MICROSECONDS] or ISO 8601 UTC)");
     import->add_option("--track", sources.tracks, "A track to declare");
 
     CLI11_PARSE(app, argc, argv);

@@ -10,6 +10,7 @@
 
 #include "Arrays.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_control_proxy.h"
 #include "kavro/generated/recording_data_access_proxy.h"
 #include "kavro/generated/recording_information_proxy.h"
@@ -46,16 +47,7 @@ uint64_t callTimeoutUsec()
 }
 
 template <typename GeneratedProxy>
-class Proxy : public sdbus::ProxyInterfaces<GeneratedProxy> {
-public:
-    Proxy(sdbus::IConnection& connection, const std::string& service)
-        : sdbus::ProxyInterfaces<GeneratedProxy>(connection, bus::busName(service),
-                                                 bus::objectPath(service))
-    {
-        this->registerProxy();
-    }
-    ~Proxy() { this->unregisterProxy(); }
-};
+using Proxy = bus::Registered<bus::ServiceProxy<GeneratedProxy>>;
 
 // kind tells the handles of the three services apart, so that a handle passed to the wrong
 // service's call is refused instead of misread.

@@ -261,23 +261,8 @@ private:
         } catch (const sdbus::Error& e) {
             throw kavro::core::KavroApiException(
                 "Failed kavro api call: take the bus name " + name + " (" + e.getMessage() + ")",
-                requestNameStatus(e));
+                kavro::bus::requestNameStatus(e));
         }
-    }
-
-    // An operator reads this status to decide whether to look for a second instance or at
-    // the bus policy.
-    static kavro_core_status requestNameStatus(const sdbus::Error& e)
-    {
-        const std::string& name = e.getName();
-        if (name == "org.freedesktop.DBus.Error.FileExists" || name == "System.Error.EEXIST") {
-            return KAVRO_STATUS_NAME_TAKEN;
-        }
-        if (name == "org.freedesktop.DBus.Error.AccessDenied" || name == "System.Error.EACCES" ||
-            name == "System.Error.EPERM") {
-            return KAVRO_STATUS_ACCESS_DENIED;
-        }
-        return KAVRO_STATUS_TRANSPORT_ERROR;
     }
 
     // On the loop thread. The target's dispatch loop may be asleep waiting for work; a no-op

@@ -173,6 +173,9 @@ TEST_F(StoreProcess, ImportReportsBadLinesAndLeavesNoFileBehind)
     const rstest::RunResult good = rstest::runToEnd(kStore, {"import", target, "--events", events});
     EXPECT_EQ(good.status.code, 0) << good.err;
     EXPECT_THAT(good.out, HasSubstr("loaded 1 history events (2 properties)"));
+    const rstest::RunResult again = rstest::runToEnd(kStore, {"import", target, "--events", events});
+    EXPECT_THAT(again.out, HasSubstr("loaded 0 history events (0 properties) and 0 metadata "
+                                     "documents; skipped 1 history events and 0 metadata documents"));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 
 namespace rstest {
@@ -38,17 +39,14 @@ std::unique_ptr<sdbus::IConnection> connect(const std::string& busAddress)
 }
 
 // Receives the four signals on the signal connection's loop thread.
-class SignalReceiver : public sdbus::ProxyInterfaces<kavro::recording_search_proxy> {
+class SignalHandlers : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
     using Sink = std::function<void(SearchSignal)>;
 
-    SignalReceiver(sdbus::IConnection& c, const std::string& service, Sink sink)
-        : ProxyInterfaces(c, kavro::bus::busName(service), kavro::bus::objectPath(service)),
-          sink_(std::move(sink))
+    SignalHandlers(sdbus::IConnection& c, const std::string& service, Sink sink)
+        : ServiceProxy(c, service), sink_(std::move(sink))
     {
-        registerProxy();
     }
-    ~SignalReceiver() { unregisterProxy(); }
 
 private:
     void onSearchCompleted(const uint32_t& jobId) override
@@ -81,6 +79,8 @@ private:
 
     Sink sink_;
 };
+
+using SignalReceiver = kavro::bus::Registered<SignalHandlers>;
 
 }  // namespace
 

@@ -35,7 +35,17 @@ INSTANTIATE_TEST_SUITE_P(
                     ErrorCase{"kavro.Error.Status", "99999999999", KAVRO_STATUS_MALFORMED_REPLY},
                     ErrorCase{"org.freedesktop.DBus.Error.ServiceUnknown", "", KAVRO_STATUS_SERVICE_UNKNOWN},
                     ErrorCase{"org.freedesktop.DBus.Error.NoReply", "", KAVRO_STATUS_TIMEOUT},
-                    ErrorCase{"kavro.Error.Failed", "boom", KAVRO_STATUS_TRANSPORT_ERROR}));
+                    ErrorCase{"kavro.Error.Failed", "boom", KAVRO_STATUS_TRANSPORT_ERROR},
+                    // Refusals of a bus name mean something else on a call.
+                    ErrorCase{"org.freedesktop.DBus.Error.AccessDenied", "", KAVRO_STATUS_TRANSPORT_ERROR}));
+
+TEST(RequestNameStatus, TellsATakenNameFromAPolicyRefusal)
+{
+    using kavro::bus::requestNameStatus;
+    EXPECT_EQ(requestNameStatus(sdbus::Error("org.freedesktop.DBus.Error.FileExists", "")), KAVRO_STATUS_NAME_TAKEN);
+    EXPECT_EQ(requestNameStatus(sdbus::Error("System.Error.EPERM", "")), KAVRO_STATUS_ACCESS_DENIED);
+    EXPECT_EQ(requestNameStatus(sdbus::Error("org.freedesktop.DBus.Error.NoReply", "")), KAVRO_STATUS_TRANSPORT_ERROR);
+}
 
 TEST(StatusError, RoundTripsEveryNonzeroStatus)
 {

@@ -23,9 +23,22 @@ std::unique_ptr<sdbus::IConnection> connectToBus();
 
 // A nonzero status as the error a client turns back into the same number.
 sdbus::Error statusError(kavro_core_status status);
+
+// Who a failed call's error comes from.
+enum class ErrorOrigin {
+    ServiceStatus,   // kavro.Error.Status: the service answered with a status
+    ServiceFailure,  // kavro.Error.Failed: the service could not handle the request
+    Bus              // the bus or the connection: statusFromError says which way it failed
+};
+ErrorOrigin errorOrigin(const sdbus::Error& error);
+
 // The status a failed call stands for: the service's own for kavro.Error.Status, else one of
 // the framework's transport statuses.
 kavro_core_status statusFromError(const sdbus::Error& error);
+// The status a refused request for a bus name stands for: KAVRO_STATUS_NAME_TAKEN or
+// KAVRO_STATUS_ACCESS_DENIED, which tell an operator to look for a second instance or at the
+// bus policy, else KAVRO_STATUS_TRANSPORT_ERROR.
+kavro_core_status requestNameStatus(const sdbus::Error& error);
 
 }  // namespace bus
 }  // namespace kavro
