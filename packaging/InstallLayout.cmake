@@ -6,17 +6,16 @@ set(RS_UNIT_DIR lib/systemd/system)
 set(RS_SYSUSERS_DIR lib/sysusers.d)
 set(RS_DBUS_DIR ${CMAKE_INSTALL_DATAROOTDIR}/dbus-1)
 
-# Installs TEMPLATE (name.in) as name into DESTINATION, with @libexecdir@, @bindir@ and
-# @datadir@ replaced by the prefix given at install time (`cmake --install --prefix`, or
-# the packages' /usr), not the one the build was configured with.
-function(rs_install_configured template destination component)
-  get_filename_component(name ${template} NAME_WLE)
-  set(out ${CMAKE_CURRENT_BINARY_DIR}/installed/${name})
+# Installs FILE into DESTINATION with @libexecdir@, @bindir@ and @datadir@ replaced by the
+# prefix given at install time (`cmake --install --prefix`, or the packages' /usr), not the
+# one the build was configured with.
+function(rs_install_configured file destination component)
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/installed/${file})
   install(CODE "
     set(libexecdir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBEXECDIR}\")
     set(bindir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}\")
     set(datadir \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAROOTDIR}\")
-    configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/${template}\" \"${out}\" @ONLY)
+    configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/${file}\" \"${out}\" @ONLY)
     file(INSTALL \"${out}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${destination}\")"
     COMPONENT ${component})
 endfunction()
