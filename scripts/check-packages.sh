@@ -21,7 +21,8 @@ declare -A layout=(
     usr/lib/sysusers.d/recording-store.conf usr/share/doc/recording-store/README.md
     $dbus/system.d/kavro.recording_store.conf
     $(for n in control information data_access; do
-        echo "$dbus/interfaces/kavro.recording_$n.xml $dbus/system-services/kavro.recording_$n.service"
+        echo "$dbus/interfaces/kavro.recording_$n.xml"
+        echo "$dbus/system-services/kavro.recording_$n.service"
       done)"
   [recsearch]="usr/bin/recsearch usr/share/doc/recsearch/README.md")
 version=$(sed -nE 's/^project\(.* VERSION ([0-9.]+) .*/\1/p' CMakeLists.txt)
@@ -48,8 +49,8 @@ scripts/check-units.sh "${units[@]}"
 
 # Maintainer scripts, as dpkg runs them for an installation into $root, then a purge.
 maint() {  # SCRIPT ARGUMENT
-  DPKG_ROOT=$root DPKG_MAINTSCRIPT_PACKAGE=$pkg "$root/control/$pkg/$1" "$2" >"$root/maint.log" 2>&1 ||
-    fail "$pkg $*: $(cat "$root/maint.log")"
+  DPKG_ROOT=$root DPKG_MAINTSCRIPT_PACKAGE=$pkg "$root/control/$pkg/$1" "$2" \
+    >"$root/maint.log" 2>&1 || fail "$pkg $*: $(cat "$root/maint.log")"
 }
 for pkg in recording-search recording-store; do
   unit=${pkg/-/_}.service wants=$root/etc/systemd/system/multi-user.target.wants
@@ -67,7 +68,7 @@ sed -i -e "s|<standard_system_servicedirs/>|<servicedir>$root/$dbus/system-servi
 dbus-daemon --config-file="$root/$dbus/system.conf" --address="unix:path=$root/bus" --nofork \
   --nopidfile --print-address=1 >"$root/address" 2>"$root/bus.err" &
 bus=$!
-for _ in $(seq 100); do [ -s "$root/address" ] || sleep 0.05; done
+for _ in $(seq 100); do [ -s "$root/address" ] && break; sleep 0.05; done
 activatable=$(dbus-send --bus="unix:path=$root/bus" --print-reply --dest=org.freedesktop.DBus / \
   org.freedesktop.DBus.ListActivatableNames 2>&1) || true
 kill "$bus"; wait "$bus" 2>/dev/null || true
@@ -77,7 +78,7 @@ for name in recording_search recording_control recording_information recording_d
   grep -q "\"kavro.$name\"" <<<"$activatable" || fail "kavro.$name is not activatable: $activatable"
 done
 
-ln -s "$root"/usr/libexec/recording_search "$root"/usr/bin/recording_store "$root"/usr/bin/recsearch \
+ln -s "$root"/usr/libexec/recording_search "$root"/usr/bin/{recording_store,recsearch} \
   "$root/programs"
 scripts/demo.sh --bin "$root/programs" >/dev/null
 echo "check-packages: ${debs[*]##*/} ship the layout and run"

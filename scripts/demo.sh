@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds what is missing (the three programs, not the tests), then runs the whole stack on a private bus: a generated sample
+# Builds what is missing, then runs the whole stack on a private bus: a generated sample
 # recording served by recording_store, recording_search, and two searches through recsearch.
 # Everything it starts is stopped again on the way out, also on Ctrl-C or a failure.
 #
