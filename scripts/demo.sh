@@ -109,8 +109,8 @@ wait_for_name() {
 }
 
 if [ -z "$bin" ]; then
-  say "Setting up (missing packages, then a build of build/default)"
-  "$root/scripts/setup.sh"
+  say "Setting up (missing packages, then the three programs in build/default, no tests)"
+  "$root/scripts/setup.sh" default programs
   bin=$root/build/default/bin
 fi
 

@@ -1,15 +1,20 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs (only those missing), then configures and
-# builds one CMake preset (default: "default"). Quiet when everything is already there.
+# Installs the Debian packages the build needs (only those missing), then configures one CMake
+# preset (default: "default") and builds it, or the build preset given second (say "programs":
+# the three programs without the tests). Quiet when everything is already there.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-default}
+build_preset=${2:-$preset}
 
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
-          libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon dbus-bin
-          libcli11-dev nlohmann-json3-dev python3 procps systemd sqlite3 clang
-          libclang-rt-14-dev)
+          libsqlite3-dev dbus-daemon dbus-bin libcli11-dev nlohmann-json3-dev dpkg-dev)
+# The programs alone build and run without these: the demo's first run on a fresh machine
+# saves their download and installation.
+[ "$build_preset" = programs ] ||
+  packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 procps systemd sqlite3 clang
+             libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do
@@ -24,5 +29,10 @@ if ((${#missing[@]})); then
   "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-cmake --preset "$preset" >/dev/null
-cmake --build --preset "$preset" -j"$(nproc)" -- --no-print-directory -s
+if [ "$build_preset" != programs ]; then
+  cmake --preset "$preset" >/dev/null
+elif [ ! -f "build/$preset/CMakeCache.txt" ]; then
+  # Without the tests on a first configure; any later full setup turns them on.
+  cmake --preset "$preset" -DRS_BUILD_TESTS=OFF >/dev/null
+fi
+cmake --build --preset "$build_preset" -j"$(nproc)" -- --no-print-directory -s
