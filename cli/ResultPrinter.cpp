@@ -1,5 +1,6 @@
 #include "ResultPrinter.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -63,7 +64,103 @@ void addTime(Json& j, TimePoint t)
     j["usec"] = t.usec;
 }
 
+void addRange(Json& j, Micros from, Micros to)
+{
+    const TimePoint start = timePointAt(from), end = timePointAt(to);
+    j["start"] = isoText(start);
+    j["end"] = isoText(end);
+    j["start_sec"] = start.sec;
+    j["start_usec"] = start.usec;
+    j["end_sec"] = end.sec;
+    j["end_usec"] = end.usec;
+}
+
+double secondsOf(Micros d) { return double(d.count()) / 1e6; }
+
+std::string rangeText(Micros from, Micros to)
+{
+    return isoText(timePointAt(from)) + " .. " + isoText(timePointAt(to));
+}
+
+// "  123.4 s  41.1%", the on-time of one bucket.
+std::string shareText(Micros on, Micros of)
+{
+    char text[48];
+    std::snprintf(text, sizeof text, "%.1f s %5.1f%%", secondsOf(on),
+                  of.count() > 0 ? 100.0 * double(on.count()) / double(of.count()) : 0.0);
+    return text;
+}
+
 }  // namespace
+
+void ResultPrinter::span(uint32_t jobId, const Span& span)
+{
+    const Micros from = sinceEpoch(span.start), to = sinceEpoch(span.end);
+    if (json_) {
+        Json j = {{"job", jobId}, {"kind", "span"}};
+        addRange(j, from, to);
+        j["matches"] = span.matches;
+        putJson(out_, j);
+        return;
+    }
+    out_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
+         << (span.matches == 1 ? " match\n" : " matches\n") << std::flush;
+}
+
+void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps)
+{
+    if (json_) {
+        for (const auto& b : buckets) {
+            Json j = {{"kind", "bucket"}};
+            addRange(j, b.from, b.to);
+            j["recording_on_s"] = secondsOf(b.recordingOn);
+            j["tracks"] = Json::object();
+            for (const auto& [name, on] : b.tracksOn) j["tracks"][name] = secondsOf(on);
+            putJson(out_, j);
+        }
+        for (const auto& g : gaps) {
+            Json j = {{"kind", "gap"}};
+            addRange(j, g.from, g.to);
+            j["duration_s"] = secondsOf(g.to - g.from);
+            putJson(out_, j);
+        }
+        return;
+    }
+    // A table: one column per row of the picture, each wide enough for its name.
+    std::vector<std::string> names{"recording"};
+    if (!buckets.empty()) {
+        for (const auto& entry : buckets.front().tracksOn) names.push_back(printable(entry.first));
+    }
+    const std::size_t time = isoText({}).size();
+    out_ << std::string(time - 4, ' ') << "from" << "  " << std::string(time - 2, ' ') << "to";
+    for (const auto& name : names) {
+        out_ << "  " << std::string(std::max<std::size_t>(16, name.size()) - name.size(), ' ')
+             << name;
+    }
+    out_ << '\n';
+    for (const auto& b : buckets) {
+        out_ << isoText(timePointAt(b.from)) << "  " << isoText(timePointAt(b.to));
+        std::size_t column = 0;
+        auto cell = [&](Micros on) {
+            const std::string text = shareText(on, b.to - b.from);
+            const std::size_t width = std::max<std::size_t>(16, names[column++].size());
+            out_ << "  " << std::string(width > text.size() ? width - text.size() : 0, ' ')
+                 << text;
+        };
+        cell(b.recordingOn);
+        for (const auto& entry : b.tracksOn) cell(entry.second);
+        out_ << '\n';
+    }
+    if (gaps.empty()) {
+        out_ << "\nno gaps: the recording was never off for more than a minute\n";
+    } else {
+        out_ << "\ngaps (the recording off for more than a minute):\n";
+        for (const auto& g : gaps) {
+            out_ << "  " << rangeText(g.from, g.to) << "  " << durationText(g.to - g.from) << '\n';
+        }
+    }
+    out_ << std::flush;
+}
 
 void ResultPrinter::result(const SearchResult& r)
 {

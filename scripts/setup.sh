@@ -9,7 +9,7 @@ packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-d
           libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
           libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon dbus-bin
           libcli11-dev nlohmann-json3-dev python3 procps systemd sqlite3 clang
-          libclang-rt-14-dev)
+          libclang-rt-14-dev librsvg2-bin)
 
 missing=()
 for p in "${packages[@]}"; do
