@@ -51,7 +51,7 @@ const CLI::Validator kDuration(
         std::string why;
         return parseDuration(text, &why) ? std::string() : why;
     },
-    "DURATION");
+    "");
 
 Micros durationOf(const std::string& text) { return *parseDuration(text, nullptr); }
 
@@ -101,7 +101,7 @@ struct Filters {
 void addFilters(CLI::App* sub, Filters& f)
 {
     const char* group = "Filters (all about the same object; names ignore ASCII case)";
-    const auto name = checkWith(&checkName, "NAME");
+    const auto name = checkWith(&checkName, "");
     sub->add_option("--class", f.filter.classes,
                     "an object of this class (Person, Vehicle, Bicycle, Animal in sample "
                     "recordings); repeat it or separate with commas for any of several")
@@ -119,14 +119,14 @@ void addFilters(CLI::App* sub, Filters& f)
     sub->add_option("--min-likelihood", f.likelihood,
                     "the object's class (the --class one, if given) is at least this likely, 0 to 1")
         ->type_name("P")
-        ->check(checkWith(&checkLikelihood, "P"))
+        ->check(checkWith(&checkLikelihood, ""))
         ->group(group);
     sub->add_option("--region", f.region,
                     "the object's bounding box overlaps this part of the picture, in picture "
                     "coordinates from the top left (0,0) to the bottom right (1,1); touching "
                     "an edge is not overlapping. 0,0,0.5,1 is the left half")
         ->type_name("LEFT,TOP,RIGHT,BOTTOM")
-        ->check(checkWith(&checkRegion, "REGION"))
+        ->check(checkWith(&checkRegion, ""))
         ->group(group);
     sub->add_flag("--motion", f.filter.motion, "the camera reported motion in the frame")
         ->group(group);

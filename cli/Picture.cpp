@@ -254,7 +254,7 @@ void drawTimeline(std::ostream& out, const Picture& p, std::size_t columns, bool
         return std::min(cells - 1, std::size_t(std::max(0.0, double((t - p.from).count()) / span * double(cells))));
     };
     const char* full = utf8 ? "\u2588" : "#";
-    const char* part = utf8 ? "\u2593" : "+";
+    const char* part = utf8 ? "\u2584" : "+";
     const char* off = utf8 ? "\u00b7" : ".";
     const char* unknown = utf8 ? "\u2591" : "?";
 

@@ -82,12 +82,24 @@ std::string rangeText(Micros from, Micros to)
     return isoText(timePointAt(from)) + " .. " + isoText(timePointAt(to));
 }
 
-// "  123.4 s  41.1%", the on-time of one bucket.
+// "123.4 s  41%", the on-time of one bucket.
 std::string shareText(Micros on, Micros of)
 {
     char text[48];
-    std::snprintf(text, sizeof text, "%.1f s %5.1f%%", secondsOf(on),
-                  of.count() > 0 ? 100.0 * double(on.count()) / double(of.count()) : 0.0);
+    // Rounded down: 100% only when it was on all the time.
+    const int64_t percent = of.count() > 0 ? on.count() * 100 / of.count() : 0;
+    std::snprintf(text, sizeof text, "%.1f s %3lld%%", secondsOf(on), (long long)percent);
+    return text;
+}
+
+// Whole seconds, the common case, without the microseconds.
+std::string bucketStart(Micros t)
+{
+    std::string text = isoText(timePointAt(t));
+    const std::string zero = ".000000Z";
+    if (text.size() > zero.size() && text.compare(text.size() - zero.size(), zero.size(), zero) == 0) {
+        text.replace(text.size() - zero.size(), zero.size(), "Z");
+    }
     return text;
 }
 
@@ -126,29 +138,26 @@ void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vect
         }
         return;
     }
-    // A table: one column per row of the picture, each wide enough for its name.
+    if (buckets.empty()) return;
+    // A table: a bucket a line, a column per row of the picture, each wide enough for its name.
+    out_ << rangeText(buckets.front().from, buckets.back().to) << " in buckets of "
+         << durationText(buckets.front().to - buckets.front().from)
+         << ": how long each was on\n";
     std::vector<std::string> names{"recording"};
-    if (!buckets.empty()) {
-        for (const auto& entry : buckets.front().tracksOn) names.push_back(printable(entry.first));
-    }
-    const std::size_t time = isoText({}).size();
-    out_ << std::string(time - 4, ' ') << "from" << "  " << std::string(time - 2, ' ') << "to";
-    for (const auto& name : names) {
-        out_ << "  " << std::string(std::max<std::size_t>(16, name.size()) - name.size(), ' ')
-             << name;
-    }
+    for (const auto& entry : buckets.front().tracksOn) names.push_back(printable(entry.first));
+    auto column = [&](const std::string& text, const std::string& name) {
+        const std::size_t width = std::max<std::size_t>(12, name.size());
+        out_ << "  " << std::string(width > text.size() ? width - text.size() : 0, ' ') << text;
+    };
+    const std::string first = bucketStart(buckets.front().from);
+    out_ << "from" << std::string(first.size() - 4, ' ');
+    for (const auto& name : names) column(name, name);
     out_ << '\n';
     for (const auto& b : buckets) {
-        out_ << isoText(timePointAt(b.from)) << "  " << isoText(timePointAt(b.to));
-        std::size_t column = 0;
-        auto cell = [&](Micros on) {
-            const std::string text = shareText(on, b.to - b.from);
-            const std::size_t width = std::max<std::size_t>(16, names[column++].size());
-            out_ << "  " << std::string(width > text.size() ? width - text.size() : 0, ' ')
-                 << text;
-        };
-        cell(b.recordingOn);
-        for (const auto& entry : b.tracksOn) cell(entry.second);
+        out_ << bucketStart(b.from);
+        column(shareText(b.recordingOn, b.to - b.from), names[0]);
+        std::size_t i = 1;
+        for (const auto& entry : b.tracksOn) column(shareText(entry.second, b.to - b.from), names[i++]);
         out_ << '\n';
     }
     if (gaps.empty()) {

@@ -193,6 +193,11 @@ private:
         }
         if (!keep_) return;
         const Command& c = command_;
+        // Stopped by the limit: the service may say it reached the end, but nothing beyond
+        // the last result was looked at.
+        if (c.maxResults >= 0 && results_ >= std::size_t(c.maxResults)) {
+            reached = results_ > 0 ? last_ : c.start;
+        }
         const Picture picture = c.kind == Command::Kind::Metadata
                                     ? matchPicture(marks_, c.start, c.end, reached)
                                     : eventPicture(kept_, c.start, c.end, reached);
