@@ -117,7 +117,8 @@ void addFilters(CLI::App* sub, Filters& f)
         ->check(name)
         ->group(group);
     sub->add_option("--min-likelihood", f.likelihood,
-                    "the object's class (the --class one, if given) is at least this likely, 0 to 1")
+                    "the object's class (the --class one, if given) is at least this likely, "
+                    "0 to 1")
         ->type_name("P")
         ->check(checkWith(&checkLikelihood, ""))
         ->group(group);

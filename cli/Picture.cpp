@@ -248,10 +248,12 @@ void drawTimeline(std::ostream& out, const Picture& p, std::size_t columns, bool
         }
         labelWidth = std::max(labelWidth, charCount(labels.back()));
     }
-    const std::size_t cells = std::max<std::size_t>(10, columns > labelWidth + 2 ? columns - labelWidth - 2 : 0);
+    const std::size_t room = columns - std::min(columns, labelWidth + 2);
+    const std::size_t cells = std::max<std::size_t>(10, room);
     const double span = double(std::max(Micros(1), p.to - p.from).count());
+    auto offset = [&](Micros t) { return double((t - p.from).count()); };
     auto cellOf = [&](Micros t) {
-        return std::min(cells - 1, std::size_t(std::max(0.0, double((t - p.from).count()) / span * double(cells))));
+        return std::min(cells - 1, std::size_t(std::max(0.0, offset(t) / span * double(cells))));
     };
     const char* full = utf8 ? "\u2588" : "#";
     const char* part = utf8 ? "\u2584" : "+";
@@ -266,8 +268,9 @@ void drawTimeline(std::ostream& out, const Picture& p, std::size_t columns, bool
             for (std::size_t c = cellOf(s.from); c <= cellOf(s.to); ++c) {
                 const double c0 = double(c) * span / double(cells);
                 const double c1 = double(c + 1) * span / double(cells);
-                const double f = double((s.from - p.from).count()), t = double((s.to - p.from).count());
-                const double share = std::max(0.0, std::min(c1, t) - std::max(c0, f)) / (c1 - c0);
+                const double share =
+                    std::max(0.0, std::min(c1, offset(s.to)) - std::max(c0, offset(s.from))) /
+                    (c1 - c0);
                 if (s.state == State::On) {
                     on[c] += share;
                     any[c] = any[c] || share > 0 || s.from == s.to;
@@ -285,8 +288,8 @@ void drawTimeline(std::ostream& out, const Picture& p, std::size_t columns, bool
     }
     const std::string from = utcText(p.from, "%Y-%m-%dT%H:%M:%SZ");
     const std::string to = utcText(p.to, "%Y-%m-%dT%H:%M:%SZ");
-    const std::size_t room = cells > from.size() + to.size() ? cells - from.size() - to.size() : 1;
-    out << std::string(labelWidth + 2, ' ') << from << std::string(room, ' ') << to << '\n';
+    const std::size_t between = cells - std::min(cells - 1, from.size() + to.size());
+    out << std::string(labelWidth + 2, ' ') << from << std::string(between, ' ') << to << '\n';
     out << std::string(labelWidth + 2, ' ') << full << (p.metadata ? " match  " : " on  ");
     if (!p.metadata) out << part << " on part of the time  ";
     out << off << (p.metadata ? " none  " : " off  ") << unknown

@@ -97,9 +97,8 @@ std::string bucketStart(Micros t)
 {
     std::string text = isoText(timePointAt(t));
     const std::string zero = ".000000Z";
-    if (text.size() > zero.size() && text.compare(text.size() - zero.size(), zero.size(), zero) == 0) {
-        text.replace(text.size() - zero.size(), zero.size(), "Z");
-    }
+    const std::size_t at = text.size() - zero.size();
+    if (text.compare(at, zero.size(), zero) == 0) text.replace(at, zero.size(), "Z");
     return text;
 }
 
@@ -157,7 +156,9 @@ void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vect
         out_ << bucketStart(b.from);
         column(shareText(b.recordingOn, b.to - b.from), names[0]);
         std::size_t i = 1;
-        for (const auto& entry : b.tracksOn) column(shareText(entry.second, b.to - b.from), names[i++]);
+        for (const auto& entry : b.tracksOn) {
+            column(shareText(entry.second, b.to - b.from), names[i++]);
+        }
         out_ << '\n';
     }
     if (gaps.empty()) {

@@ -622,7 +622,8 @@ TEST(RecsearchSummary, OnTimePerBucketAndGapsAreWhatTheEventsSay)
         int64_t on = 0;
         for (std::size_t i = 0; i < c.size(); ++i) {
             const int64_t until = i + 1 < c.size() ? c[i + 1].first : end;
-            if (c[i].second) on += std::max<int64_t>(0, std::min(until, to) - std::max(c[i].first, from));
+            if (!c[i].second) continue;
+            on += std::max<int64_t>(0, std::min(until, to) - std::max(c[i].first, from));
         }
         return double(on) / 1e6;
     };
@@ -698,8 +699,8 @@ TEST(RecsearchUsage, BadFilterValuesNameTheirOptionBeforeAnythingIsSent)
     for (const auto& [extra, option] : cases) {
         std::vector<std::string> args{"metadata", "1704067200", "1704070800"};
         args.insert(args.end(), extra.begin(), extra.end());
-        const auto r = rstest::runToEnd(bin("recsearch"), args,
-                                        {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
+        const auto r = rstest::runToEnd(
+            bin("recsearch"), args, {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
         EXPECT_EQ(r.status.code, 2) << describe(r);
         EXPECT_NE(r.err.find(option), std::string::npos) << describe(r);
     }

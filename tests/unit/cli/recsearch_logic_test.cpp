@@ -225,7 +225,8 @@ TEST(RecsearchPicture, TheSvgParsesNamesItsRowsAndRendersTheBarsWhereTheyBelong)
     };
     const auto pixels = rstest::runToEnd(
         "python3", {"-c", kPixels, png, at(0, from + minutes(15)), at(0, from + minutes(45)),
-                    at(1, from + minutes(30)), at(1, from + minutes(50)), at(1, from + minutes(10))});
+                    at(1, from + minutes(30)), at(1, from + minutes(50)),
+                    at(1, from + minutes(10))});
     ASSERT_EQ(pixels.status.code, 0) << pixels.err;
     std::istringstream colours(pixels.out);
     std::string recordingOn, recordingOff, trackOn, trackOff, trackUnknown;
