@@ -1,8 +1,12 @@
 #include "CommandLine.h"
 
+#include <iostream>
+
 #include <CLI/CLI.hpp>
 
 #include "CliError.h"
+#include "MetadataFilter.h"
+#include "Timeline.h"
 
 namespace recsearch {
 
@@ -36,16 +40,33 @@ const CLI::Validator kTime(
 
 TimePoint timeOf(const std::string& text) { return *parseTime(text, nullptr); }
 
-void addRange(CLI::App* sub, std::string& start, std::string& end, Command& c)
+// A check from one of our own functions that say what is wrong, or nothing.
+CLI::Validator checkWith(std::string (*check)(const std::string&), const char* name)
 {
-    sub->add_option("START", start, "where the search begins")
-        ->required()
-        ->check(kTime)
-        ->type_name("TIME");
-    sub->add_option("END", end, "where it ends; before START searches backward")
-        ->required()
-        ->check(kTime)
-        ->type_name("TIME");
+    return CLI::Validator([check](std::string& text) { return check(text); }, name);
+}
+
+const CLI::Validator kDuration(
+    [](std::string& text) {
+        std::string why;
+        return parseDuration(text, &why) ? std::string() : why;
+    },
+    "");
+
+Micros durationOf(const std::string& text) { return *parseDuration(text, nullptr); }
+
+void addRange(CLI::App* sub, std::string& start, std::string& end, Command& c, bool required = true)
+{
+    auto* first = sub->add_option("START", start, "where the search begins")
+                      ->check(kTime)
+                      ->type_name("TIME");
+    auto* last = sub->add_option("END", end, "where it ends; before START searches backward")
+                     ->check(kTime)
+                     ->type_name("TIME");
+    if (required) {
+        first->required();
+        last->required();
+    }
     sub->add_option("-n,--max", c.maxResults, "stop after this many results (default: no limit)")
         ->check(CLI::Range(0, INT32_MAX))
         ->type_name("N");
@@ -61,12 +82,70 @@ void addOutput(CLI::App* sub, Command& c, bool progress)
                   "no begin and summary lines on standard error (JSON output keeps its summary)");
 }
 
+void addPictures(CLI::App* sub, Command& c, const char* rows)
+{
+    sub->add_option("--svg", c.svgPath,
+                    std::string("after the search, write a picture of the range to FILE (SVG): ") +
+                        rows)
+        ->type_name("FILE");
+    sub->add_flag("--timeline", c.timeline,
+                  "after the results, draw the same rows in the terminal (to standard error "
+                  "with --json)");
+}
+
+struct Filters {
+    MetadataFilter filter;
+    std::string likelihood, region;
+};
+
+void addFilters(CLI::App* sub, Filters& f)
+{
+    const char* group = "Filters (all about the same object; names ignore ASCII case)";
+    const auto name = checkWith(&checkName, "");
+    sub->add_option("--class", f.filter.classes,
+                    "an object of this class (Person, Vehicle, Bicycle, Animal in sample "
+                    "recordings); repeat it or separate with commas for any of several")
+        ->type_name("NAME")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(name)
+        ->group(group);
+    sub->add_option("--colour,--color", f.filter.colour,
+                    "an object of this colour (red, blue, white, black, grey, silver, green, "
+                    "yellow, brown)")
+        ->type_name("NAME")
+        ->check(name)
+        ->group(group);
+    sub->add_option("--min-likelihood", f.likelihood,
+                    "the object's class (the --class one, if given) is at least this likely, "
+                    "0 to 1")
+        ->type_name("P")
+        ->check(checkWith(&checkLikelihood, ""))
+        ->group(group);
+    sub->add_option("--region", f.region,
+                    "the object's bounding box overlaps this part of the picture, in picture "
+                    "coordinates from the top left (0,0) to the bottom right (1,1); touching "
+                    "an edge is not overlapping. 0,0,0.5,1 is the left half")
+        ->type_name("LEFT,TOP,RIGHT,BOTTOM")
+        ->check(checkWith(&checkRegion, ""))
+        ->group(group);
+    sub->add_flag("--motion", f.filter.motion, "the camera reported motion in the frame")
+        ->group(group);
+}
+
+int usageError(const std::string& message)
+{
+    std::cerr << message << "\nRun with --help for more information.\n";
+    return int(ExitCode::Usage);
+}
+
 }  // namespace
 
 std::variant<Command, int> parseCommandLine(int argc, char** argv)
 {
     Command c;
-    std::string start, end;
+    std::string start, end, spans, bucket;
+    Filters filters;
     CLI::App app("Runs one search of recording_search and streams its results.", "recsearch");
     app.require_subcommand(1);
 
@@ -77,25 +156,75 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     events->add_flag("--flag1", c.flag1, "set the request's first flag byte");
     events->add_flag("--flag2", c.flag2, "set the request's second flag byte");
     addOutput(events, c, true);
+    addPictures(events, c,
+                "one row for the recording and one per track, drawn where they were on. "
+                "Without --start-state the state before a row's first result is unknown and "
+                "drawn as unknown (pale yellow)");
     events->footer(std::string(kTimeHelp) +
                    "\nExamples:\n"
                    "  recsearch events 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z --start-state\n"
                    "  recsearch events 1795428000 1795431600.5 --max 20 --json\n"
-                   "  recsearch events 2026-11-23T11:00:00Z 2026-11-23T10:00:00Z    # backward\n");
+                   "  recsearch events 2026-11-23T11:00:00Z 2026-11-23T10:00:00Z    # backward\n"
+                   "  recsearch events 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z -s "
+                   "--svg hour.svg --timeline\n");
 
     auto* metadata = app.add_subcommand(
-        "metadata", "times of the metadata documents for which an XPath expression is true");
-    addRange(metadata, start, end, c);
-    metadata->add_option("XPATH", c.xpath, "evaluated as a boolean on each document; "
-                                           "empty matches every document")
-        ->required()
-        ->type_name("XPATH");
+        "metadata", "times of the metadata documents that match an XPath expression or filters");
+    addRange(metadata, start, end, c, false);
+    auto* xpath = metadata->add_option("XPATH", c.xpath,
+                                       "evaluated as a boolean on each document; empty matches "
+                                       "every document. Optional when a filter is given; with "
+                                       "both, both must hold")
+                      ->type_name("XPATH");
+    addFilters(metadata, filters);
+    metadata->add_flag("--show-xpath", c.showXPath,
+                       "print the expression that would be searched (filters included) and "
+                       "exit; START and END may be left out");
+    auto* spansOption =
+        metadata
+            ->add_flag("--spans{2s}", spans,
+                       "one line per appearance: a run of matches no more than GAP apart "
+                       "(default 2s), with its start, end, duration and number of matches, "
+                       "printed once the run has ended. Give GAP as --spans=5s")
+            ->type_name("[=GAP]")
+            ->check(kDuration);
     addOutput(metadata, c, true);
-    metadata->footer(std::string(kTimeHelp) +
-                     "\nExamples:\n"
-                     "  recsearch metadata 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z "
-                     "'//Object[Appearance/Class/Type=\"Person\"]'\n"
-                     "  recsearch metadata 1795428000 1795431600 '' --max 5    # any document\n");
+    addPictures(metadata, c, "the matches (or, with --spans, the appearances) as marks on one row");
+    metadata->footer(
+        std::string(kTimeHelp) +
+        "\nExamples:\n"
+        "  recsearch metadata 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z "
+        "'//Object[Appearance/Class/Type=\"Person\"]'\n"
+        "  recsearch metadata 1795428000 1795431600 '' --max 5    # any document\n"
+        "  recsearch metadata 2026-11-23T13:00:00Z 2026-11-23T18:00:00Z --class vehicle "
+        "--colour red --region 0,0,0.5,1 --spans\n"
+        "  recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpath\n");
+
+    auto* summary = app.add_subcommand(
+        "summary", "coverage: how long the recording and each track were on, per time bucket, "
+                   "and the gaps");
+    summary->add_option("START", start, "where the summary begins")
+        ->required()
+        ->check(kTime)
+        ->type_name("TIME");
+    summary->add_option("END", end, "where it ends")->required()->check(kTime)->type_name("TIME");
+    summary->add_option("--bucket", bucket,
+                        "the bucket size, such as 30s, 5m, 1h or 1d (default: a round size "
+                        "that gives 10 to 40 buckets)")
+        ->type_name("DURATION")
+        ->check(kDuration);
+    addOutput(summary, c, true);
+    addPictures(summary, c, "one row for the recording and one per track, drawn where they "
+                            "were on");
+    summary->footer(std::string(kTimeHelp) +
+                    "\nRuns one event search with the start state. Prints per bucket the seconds "
+                    "and percent\nthe recording and each track were on, then every gap (the "
+                    "recording off) longer\nthan a minute. With --json: one object per bucket, "
+                    "then one per gap.\n\nExamples:\n"
+                    "  recsearch summary 2026-11-23T00:00:00Z 2026-11-24T00:00:00Z\n"
+                    "  recsearch summary 1795428000 1795431600 --bucket 5m --json\n"
+                    "  recsearch summary 2026-11-23T00:00:00Z 2026-11-24T00:00:00Z --timeline "
+                    "--svg day.svg\n");
 
     auto* noop = app.add_subcommand("noop", "a search that finds nothing and completes at once");
     addOutput(noop, c, true);
@@ -116,6 +245,8 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
                "elsewhere.\n\nExamples (more with `recsearch SUBCOMMAND --help`):\n"
                "  recsearch events 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z --start-state\n"
                "  recsearch metadata 1795428000 1795431600 '//Object' --json\n"
+               "  recsearch metadata 1795428000 1795431600 --class person --spans\n"
+               "  recsearch summary 2026-11-23T00:00:00Z 2026-11-24T00:00:00Z\n"
                "  recsearch state 3\n");
 
     try {
@@ -131,12 +262,33 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
 
     if (events->parsed()) c.kind = Command::Kind::Events;
     if (metadata->parsed()) c.kind = Command::Kind::Metadata;
+    if (summary->parsed()) c.kind = Command::Kind::Summary;
     if (noop->parsed()) c.kind = Command::Kind::Noop;
     if (state->parsed()) c.kind = Command::Kind::State;
     if (endCmd->parsed()) c.kind = Command::Kind::End;
-    if (events->parsed() || metadata->parsed()) {
+    if (metadata->parsed()) {
+        if (!filters.region.empty()) filters.filter.region = parseRegion(filters.region);
+        filters.filter.minLikelihood = filters.likelihood;
+        if (xpath->count() == 0 && filters.filter.empty()) {
+            return usageError("XPATH is required unless a filter (--class, --colour, "
+                                        "--min-likelihood, --region, --motion) is given");
+        }
+        c.xpath = filterXPath(filters.filter, c.xpath);
+        if (!c.showXPath && end.empty()) {
+            return usageError(start.empty() ? "START is required" : "END is required");
+        }
+        if (spansOption->count() > 0) c.spanGap = durationOf(spans);
+    }
+    if (!start.empty() && !end.empty()) {
         c.start = timeOf(start);
         c.end = timeOf(end);
+    }
+    if (summary->parsed()) {
+        if (!earlier(c.start, c.end) && !earlier(c.end, c.start)) {
+            return usageError("START and END must differ");
+        }
+        if (earlier(c.end, c.start)) std::swap(c.start, c.end);
+        if (!bucket.empty()) c.bucket = durationOf(bucket);
     }
     return c;
 }

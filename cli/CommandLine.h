@@ -2,15 +2,17 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 
+#include "Spans.h"
 #include "TimeText.h"
 
 namespace recsearch {
 
 struct Command {
-    enum class Kind { Events, Metadata, Noop, State, End };
+    enum class Kind { Events, Metadata, Noop, State, End, Summary };
     Kind kind = Kind::Noop;
     TimePoint start;
     TimePoint end;
@@ -18,7 +20,12 @@ struct Command {
     bool startState = false;
     bool flag1 = false;
     bool flag2 = false;
-    std::string xpath;
+    std::string xpath;  // with the filters' conditions already in it
+    bool showXPath = false;
+    std::optional<Micros> spanGap;  // metadata matches printed as spans
+    std::string svgPath;            // empty: no picture
+    bool timeline = false;
+    Micros bucket{0};  // summary; 0: a round size for the range
     uint32_t jobId = 0;
     bool json = false;
     bool noProgress = false;  // progress is only ever shown on a terminal

@@ -4,9 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <vector>
 
 #include "ClientEvent.h"
+#include "Spans.h"
 #include "TimeText.h"
+#include "Timeline.h"
 
 namespace recsearch {
 
@@ -21,6 +24,9 @@ public:
     }
 
     void result(const SearchResult& result);
+    void span(uint32_t jobId, const Span& span);
+    // The summary command's answer: per bucket the on-times, then the gaps.
+    void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps);
     void state(uint32_t jobId, uint32_t state);
     void ended(uint32_t jobId, TimePoint reached);
     void searchEnded(uint32_t jobId, TimePoint reached, std::size_t results, bool interrupted);

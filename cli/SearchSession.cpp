@@ -1,12 +1,21 @@
 #include "SearchSession.h"
 
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "CliError.h"
+#include "Picture.h"
 #include "Progress.h"
 #include "ResultPrinter.h"
 #include "ServiceConnection.h"
@@ -18,10 +27,35 @@ namespace {
 
 constexpr std::chrono::milliseconds kTickEvery{100};
 
+constexpr std::chrono::minutes kLongGap{1};
+
+// Columns of the terminal that `fd` writes to, else $COLUMNS, else 80.
+std::size_t terminalColumns(int fd)
+{
+    winsize size{};
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    const char* columns = std::getenv("COLUMNS");
+    const long fromEnv = columns ? std::strtol(columns, nullptr, 10) : 0;
+    return fromEnv > 0 ? std::size_t(fromEnv) : 80;
+}
+
+bool utf8Terminal()
+{
+    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (value == nullptr || *value == '\0') continue;
+        std::string v(value);
+        for (char& ch : v) ch = char(std::tolower(static_cast<unsigned char>(ch)));
+        return v.find("utf-8") != std::string::npos || v.find("utf8") != std::string::npos;
+    }
+    return false;
+}
+
 const char* searchName(Command::Kind kind)
 {
     switch (kind) {
-    case Command::Kind::Events: return "event search";
+    case Command::Kind::Events:
+    case Command::Kind::Summary: return "event search";
     case Command::Kind::Metadata: return "metadata search";
     default: return "no-op search";
     }
@@ -41,12 +75,25 @@ public:
                         command.kind != Command::Kind::Noop,
                     command.start, command.end),
           // Only a terminal shared by both streams needs the progress line out of the way.
-          clearBeforeOutput_(isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
+          clearBeforeOutput_(isatty(STDOUT_FILENO) && isatty(STDERR_FILENO)),
+          // Whatever is drawn or summed afterwards needs the results kept.
+          keep_(!command.svgPath.empty() || command.timeline ||
+                command.kind == Command::Kind::Summary)
     {
+        if (command.spanGap) spans_.emplace(*command.spanGap);
     }
 
     int run()
     {
+        // Before anything is asked of the service: a picture that cannot be written is
+        // better known now than after a long search.
+        if (!command_.svgPath.empty()) {
+            svg_.open(command_.svgPath, std::ios::out | std::ios::trunc);
+            if (!svg_) {
+                throw CliError(ExitCode::Failure, "cannot write " + command_.svgPath + ": " +
+                                                      std::strerror(errno));
+            }
+        }
         service_.watchService();
         if (stops_.requested()) return int(ExitCode::Interrupted);
         const int32_t id = create();
@@ -56,6 +103,7 @@ public:
                                " (job id -1): two searches are already running");
         }
         const auto jobId = uint32_t(id);
+        jobId_ = jobId;
         service_.beginSearch(jobId);
         if (!command_.json && !command_.quiet) {
             std::cerr << searchName(command_.kind) << ' ' << jobId << " begun" << std::endl;
@@ -74,6 +122,8 @@ private:
         case Command::Kind::Events:
             return service_.createEventSearch(c.start, c.end, c.maxResults, c.flag1, c.flag2,
                                               c.startState);
+        case Command::Kind::Summary:
+            return service_.createEventSearch(c.start, c.end, -1, false, false, true);
         case Command::Kind::Metadata:
             return service_.createMetadataSearch(c.start, c.end, c.maxResults, c.xpath);
         default: return service_.createNoopSearch();
@@ -113,10 +163,65 @@ private:
     bool print(const SearchResult& result)
     {
         if (clearBeforeOutput_) progress_.clear();
-        printer_.result(result);
         ++results_;
+        last_ = result.time;
+        if (keep_ && result.kind != SearchResult::Kind::Metadata) kept_.push_back(result);
+        if (keep_ && result.kind == SearchResult::Kind::Metadata && !spans_) {
+            marks_.push_back(Span{result.time, result.time, 1});
+        }
+        if (spans_) {
+            if (auto closed = spans_->add(result.time)) printSpan(*closed);
+        } else if (command_.kind != Command::Kind::Summary) {
+            printer_.result(result);
+        }
         progress_.reached(result.time, results_);
         return printer_.good();
+    }
+
+    void printSpan(const Span& span)
+    {
+        printer_.span(jobId_, span);
+        if (keep_) marks_.push_back(span);
+    }
+
+    // What comes after the results: the last span, coverage, the pictures. Only what arrived
+    // up to `reached` is known.
+    void conclude(TimePoint reached)
+    {
+        if (spans_) {
+            if (auto open = spans_->finish()) printSpan(*open);
+        }
+        if (!keep_) return;
+        const Command& c = command_;
+        // Stopped by the limit: the service may say it reached the end, but nothing beyond
+        // the last result was looked at.
+        if (c.maxResults >= 0 && results_ >= std::size_t(c.maxResults)) {
+            reached = results_ > 0 ? last_ : c.start;
+        }
+        const Picture picture = c.kind == Command::Kind::Metadata
+                                    ? matchPicture(marks_, c.start, c.end, reached)
+                                    : eventPicture(kept_, c.start, c.end, reached);
+        if (c.kind == Command::Kind::Summary) {
+            const Micros size = c.bucket.count() > 0 ? c.bucket
+                                                     : defaultBucket(picture.to - picture.from);
+            printer_.coverage(coverage(picture, size), recordingGaps(picture, kLongGap));
+        }
+        if (c.timeline) {
+            const int fd = c.json ? STDERR_FILENO : STDOUT_FILENO;
+            std::ostream& out = c.json ? std::cerr : std::cout;
+            out << '\n';
+            drawTimeline(out, picture, terminalColumns(fd), utf8Terminal());
+            out << std::flush;
+        }
+        if (svg_.is_open()) {
+            const std::string title = c.kind == Command::Kind::Metadata
+                                          ? "Metadata matches: " + c.xpath
+                                          : "Recording and tracks on and off";
+            writeSvg(svg_, picture, title);
+            svg_.close();
+            if (!svg_) throw CliError(ExitCode::Failure, "cannot write " + c.svgPath);
+            if (!c.quiet) std::cerr << "picture written to " << c.svgPath << std::endl;
+        }
     }
 
     // signal 0: the search completed by itself, or someone else ended it.
@@ -124,12 +229,15 @@ private:
     {
         progress_.clear();
         if (signal == 0 && service_.searchState(jobId) == 0) {
-            // Ended elsewhere: there is no position left to ask for.
+            // Ended elsewhere: there is no position left to ask for; the last result is as
+            // far as anything is known.
+            conclude(results_ > 0 ? last_ : command_.start);
             if (command_.json || !command_.quiet) printer_.endedElsewhere(jobId, results_);
             return int(ExitCode::Ok);
         }
         const EndReply end = service_.endSearch(jobId);
         if (signal == SIGPIPE) return 128 + signal;  // nobody left to tell
+        conclude(end.reached);
         if (signal != 0 || command_.json || !command_.quiet) {
             printer_.searchEnded(jobId, end.reached, results_, signal != 0);
         }
@@ -143,7 +251,14 @@ private:
     ResultPrinter printer_;
     Progress progress_;
     bool clearBeforeOutput_;
+    bool keep_;
+    std::optional<SpanGrouper> spans_;
+    std::ofstream svg_;
+    uint32_t jobId_ = 0;
     std::size_t results_ = 0;
+    TimePoint last_;
+    std::vector<SearchResult> kept_;  // event results
+    std::vector<Span> marks_;         // metadata matches, or spans with --spans
 };
 
 int showState(const Command& c, ServiceConnection& service)
@@ -168,6 +283,10 @@ int endOther(const Command& c, ServiceConnection& service)
 
 int runCommand(const Command& command)
 {
+    if (command.showXPath) {
+        std::cout << command.xpath << std::endl;
+        return int(ExitCode::Ok);
+    }
     EventInbox inbox;
     StopSignals stops(inbox);  // before the bus loop's thread, which must inherit the mask
     ServiceConnection service(inbox);

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds what is missing, then runs the whole stack on a private bus: a generated sample
-# recording served by recording_store, recording_search, and two searches through recsearch.
+# recording served by recording_store, recording_search, and searches through recsearch.
 # Everything it starts is stopped again on the way out, also on Ctrl-C or a failure.
 #
-#   scripts/demo.sh             run the two searches and stop
+#   scripts/demo.sh             run the searches and stop
 #   scripts/demo.sh --keep      leave the stack running for your own recsearch calls, until Ctrl-C
 #   scripts/demo.sh --bin DIR   use the binaries in DIR (say build/asan/bin) instead of setting up
 #                               and building build/default
@@ -168,6 +168,15 @@ recsearch events "$from" "$events_to" --start-state
 say "Metadata search: frames with a person in them (first 10)"
 recsearch metadata "$from" "$meta_to" "$xpath" --max 10
 
+say "Appearances of a person: matches no more than 2 s apart as one line (first 10 minutes)"
+recsearch metadata "$from" "$meta_to" --class person --spans
+
+# Outside $tmp, which goes on the way out, so that it can be opened afterwards.
+svg=${TMPDIR:-/tmp}/recsearch-demo-coverage.svg
+say "Coverage of the hour per bucket, the gaps, and a picture of it"
+recsearch summary "$from" "$to" --timeline --svg "$svg"
+echo "The picture is in $svg (open it in a web browser)"
+
 if [ "$keep" -eq 0 ]; then
   say "Stopping"
   stop_all
@@ -181,6 +190,9 @@ export DBUS_SYSTEM_BUS_ADDRESS='$address'
 $bin/recsearch events $from $to --start-state
 $bin/recsearch metadata $from $meta_to '$xpath' --json
 $bin/recsearch events $to $from --max 5
+$bin/recsearch metadata $from $to --class vehicle --colour red --region 0,0,0.5,1 --spans
+$bin/recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpath
+$bin/recsearch summary $from $to --bucket 5m
 $bin/recsearch noop
 $bin/recsearch --help
 EOF

@@ -14,7 +14,7 @@ packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-d
 # saves their download and installation.
 [ "$build_preset" = programs ] ||
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 procps systemd sqlite3 clang
-             libclang-rt-14-dev)
+             libclang-rt-14-dev librsvg2-bin)
 
 missing=()
 for p in "${packages[@]}"; do

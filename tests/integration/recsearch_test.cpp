@@ -1,10 +1,13 @@
 // recsearch as a person or a script uses it: the real binaries on a bus of each test's own.
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -517,6 +520,146 @@ TEST(RecsearchUnreachable, NoBus)
 }
 
 // ---------------------------------------------------------------------------------------------
+// Appearances and coverage, checked against the plain results of the same recording.
+
+int64_t micros(const nlohmann::json& j, const std::string& prefix)
+{
+    const auto sec = j.at(prefix + "_sec").get<uint32_t>();
+    const auto usec = j.at(prefix + "_usec").get<uint32_t>();
+    EXPECT_EQ(isoSeconds(j.at(prefix)), std::make_pair(sec, usec)) << j;
+    return int64_t(sec) * 1000000 + usec;
+}
+
+std::vector<nlohmann::json> jsonOfKind(const std::string& out, const std::string& kind)
+{
+    std::vector<nlohmann::json> found;
+    for (const auto& line : lines(out)) {
+        auto j = nlohmann::json::parse(line);
+        if (j.at("kind") == kind) found.push_back(j);
+    }
+    return found;
+}
+
+TEST(RecsearchAppearances, EveryMatchLiesInExactlyOneSpanForwardAndBackward)
+{
+    rstest::ServiceStack stack(sampleStack());
+    const std::string from = std::to_string(kFrom), to = std::to_string(kFrom + 300);
+    // A likelihood near the threshold flickers from frame to frame: pauses of many lengths.
+    const std::vector<std::string> filter{"--class", "person", "--min-likelihood", "0.9", "--json"};
+    auto search = [&](const std::string& a, const std::string& b, const std::string& extra) {
+        std::vector<std::string> args{"metadata", a, b, extra};
+        args.insert(args.end(), filter.begin(), filter.end());
+        return recsearch(stack, args);
+    };
+    const auto plain = search(from, to, "--no-progress");
+    ASSERT_EQ(plain.status.code, 0) << describe(plain);
+    std::vector<int64_t> matches;
+    for (const auto& m : parseJson(plain.out).results) {
+        matches.push_back(int64_t(m.sec) * 1000000 + m.usec);
+    }
+    // The gap is the middle one of the pauses (longer than the 0.2 s between documents):
+    // some pauses are shorter, some longer, and one is exactly as long, which still belongs
+    // to one span.
+    std::vector<int64_t> pauses;
+    for (std::size_t i = 1; i < matches.size(); ++i) {
+        if (matches[i] - matches[i - 1] > 300000) pauses.push_back(matches[i] - matches[i - 1]);
+    }
+    ASSERT_GE(pauses.size(), 10u);
+    std::nth_element(pauses.begin(), pauses.begin() + pauses.size() / 2, pauses.end());
+    const int64_t gap = pauses[pauses.size() / 2];
+    char gapText[32];
+    std::snprintf(gapText, sizeof gapText, "--spans=%.6fs", double(gap) / 1e6);
+
+    for (bool forward : {true, false}) {
+        SCOPED_TRACE(forward ? "forward" : "backward");
+        const auto spanned = search(forward ? from : to, forward ? to : from, gapText);
+        ASSERT_EQ(spanned.status.code, 0) << describe(spanned);
+        const auto spans = jsonOfKind(spanned.out, "span");
+        ASSERT_GT(spans.size(), 1u);
+        EXPECT_EQ(jsonOfKind(spanned.out, "completed").at(0).at("results"), matches.size());
+        std::size_t total = 0;
+        for (std::size_t i = 0; i < spans.size(); ++i) {
+            const int64_t start = micros(spans[i], "start"), end = micros(spans[i], "end");
+            ASSERT_LE(start, end) << spans[i];
+            std::vector<int64_t> inside;
+            std::copy_if(matches.begin(), matches.end(), std::back_inserter(inside),
+                         [&](int64_t m) { return start <= m && m <= end; });
+            ASSERT_FALSE(inside.empty()) << spans[i];
+            EXPECT_EQ(spans[i].at("matches"), inside.size()) << spans[i];
+            EXPECT_EQ(inside.front(), start) << spans[i];
+            EXPECT_EQ(inside.back(), end) << spans[i];
+            for (std::size_t k = 1; k < inside.size(); ++k) {
+                EXPECT_LE(inside[k] - inside[k - 1], gap) << "a pause within " << spans[i];
+            }
+            total += inside.size();
+            if (i == 0) continue;
+            // In the order of the search, and more than the gap apart.
+            const int64_t before = forward ? micros(spans[i - 1], "end") : end;
+            const int64_t after = forward ? start : micros(spans[i - 1], "start");
+            EXPECT_GT(after - before, gap) << spans[i - 1] << " then " << spans[i];
+        }
+        EXPECT_EQ(total, matches.size()) << "a match outside every span, or in two";
+    }
+}
+
+TEST(RecsearchSummary, OnTimePerBucketAndGapsAreWhatTheEventsSay)
+{
+    rstest::ServiceStack stack(sampleStack());
+    const std::string from = std::to_string(kFrom), to = std::to_string(kTo);
+    const auto events = recsearch(stack, {"events", from, to, "--start-state", "--json"});
+    const auto summary = recsearch(stack, {"summary", from, to, "--bucket", "7m", "--json"});
+    ASSERT_EQ(events.status.code, 0) << describe(events);
+    ASSERT_EQ(summary.status.code, 0) << describe(summary);
+
+    // Each stream's changes in time order ("" is the recording); a change holds until the next.
+    std::map<std::string, std::vector<std::pair<int64_t, bool>>> changes;
+    for (const auto& e : parseJson(events.out).results) {
+        changes[e.trackName].emplace_back(int64_t(e.sec) * 1000000 + e.usec, e.state != 0);
+    }
+    const int64_t end = int64_t(kTo) * 1000000;
+    auto onWithin = [&](const std::string& stream, int64_t from, int64_t to) {
+        const auto& c = changes.at(stream);
+        int64_t on = 0;
+        for (std::size_t i = 0; i < c.size(); ++i) {
+            const int64_t until = i + 1 < c.size() ? c[i + 1].first : end;
+            if (!c[i].second) continue;
+            on += std::max<int64_t>(0, std::min(until, to) - std::max(c[i].first, from));
+        }
+        return double(on) / 1e6;
+    };
+
+    const auto buckets = jsonOfKind(summary.out, "bucket");
+    ASSERT_EQ(buckets.size(), 9u) << summary.out;  // 60 minutes in 7-minute buckets
+    int64_t covered = int64_t(kFrom) * 1000000;
+    for (const auto& b : buckets) {
+        EXPECT_EQ(micros(b, "start"), covered) << b;
+        covered = micros(b, "end");
+        EXPECT_NEAR(b.at("recording_on_s").get<double>(), onWithin("", micros(b, "start"), covered),
+                    1e-6) << b;
+        EXPECT_EQ(b.at("tracks").size(), changes.size() - 1) << b;
+        for (const auto& [track, seconds] : b.at("tracks").items()) {
+            EXPECT_NEAR(seconds.get<double>(), onWithin(track, micros(b, "start"), covered), 1e-6)
+                << track << " in " << b;
+        }
+    }
+    EXPECT_EQ(covered, end);
+
+    std::vector<std::pair<int64_t, int64_t>> expectedGaps, gaps;
+    const auto& recording = changes.at("");
+    for (std::size_t i = 0; i < recording.size(); ++i) {
+        const int64_t until = i + 1 < recording.size() ? recording[i + 1].first : end;
+        if (!recording[i].second && until - recording[i].first > 60000000) {
+            expectedGaps.emplace_back(recording[i].first, until);
+        }
+    }
+    for (const auto& g : jsonOfKind(summary.out, "gap")) {
+        gaps.emplace_back(micros(g, "start"), micros(g, "end"));
+    }
+    EXPECT_FALSE(expectedGaps.empty()) << "the sample should have a gap to find";
+    EXPECT_EQ(gaps, expectedGaps);
+}
+
+// ---------------------------------------------------------------------------------------------
 // The command line itself; no bus needed.
 
 class RecsearchUsage : public testing::TestWithParam<std::vector<std::string>> {};
@@ -538,8 +681,30 @@ INSTANTIATE_TEST_SUITE_P(
                     std::vector<std::string>{"events", "1704067200", "4294967296"},
                     std::vector<std::string>{"events", "1", "2", "--max", "-3"},
                     std::vector<std::string>{"metadata", "1", "2"},
+                    std::vector<std::string>{"summary", "1", "1"},
+                    std::vector<std::string>{"summary", "1", "2", "--bucket", "0"},
                     std::vector<std::string>{"state", "-1"},
                     std::vector<std::string>{"end", "x"}));
+
+TEST(RecsearchUsage, BadFilterValuesNameTheirOptionBeforeAnythingIsSent)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+        {{"--min-likelihood", "1.5"}, "--min-likelihood"},
+        {{"--region", "0.5,0,0.2,1"}, "--region"},
+        {{"--region", "0,0,1"}, "--region"},
+        {{"--class", "Per\"son"}, "--class"},
+        {{"--colour", "o'range"}, "--colour"},
+        {{"--spans=soon", "--class", "Person"}, "--spans"},
+    };
+    for (const auto& [extra, option] : cases) {
+        std::vector<std::string> args{"metadata", "1704067200", "1704070800"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        const auto r = rstest::runToEnd(
+            bin("recsearch"), args, {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
+        EXPECT_EQ(r.status.code, 2) << describe(r);
+        EXPECT_NE(r.err.find(option), std::string::npos) << describe(r);
+    }
+}
 
 class RecsearchHelp : public testing::TestWithParam<std::string> {};
 
@@ -557,6 +722,7 @@ TEST_P(RecsearchHelp, EverySubcommandHasHelpWithAnExample)
 }
 
 INSTANTIATE_TEST_SUITE_P(Subcommands, RecsearchHelp,
-                         testing::Values("", "events", "metadata", "noop", "state", "end"));
+                         testing::Values("", "events", "metadata", "summary", "noop", "state",
+                                         "end"));
 
 }  // namespace

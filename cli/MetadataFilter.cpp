@@ -1,0 +1,127 @@
+#include "MetadataFilter.h"
+
+#include <regex>
+#include <sstream>
+
+namespace recsearch {
+
+namespace {
+
+// What XPath 1.0 reads as a number literal: no exponent, no plus sign.
+bool plainDecimal(const std::string& text, bool negativeAllowed)
+{
+    static const std::regex decimal(R"(-?([0-9]+(\.[0-9]*)?|\.[0-9]+))");
+    return std::regex_match(text, decimal) && (negativeAllowed || text[0] != '-');
+}
+
+std::string lowerAscii(std::string text)
+{
+    for (char& c : text) {
+        if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+    }
+    return text;
+}
+
+// Only the name's own letters need folding: any other capital in the value makes it differ
+// from the name either way. That keeps the expression short enough to read.
+std::string nameIs(const std::string& node, const std::string& name)
+{
+    const std::string lower = lowerAscii(name);
+    std::string from, to;
+    for (char c : lower) {
+        if (c >= 'a' && c <= 'z' && to.find(c) == std::string::npos) {
+            from += char(c - 'a' + 'A');
+            to += c;
+        }
+    }
+    if (from.empty()) return node + "=\"" + lower + "\"";
+    return "translate(" + node + ",\"" + from + "\",\"" + to + "\")=\"" + lower + "\"";
+}
+
+std::string joined(const std::vector<std::string>& parts, const std::string& with)
+{
+    std::string out;
+    for (const auto& part : parts) out += (out.empty() ? "" : with) + part;
+    return out;
+}
+
+std::vector<std::string> splitCommas(const std::string& text)
+{
+    std::vector<std::string> parts;
+    std::stringstream in(text);
+    for (std::string part; std::getline(in, part, ',');) parts.push_back(part);
+    if (!text.empty() && text.back() == ',') parts.emplace_back();
+    return parts;
+}
+
+}  // namespace
+
+std::string checkName(const std::string& name)
+{
+    if (name.empty()) return "a name must not be empty";
+    for (unsigned char c : name) {
+        if (c == '"' || c == '\'') return "a name must not contain quotes";
+        if (c < 0x20 || c == 0x7f) return "a name must not contain control characters";
+    }
+    return "";
+}
+
+std::string checkLikelihood(const std::string& text)
+{
+    if (!plainDecimal(text, false) || std::stod(text) > 1) {
+        return text + " is not a likelihood from 0 to 1 (for example 0.8)";
+    }
+    return "";
+}
+
+std::string checkRegion(const std::string& text)
+{
+    const auto parts = splitCommas(text);
+    const char* form = " is not LEFT,TOP,RIGHT,BOTTOM (for example 0,0,0.5,1)";
+    if (parts.size() != 4) return text + form;
+    for (const auto& part : parts) {
+        if (!plainDecimal(part, true)) return text + form;
+    }
+    if (std::stod(parts[0]) >= std::stod(parts[2])) return text + ": LEFT must be below RIGHT";
+    if (std::stod(parts[1]) >= std::stod(parts[3])) return text + ": TOP must be below BOTTOM";
+    return "";
+}
+
+Region parseRegion(const std::string& text)
+{
+    const auto parts = splitCommas(text);
+    return Region{parts.at(0), parts.at(1), parts.at(2), parts.at(3)};
+}
+
+std::string filterXPath(const MetadataFilter& filter, const std::string& xpath)
+{
+    std::vector<std::string> type;
+    if (!filter.classes.empty()) {
+        std::vector<std::string> any;
+        for (const auto& name : filter.classes) any.push_back(nameIs(".", name));
+        type.push_back(any.size() == 1 ? any[0] : "(" + joined(any, " or ") + ")");
+    }
+    if (!filter.minLikelihood.empty()) type.push_back("@Likelihood>=" + filter.minLikelihood);
+
+    std::vector<std::string> object;
+    if (!type.empty()) object.push_back("Appearance/Class/Type[" + joined(type, " and ") + "]");
+    if (!filter.colour.empty()) {
+        object.push_back("Appearance/Color/ColorCluster[" + nameIs("@Name", filter.colour) + "]");
+    }
+    if (const auto& r = filter.region) {
+        // A box that only touches the region's edge does not overlap it.
+        object.push_back("Appearance/Shape/BoundingBox[@left<" + r->right + " and @right>" +
+                         r->left + " and @top<" + r->bottom + " and @bottom>" + r->top + "]");
+    }
+
+    std::vector<std::string> all;
+    if (!xpath.empty()) all.push_back(filter.empty() ? xpath : "(" + xpath + ")");
+    if (!object.empty()) all.push_back("//Object[" + joined(object, " and ") + "]");
+    if (filter.motion) {
+        all.push_back("//NotificationMessage[@Topic=\"VideoSource/MotionAlarm\" and "
+                      "Data/SimpleItem[@Name=\"State\" and @Value=\"true\"]]");
+    }
+    return joined(all, " and ");
+}
+
+}  // namespace recsearch

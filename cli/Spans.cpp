@@ -1,0 +1,32 @@
+#include "Spans.h"
+
+namespace recsearch {
+
+Micros sinceEpoch(TimePoint t) { return std::chrono::seconds(t.sec) + Micros(t.usec); }
+
+TimePoint timePointAt(Micros sinceEpoch)
+{
+    const auto sec = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+    return TimePoint{uint32_t(sec.count()), uint32_t((sinceEpoch - sec).count())};
+}
+
+std::optional<Span> SpanGrouper::add(TimePoint match)
+{
+    std::optional<Span> closed;
+    if (open_ && std::chrono::abs(sinceEpoch(match) - sinceEpoch(last_)) > gap_) closed = finish();
+    if (!open_) open_ = Span{match, match, 0};
+    if (earlier(match, open_->start)) open_->start = match;
+    if (earlier(open_->end, match)) open_->end = match;
+    ++open_->matches;
+    last_ = match;
+    return closed;
+}
+
+std::optional<Span> SpanGrouper::finish()
+{
+    std::optional<Span> span;
+    span.swap(open_);
+    return span;
+}
+
+}  // namespace recsearch
