@@ -16,8 +16,13 @@ class TargetEventSink;
 // The target that the recording_search service implements. The framework calls the request
 // operations on its request threads, several at once, while a runner serves the target. The
 // event senders may be called from any one thread; they hand the event to the bus and return
-// without waiting for it to leave. A sender throws kavro::core::KavroApiException once the bus
-// connection is lost, so that the caller's loop ends.
+// without waiting for it to leave.
+//
+// Losing the bus: a sender throws kavro::core::KavroApiException (KAVRO_STATUS_BUS_LOST) once
+// the bus connection is lost, so that the caller's loop ends. A loop that waits for its next
+// event would not notice, so the runner, which logs the loss once, then calls
+// createNoopSearch: a target must answer it by emitting one event through a sender (a no-op
+// search completes at once), and that send throws.
 class KavroApiRecordingSearchTargetImplBase {
 public:
     explicit KavroApiRecordingSearchTargetImplBase(void* logCookie);
