@@ -362,11 +362,17 @@ void RecordingSearchTargetImpl::endAllSearchJobs()
 
 // ---- event queue and dispatch ----
 
+// The loop waits only on an empty queue, so only the first record of a batch wakes it; the
+// notify comes after the unlock, so that the loop does not wake into a mutex still held.
 void RecordingSearchTargetImpl::queueEventData(RecordingSearchEventData& data)
 {
-    boost::lock_guard<boost::mutex> lock(eventQueueMutex);
-    eventQueue.push_back(data);
-    eventAvailable.notify_one();
+    bool wasEmpty = false;
+    {
+        boost::lock_guard<boost::mutex> lock(eventQueueMutex);
+        wasEmpty = eventQueue.empty();
+        eventQueue.push_back(data);
+    }
+    if (wasEmpty) eventAvailable.notify_one();
 }
 
 // Each wake-up takes every record queued so far and sends them in order: a walk step that
