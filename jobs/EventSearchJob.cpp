@@ -72,19 +72,13 @@ void EventSearchJob::performTimelineSearch(void* informationHandle, void* dataAc
     }
     _startAtFirstEvent(dataAccessHandle);
 
-    while (getSearchState() != Completed) {
-        std::vector<EventProperty> properties;
-        try {
-            properties = _getNextEvents(dataAccessHandle);
-        } catch (const EndOfSearchException&) {
-            kavro_core_logging_log(logCookie, 7, "Successful completion of search range");
-            currentTime = requestedEnd;
-            break;
-        }
-        _queueProperties(properties);
-        if (getSearchState() == Completed) break;
-        TimelineStep::pause();
-    }
+    // One list serves every step, so that a step reuses the room of the one before.
+    std::vector<EventProperty> properties;
+    _walk(
+        "Successful completion of search range",
+        [&] { _getNextEvents(dataAccessHandle, properties); },
+        [&] { _queueProperties(properties); },
+        [&] { return getSearchState() == Completed; });
 
     if (includeStartStateEvents && !forward) {
         _findStateEventsAt(informationHandle, rangeStart.sec, rangeStart.usec);
@@ -104,7 +98,7 @@ void EventSearchJob::_startAtFirstEvent(void* dataAccessHandle)
                                status);
         return;
     }
-    if (_earlier(sec, usec, rangeStart.sec, rangeStart.usec)) return;
+    if (SearchTime{sec, usec} < rangeStart) return;
     kavro_core_logging_log(logCookie, 5,
                            "First recording event %d.%06d is after our search start %d.%06d.", sec,
                            usec, rangeStart.sec, rangeStart.usec);
@@ -116,11 +110,12 @@ void EventSearchJob::_startAtFirstEvent(void* dataAccessHandle)
     }
 }
 
-std::vector<EventProperty> EventSearchJob::_getNextEvents(void* dataAccessHandle)
+void EventSearchJob::_getNextEvents(void* dataAccessHandle,
+                                    std::vector<EventProperty>& properties)
 {
+    properties.clear();
     step.enter(_inRange(searchPoint.sec, searchPoint.usec), searchPoint, rangeStart, rangeEnd);
 
-    std::vector<EventProperty> properties;
     NeighbourTimes times;
     char** names = nullptr;
     unsigned int** keys = nullptr;
@@ -146,7 +141,6 @@ std::vector<EventProperty> EventSearchJob::_getNextEvents(void* dataAccessHandle
     if (verdict.accepted) _takeProperties(names, keys, values, properties);
     // The properties of an answer whose times are out of order are dropped unreported.
     if (!verdict.linear) throw EndOfSearchException();
-    return properties;
 }
 
 void EventSearchJob::_takeProperties(char** names, unsigned int** keys, unsigned int** values,

@@ -37,7 +37,9 @@ public:
     const std::set<std::string>& getAllTracks() const { return allTracks; }
 
 protected:
-    std::vector<EventProperty> _getNextEvents(void* dataAccessHandle);
+    // One step: replaces the contents of properties with what the answer at searchPoint
+    // yields; throws EndOfSearchException to end the walk.
+    void _getNextEvents(void* dataAccessHandle, std::vector<EventProperty>& properties);
     void _findStateEventsAt(void* informationHandle, unsigned int sec, unsigned int usec);
     // Appends the properties of one answer while the result limit allows, counting each.
     void _takeProperties(char** names, unsigned int** keys, unsigned int** values,

@@ -1,5 +1,7 @@
 #include "jobs/MetadataSearchJob.h"
 
+#include <string_view>
+
 #include "jobs/EndOfSearchException.h"
 #include "jobs/InitiatorResults.h"
 #include "jobs/XPathMatcher.h"
@@ -16,6 +18,9 @@ const TimelineStep::Texts kMetadataStepTexts{
     6,
     NextPresence::NotZeroTime,
 };
+
+// A successful answer without a text is taken as an empty document: one that does not parse.
+std::string_view textOf(const OwnedText& text) { return text ? text.get() : ""; }
 
 }  // namespace
 
@@ -44,18 +49,16 @@ void MetadataSearchJob::performTimelineSearch(void* informationHandle, void* dat
     {
         // An expression that does not compile is accepted: the walk then matches nothing.
         XPathMatcher matcher(xpath);
-        while (getSearchState() != Completed) {
-            std::optional<std::string> document;
-            try {
-                document = _getNextMetadataDoc(dataAccessHandle);
-            } catch (const EndOfSearchException&) {
-                kavro_core_logging_log(logCookie, 7, "Finished searching search range");
-                currentTime = requestedEnd;
-                break;
-            }
-            if (document && matcher.matches(*document)) _queueResult();
-            TimelineStep::pause();
-        }
+        std::optional<OwnedText> document;
+        _walk(
+            "Finished searching search range",
+            [&] { document = _getNextMetadataDoc(dataAccessHandle); },
+            [&] {
+                if (document && matcher.matches(textOf(*document))) _queueResult();
+                // Released before the next fetch, so that a walk holds one text at most.
+                document.reset();
+            },
+            [] { return false; });
     }
     kavro_core_logging_log(logCookie, 6, "Metadata Search %d completed work", jobId);
 }
@@ -78,14 +81,14 @@ void MetadataSearchJob::_narrowToMetadataTrack(void* informationHandle)
                                status);
         return;
     }
-    if (_earlier(rangeStart.sec, rangeStart.usec, startSec, startUsec)) {
+    if (rangeStart < SearchTime{startSec, startUsec}) {
         kavro_core_logging_log(
             logCookie, 5,
             "Adjusting our search start %d.%06d to the start of the metadata track %d.%06d",
             rangeStart.sec, rangeStart.usec, startSec, startUsec);
         rangeStart = SearchTime{startSec, startUsec};
     }
-    if (_earlier(endSec, endUsec, rangeEnd.sec, rangeEnd.usec)) {
+    if (SearchTime{endSec, endUsec} < rangeEnd) {
         kavro_core_logging_log(
             logCookie, 5,
             "Adjusting our search end %d.%06d to the end of the metadata track %d.%06d",
@@ -94,7 +97,7 @@ void MetadataSearchJob::_narrowToMetadataTrack(void* informationHandle)
     }
 }
 
-std::optional<std::string> MetadataSearchJob::_getNextMetadataDoc(void* dataAccessHandle)
+std::optional<OwnedText> MetadataSearchJob::_getNextMetadataDoc(void* dataAccessHandle)
 {
     step.enter(_inRange(searchPoint.sec, searchPoint.usec), searchPoint, rangeStart, rangeEnd);
 
@@ -114,12 +117,11 @@ std::optional<std::string> MetadataSearchJob::_getNextMetadataDoc(void* dataAcce
 
     const StepVerdict verdict = step.apply(times, _inRange(times.cur.sec, times.cur.usec), forward,
                                            currentTime, searchPoint);
-    std::optional<std::string> document;
-    // A successful answer without a text is taken as an empty document: one that does not parse.
-    if (verdict.accepted) document.emplace(text != nullptr ? text : "");
     // An answer whose times are out of order ends the walk unevaluated.
     if (!verdict.linear) throw EndOfSearchException();
-    return document;
+    // The text is handed on rather than copied: documents can be large, and one comes every step.
+    if (!verdict.accepted) return std::nullopt;
+    return ownedText;
 }
 
 void MetadataSearchJob::_queueResult()

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "jobs/InitiatorResults.h"
 #include "jobs/TimelineSearchJob.h"
 #include "jobs/TimelineStep.h"
 
@@ -23,8 +24,9 @@ public:
     const std::string& getXpath() const { return xpath; }
 
 protected:
-    // The document text of an answer in range (possibly empty), or nothing for a skipped one.
-    std::optional<std::string> _getNextMetadataDoc(void* dataAccessHandle);
+    // The document text of an answer in range (null when the service sent none), or nothing
+    // for a skipped one.
+    std::optional<OwnedText> _getNextMetadataDoc(void* dataAccessHandle);
 
 private:
     void _narrowToMetadataTrack(void* informationHandle);

@@ -13,6 +13,12 @@ struct SearchTime {
         return sec == other.sec && usec == other.usec;
     }
     bool operator!=(const SearchTime& other) const { return !(*this == other); }
+    // Seconds first, then microseconds; equal times are not earlier.
+    bool operator<(const SearchTime& other) const
+    {
+        return sec < other.sec || (sec == other.sec && usec < other.usec);
+    }
+    bool operator<=(const SearchTime& other) const { return !(other < *this); }
 };
 
 // A SearchTime that one thread writes while another reads it. Both halves live in one

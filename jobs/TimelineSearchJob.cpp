@@ -1,14 +1,11 @@
 #include "jobs/TimelineSearchJob.h"
 
+#include <algorithm>
+
 #include "kavro/core.h"
 #include "kavro/recording_initiators.h"
 
 namespace {
-
-bool earlier(SearchTime a, SearchTime b)
-{
-    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
-}
 
 // Releases the walk's two initiator handles however the walk ends, data access first.
 class WalkHandles {
@@ -40,11 +37,9 @@ TimelineSearchJob::TimelineSearchJob(unsigned int jobId, void* logCookie,
                                      unsigned int endUsec, int maxResults)
     : SearchJob(jobId, logCookie, target, maxResults),
       requestedEnd{endSec, endUsec},
-      rangeStart(earlier(requestedEnd, {startSec, startUsec}) ? requestedEnd
-                                                              : SearchTime{startSec, startUsec}),
-      rangeEnd(earlier(requestedEnd, {startSec, startUsec}) ? SearchTime{startSec, startUsec}
-                                                            : requestedEnd),
-      forward(!earlier(requestedEnd, {startSec, startUsec}))
+      rangeStart(std::min(SearchTime{startSec, startUsec}, requestedEnd)),
+      rangeEnd(std::max(requestedEnd, SearchTime{startSec, startUsec})),
+      forward(!(requestedEnd < SearchTime{startSec, startUsec}))
 {
     _resetStartingTimes();
     const SearchTime current = currentTime.load();
@@ -85,7 +80,7 @@ bool TimelineSearchJob::_narrowToRecording(void* informationHandle)
                                jobId, status);
         return false;
     }
-    if (earlier(rangeStart, recordingStart)) {
+    if (rangeStart < recordingStart) {
         kavro_core_logging_log(logCookie, 5,
                                "Adjusting our search start %d.%06d to the start of the "
                                "recording %d.%06d",
@@ -93,7 +88,7 @@ bool TimelineSearchJob::_narrowToRecording(void* informationHandle)
                                recordingStart.usec);
         rangeStart = recordingStart;
     }
-    if (earlier(recordingEnd, rangeEnd)) {
+    if (recordingEnd < rangeEnd) {
         kavro_core_logging_log(logCookie, 5,
                                "Adjusting our search end %d.%06d to the end of the recording "
                                "%d.%06d",
@@ -118,17 +113,11 @@ void TimelineSearchJob::_resetStartingTimes()
     searchPoint = start;
 }
 
-bool TimelineSearchJob::_earlier(unsigned int sec1, unsigned int usec1, unsigned int sec2,
-                                 unsigned int usec2) const
-{
-    return earlier({sec1, usec1}, {sec2, usec2});
-}
-
 bool TimelineSearchJob::_inRange(unsigned int sec, unsigned int usec) const
 {
     if (!SearchJob::_inRange()) {
         return false;
     }
     const SearchTime time{sec, usec};
-    return !earlier(time, rangeStart) && !earlier(rangeEnd, time);
+    return rangeStart <= time && time <= rangeEnd;
 }

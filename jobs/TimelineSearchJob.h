@@ -1,7 +1,10 @@
 #pragma once
 
+#include "jobs/EndOfSearchException.h"
 #include "jobs/SearchJob.h"
 #include "jobs/SearchTime.h"
+#include "jobs/TimelineStep.h"
+#include "kavro/core.h"
 
 // A search that walks the recorded timeline between two inclusive bounds, forward or backward.
 // The constructor runs on a request thread; performSearch and the whole walk run on the job's
@@ -24,9 +27,33 @@ public:
 protected:
     void _resetStartingTimes();
     bool _earlier(unsigned int sec1, unsigned int usec1, unsigned int sec2,
-                  unsigned int usec2) const;
+                  unsigned int usec2) const
+    {
+        return SearchTime{sec1, usec1} < SearchTime{sec2, usec2};
+    }
     using SearchJob::_inRange;
     bool _inRange(unsigned int sec, unsigned int usec) const;
+
+    // The loop of both searches. It asks the state before every step and stops once the job
+    // is Completed. fetch() ends the walk normally by throwing EndOfSearchException:
+    // finishedText is logged at 7 and currentTime becomes requestedEnd. Otherwise take() uses
+    // what fetch() found, and endsBeforePause() may stop the walk before the pause.
+    template <typename Fetch, typename Take, typename EndsBeforePause>
+    void _walk(const char* finishedText, Fetch fetch, Take take, EndsBeforePause endsBeforePause)
+    {
+        while (getSearchState() != Completed) {
+            try {
+                fetch();
+            } catch (const EndOfSearchException&) {
+                kavro_core_logging_log(logCookie, 7, "%s", finishedText);
+                currentTime = requestedEnd;
+                return;
+            }
+            take();
+            if (endsBeforePause()) return;
+            TimelineStep::pause();
+        }
+    }
 
     const SearchTime requestedEnd;
     SearchTime rangeStart;

@@ -5,17 +5,6 @@
 
 #include "jobs/EndOfSearchException.h"
 
-namespace {
-
-bool earlier(const SearchTime& a, const SearchTime& b)
-{
-    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
-}
-
-bool isZero(const SearchTime& time) { return time.sec == 0 && time.usec == 0; }
-
-}  // namespace
-
 void TimelineStep::enter(bool pointInRange, const SearchTime& point,
                          const SearchTime& rangeStart, const SearchTime& rangeEnd) const
 {
@@ -67,7 +56,7 @@ void TimelineStep::clearEqualNeighbours(NeighbourTimes& times) const
 bool TimelineStep::nextPresent(const SearchTime& next) const
 {
     if (texts_.nextPresence == NextPresence::HalvesSumNonZero) return next.sec + next.usec != 0u;
-    return !isZero(next);
+    return next != SearchTime{};
 }
 
 bool TimelineStep::isLinear(const NeighbourTimes& times, const SearchTime& requested) const
@@ -75,7 +64,7 @@ bool TimelineStep::isLinear(const NeighbourTimes& times, const SearchTime& reque
     // Both checks always run, so that a bad answer shows every way in which it is bad.
     const bool hasNext = nextPresent(times.next);
     bool linear = true;
-    if (!earlier(times.prev, requested) || (hasNext && !earlier(requested, times.next))) {
+    if (!(times.prev < requested) || (hasNext && !(requested < times.next))) {
         kavro_core_logging_log(
             logCookie_, 3,
             "Returned times were not linear. %d.%06d (prev) < %d.%06d (requested) < %d.%06d (next)",
@@ -83,7 +72,7 @@ bool TimelineStep::isLinear(const NeighbourTimes& times, const SearchTime& reque
             times.next.usec);
         linear = false;
     }
-    if (!earlier(times.prev, times.cur) || (hasNext && !earlier(times.cur, times.next))) {
+    if (!(times.prev < times.cur) || (hasNext && !(times.cur < times.next))) {
         kavro_core_logging_log(
             logCookie_, 3,
             "Returned times were not linear. %d.%06d (prev) < %d.%06d (cur) < %d.%06d (next)",

@@ -63,7 +63,7 @@ XPathMatcher::~XPathMatcher()
     xmlXPathFreeContext(context_);
 }
 
-bool XPathMatcher::matches(const std::string& document)
+bool XPathMatcher::matches(std::string_view document)
 {
     // Without an expression nothing can match; there is no need to parse.
     if (expression_ == nullptr) return false;
@@ -82,7 +82,7 @@ bool XPathMatcher::matches(const std::string& document)
     return result == 1;
 }
 
-xmlDocPtr XPathMatcher::parse(const std::string& document)
+xmlDocPtr XPathMatcher::parse(std::string_view document)
 {
     if (document.empty() || document.size() > kMaxDocumentBytes) return nullptr;
     if (xmlDictSize(parser_->dict) > kMaxDictionaryEntries) renewParser();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
@@ -19,13 +20,13 @@ public:
     // True only when the expression's boolean value is true. A document that does not parse,
     // is too large or carries a DTD is evaluated without a document, so it matches only an
     // expression that is true without one (such as "true()").
-    bool matches(const std::string& document);
+    bool matches(std::string_view document);
 
     XPathMatcher(const XPathMatcher&) = delete;
     XPathMatcher& operator=(const XPathMatcher&) = delete;
 
 private:
-    xmlDocPtr parse(const std::string& document);
+    xmlDocPtr parse(std::string_view document);
     void renewParser();
 
     xmlXPathContextPtr context_ = nullptr;
