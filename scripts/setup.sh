@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-default}
 
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
-          libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
+          libboost-system-dev libboost-filesystem-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
           libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev dbus-daemon dbus-bin
           libcli11-dev nlohmann-json3-dev python3 procps systemd sqlite3 clang
           libclang-rt-14-dev)

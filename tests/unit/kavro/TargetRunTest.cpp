@@ -297,30 +297,6 @@ TEST_F(TargetRun, SecondRunnerForTheSameNameThrows)
     EXPECT_TRUE(client_.getSearchState(1).ok());
 }
 
-TEST_F(TargetRun, IntrospectionShowsTheInterface)
-{
-    auto connection = kavro::bus::connectToBus();
-    auto proxy = sdbus::createProxy(*connection, kavro::bus::busName(kService),
-                                    kavro::bus::objectPath(kService));
-    std::string xml;
-    proxy->callMethod("Introspect").onInterface("org.freedesktop.DBus.Introspectable").storeResultsTo(xml);
-    for (const char* name : {"interface name=\"kavro.recording_search\"", "CreateEventSearch",
-                             "CreateMetadataSearch", "CreateNoopSearch", "BeginSearch",
-                             "GetSearchState", "EndSearch", "SearchCompleted", "MetadataSearchResult",
-                             "TrackStateEventSearchResult", "RecordingStateEventSearchResult"}) {
-        EXPECT_NE(xml.find(name), std::string::npos) << name;
-    }
-}
-
-TEST(TargetSenders, WithoutRunnerReturnFailureAndDoNotCrash)
-{
-    TestTarget target;
-    EXPECT_NE(target.sendEventSearchCompleted(1), KAVRO_STATUS_OK);
-    EXPECT_NE(target.sendEventMetadataSearchResult(1, 2, 3), KAVRO_STATUS_OK);
-    EXPECT_NE(target.sendEventTrackStateEventSearchResult(1, 2, 3, "T", 1, 1), KAVRO_STATUS_OK);
-    EXPECT_NE(target.sendEventRecordingStateEventSearchResult(1, 2, 3, 1, 1), KAVRO_STATUS_OK);
-}
-
 // Tests create a runner each; the next one must find the name free at once.
 TEST(TargetRunLifetime, NameIsFreeAgainAsSoonAsTheRunnerIsGone)
 {
@@ -332,12 +308,6 @@ TEST(TargetRunLifetime, NameIsFreeAgainAsSoonAsTheRunnerIsGone)
             FAIL() << "round " << i << ": " << e.what();
         }
     }
-}
-
-TEST(TargetRunLifetime, IsRunnableStaysTrue)
-{
-    TestTarget target;
-    EXPECT_TRUE(target.isRunnable());
 }
 
 TEST(TargetRunLifetime, NoBusMakesTheRunnerThrow)
