@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <map>
+
 #include <algorithm>
 #include <array>
 #include <condition_variable>
@@ -53,14 +55,24 @@ public:
         notifyPath = dir + "/notify";
         notify.open();
         notify.bind(asio::local::datagram_protocol::endpoint(notifyPath));
-        bp::environment childEnv = boost::this_process::environment();
-        for (const auto& [k, v] : env) childEnv[k] = v;
-        childEnv["NOTIFY_SOCKET"] = notifyPath;
-        const auto exe = binary.find('/') == std::string::npos ? bp::search_path(binary)
-                                                               : boost::filesystem::path(binary);
+        // The test's environment with ours on top. Built by hand: Boost 1.74's environment
+        // lookup reads past the end of shorter entries.
+        std::map<std::string, std::string> merged;
+        for (char** e = environ; *e != nullptr; ++e) {
+            const std::string entry(*e);
+            merged.emplace(entry.substr(0, entry.find('=')), entry.substr(entry.find('=') + 1));
+        }
+        for (const auto& [k, v] : env) merged[k] = v;
+        merged["NOTIFY_SOCKET"] = notifyPath;
+        std::vector<std::string> entries;
+        for (const auto& [k, v] : merged) entries.push_back(k + "=" + v);
+        std::vector<char*> envp;
+        for (auto& entry : entries) envp.push_back(entry.data());
+        envp.push_back(nullptr);
         try {
-            child = bp::child(exe, bp::args = args, childEnv, bp::std_in < bp::null,
+            child = bp::child(bp::exe = binary, bp::args = args, bp::std_in < bp::null,
                               bp::std_out > out.pipe, bp::std_err > err.pipe,
+                              bp::extend::on_setup = [&envp](auto& exec) { exec.env = envp.data(); },
                               bp::extend::on_exec_setup = [](auto&) {
                                   // Dies with the test; default signal handling, as systemd gives.
                                   prctl(PR_SET_PDEATHSIG, SIGKILL);
