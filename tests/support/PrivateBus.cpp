@@ -37,7 +37,7 @@ PrivateBus::PrivateBus(const std::string& policy) : dir_(makeTempDir("rs-bus"))
                           << "<listen>unix:path=" << socket << "</listen><auth>EXTERNAL</auth>"
                           << policy << "</busconfig>\n";
     daemon_ = std::make_unique<ProcessRunner>(
-        "dbus-daemon", std::vector<std::string>{"--nofork", "--print-address=1",
+        "/usr/bin/dbus-daemon", std::vector<std::string>{"--nofork", "--print-address=1",
                                                 "--config-file=" + config});
     daemon_->start();
     if (!daemon_->waitForStdout("\n", std::chrono::seconds(10))) {

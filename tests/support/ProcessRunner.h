@@ -19,9 +19,9 @@ struct ExitStatus {
     int termSignal = 0;
 };
 
-// The child gets the test's environment plus `env` (which wins), stdin from /dev/null, and
-// dies with the thread that started it (PR_SET_PDEATHSIG). Reader threads collect its output
-// and notifications; every member may be called from any thread. The destructor kills a child
+// `binary` is a path. The child gets the test's environment plus `env` (which wins), stdin from
+// /dev/null, and dies with the thread that started it (PR_SET_PDEATHSIG). An I/O thread
+// collects its output and notifications; every member may be called from any thread. The destructor kills a child
 // that is still running.
 class ProcessRunner {
 public:

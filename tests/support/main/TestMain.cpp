@@ -2,7 +2,6 @@
 #include <signal.h>
 #include <stdlib.h>
 
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -17,9 +16,7 @@ int main(int argc, char** argv)
 {
     signal(SIGPIPE, SIG_IGN);
     testing::InitGoogleMock(&argc, argv);
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--gtest_list_tests") == 0) return RUN_ALL_TESTS();
-    }
+    if (GTEST_FLAG_GET(list_tests)) return RUN_ALL_TESTS();
     std::string logDir;
     std::unique_ptr<rstest::PrivateBus> bus;
     try {
