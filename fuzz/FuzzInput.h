@@ -33,14 +33,6 @@ public:
         return s;
     }
 
-    // Everything not read yet.
-    std::string rest()
-    {
-        std::string s(reinterpret_cast<const char*>(data_ + pos_), exhausted() ? 0 : size_ - pos_);
-        pos_ = size_;
-        return s;
-    }
-
 private:
     const uint8_t* data_;
     size_t size_;

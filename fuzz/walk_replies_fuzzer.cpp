@@ -6,38 +6,25 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <deque>
 #include <string>
+#include <thread>
 
 #include <boost/pointer_cast.hpp>
-#include <boost/thread/lock_guard.hpp>
 
 #include "FuzzInput.h"
 #include "ReplayedRecordingServices.h"
-#include "jobs/SearchJob.h"
+#include "fake/RecordingServicesFake.h"
 #include "jobs/TimelineSearchJob.h"
 #include "jobs/XmlLibrary.h"
+#include "kavro/KavroApiRecordingSearchTargetRun.h"
 #include "kavro/core.h"
 #include "target/RecordingSearchTargetImpl.h"
 
 namespace {
 
-// The target with its queue opened up, so the harness reads what a walk queued.
-class InspectedTarget : public RecordingSearchTargetImpl {
-public:
-    using RecordingSearchTargetImpl::RecordingSearchTargetImpl;
-
-    std::deque<RecordingSearchEventData> takeQueued()
-    {
-        boost::lock_guard<boost::mutex> lock(eventQueueMutex);
-        std::deque<RecordingSearchEventData> taken;
-        taken.swap(eventQueue);
-        return taken;
-    }
-};
-
 void* logCookie = nullptr;
-InspectedTarget* target = nullptr;
+boost::shared_ptr<RecordingSearchTargetImpl> target;
+KavroApiRecordingSearchTargetRun* runner = nullptr;
 
 const char* const kExpressions[] = {
     "",
@@ -75,7 +62,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     kavro_core_init();
     kavro_core_logging_init("FUZZ", &logCookie);
     initialiseXmlLibrary();
-    target = new InspectedTarget(logCookie);
+    target.reset(new RecordingSearchTargetImpl(logCookie));
+    // The events go to the fake runner, sent by the target's own loop, for the whole run.
+    runner = new KavroApiRecordingSearchTargetRun("recording_search", logCookie, target);
+    std::thread([] { target->processEventLoop(); }).detach();
     return 0;
 }
 
@@ -84,15 +74,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzInput input(data, size);
     const uint8_t kind = input.byte();
     const bool metadata = (kind & 1) != 0;
-    const Time start{replay::seconds(input), replay::microseconds(input)};
-    const Time end{replay::seconds(input), replay::microseconds(input)};
+    const Time start{ReplayedRecordingServices::seconds(input), ReplayedRecordingServices::microseconds(input)};
+    const Time end{ReplayedRecordingServices::seconds(input), ReplayedRecordingServices::microseconds(input)};
+    ReplayedRecordingServices services(input);
     const int maxResults = static_cast<int8_t>(input.byte()) / 16;  // -8..7: no limit, or small
     const bool startState = (kind & 2) != 0;
     const uint8_t pick = input.byte();
     const std::string xpath = pick < 240 ? kExpressions[pick % (sizeof kExpressions / sizeof *kExpressions)]
                                          : input.text(128);
 
-    replay::begin(input);
+    fake::install(&services);
     int jobId = -1;
     const int status =
         metadata ? target->createMetadataSearch(start.sec, start.usec, end.sec, end.usec,
@@ -102,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const bool validTimes = start.usec <= 999999 && end.usec <= 999999;
     require((status == 1) == !validTimes, "status 1 exactly for microseconds out of range");
     if (status != 0) {
-        replay::end();
+        fake::install(nullptr);
         return 0;
     }
     require(jobId >= 0, "an accepted search has an id");
@@ -114,14 +105,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     unsigned int idOut = 0, sec = 0, usec = 0;
     target->endSearch(static_cast<unsigned int>(jobId), &idOut, &sec, &usec);
     job.reset();
-    replay::end();
+    fake::install(nullptr);
+    require(fake::waitForCompletion(static_cast<unsigned int>(jobId)), "the search completes");
 
     const Time lo = earlier(end, start) ? end : start;
     const Time hi = earlier(end, start) ? start : end;
     int results = 0, completions = 0;
-    for (const RecordingSearchEventData& e : target->takeQueued()) {
+    for (const fake::Sent& e : fake::takeSent()) {
         require(e.jobId == static_cast<unsigned int>(jobId), "only this search's records");
-        if (e.eventType == SearchCompleted) {
+        if (e.kind == fake::Sent::Completed) {
             ++completions;
             continue;
         }
@@ -130,10 +122,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             continue;
         }
         ++results;
-        const Time t{e.sec, e.usec};
+        const Time t{e.time.sec, e.time.usec};
         require(!earlier(t, lo) && !earlier(hi, t), "results lie inside the requested range");
-        if (e.eventType == TrackStateEventSearchResult) {
-            require(replay::namesGiven().count(e.trackName) == 1,
+        if (e.kind == fake::Sent::Track) {
+            require(services.namesGiven().count(e.track) == 1,
                     "track names are those the service gave");
         }
     }

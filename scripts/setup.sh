@@ -13,8 +13,8 @@ packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-d
 # The programs alone build and run without these: the demo's first run on a fresh machine
 # saves their download and installation.
 [ "$build_preset" = programs ] ||
-  packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 procps systemd sqlite3 clang
-             libclang-rt-14-dev librsvg2-bin)
+  packages+=(libboost-filesystem-dev libgtest-dev libgmock-dev libbenchmark-dev python3 procps
+             systemd sqlite3 clang libclang-rt-14-dev librsvg2-bin)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -25,6 +25,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "fault_stack.h"
+#include "support/PrivateBus.h"
 #include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
 #include "support/TempDir.h"
@@ -68,103 +69,56 @@ std::string accountsProblem()
     return "";
 }
 
-// Debian's system bus: its default policy, verbatim in substance, and the service files.
-void writeSystemBusConfig(const std::string& path, const std::string& socket,
-                          const std::string& includeDir)
+// Debian's system bus: its default policy, verbatim in substance, and our policy files.
+std::string systemBusPolicy(const std::string& includeDir)
 {
-    std::ofstream out(path);
-    out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-           " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-           "<busconfig>\n"
-           "  <type>system</type>\n"
-           "  <listen>unix:path=" << socket << "</listen>\n"
-           "  <auth>EXTERNAL</auth>\n"
-           "  <policy context=\"default\">\n"
-           "    <allow user=\"*\"/>\n"
-           "    <deny own=\"*\"/>\n"
-           "    <deny send_type=\"method_call\"/>\n"
-           "    <allow send_type=\"signal\"/>\n"
-           "    <allow send_requested_reply=\"true\" send_type=\"method_return\"/>\n"
-           "    <allow send_requested_reply=\"true\" send_type=\"error\"/>\n"
-           "    <allow receive_type=\"method_call\"/>\n"
-           "    <allow receive_type=\"method_return\"/>\n"
-           "    <allow receive_type=\"error\"/>\n"
-           "    <allow receive_type=\"signal\"/>\n"
-           "    <allow send_destination=\"org.freedesktop.DBus\"\n"
-           "           send_interface=\"org.freedesktop.DBus\"/>\n"
-           "    <allow send_destination=\"org.freedesktop.DBus\"\n"
-           "           send_interface=\"org.freedesktop.DBus.Introspectable\"/>\n"
-           "    <allow send_destination=\"org.freedesktop.DBus\"\n"
-           "           send_interface=\"org.freedesktop.DBus.Properties\"/>\n"
-           "    <deny send_destination=\"org.freedesktop.DBus\"\n"
-           "          send_interface=\"org.freedesktop.DBus\"\n"
-           "          send_member=\"UpdateActivationEnvironment\"/>\n"
-           "    <deny send_destination=\"org.freedesktop.DBus\"\n"
-           "          send_interface=\"org.freedesktop.DBus.Debug.Stats\"/>\n"
-           "  </policy>\n"
-           "  <includedir>" << includeDir << "</includedir>\n"
-           "</busconfig>\n";
-    if (!out.flush()) throw std::runtime_error("cannot write " + path);
+    return "<policy context='default'><allow user='*'/><deny own='*'/>"
+           "<deny send_type='method_call'/><allow send_type='signal'/>"
+           "<allow send_requested_reply='true' send_type='method_return'/>"
+           "<allow send_requested_reply='true' send_type='error'/>"
+           "<allow receive_type='method_call'/><allow receive_type='method_return'/>"
+           "<allow receive_type='error'/><allow receive_type='signal'/>"
+           "<allow send_destination='org.freedesktop.DBus' send_interface='org.freedesktop.DBus'/>"
+           "<allow send_destination='org.freedesktop.DBus'"
+           " send_interface='org.freedesktop.DBus.Introspectable'/>"
+           "<allow send_destination='org.freedesktop.DBus'"
+           " send_interface='org.freedesktop.DBus.Properties'/>"
+           "<deny send_destination='org.freedesktop.DBus' send_interface='org.freedesktop.DBus'"
+           " send_member='UpdateActivationEnvironment'/>"
+           "<deny send_destination='org.freedesktop.DBus'"
+           " send_interface='org.freedesktop.DBus.Debug.Stats'/></policy>"
+           "<includedir>" + includeDir + "</includedir>";
 }
 
-// A dbus-daemon with the system bus configuration and our policy files, reachable by every
-// user of the machine.
-class PolicyBus {
-public:
-    PolicyBus() : dir_("reliability-policy-bus")
-    {
-        chmod(dir_.path().c_str(), 0755);
-        const std::string include = dir_.path() + "/system.d";
-        fs::create_directory(include);
-        for (const auto& entry : fs::directory_iterator(std::string(RS_SOURCE_DIR) + "/kavro/policy")) {
-            if (entry.path().extension() == ".conf") {
-                fs::copy_file(entry.path(), include + "/" + entry.path().filename().string());
-            }
+// A directory every user can read, with a copy of our policy files in system.d/.
+std::unique_ptr<rstest::TempDir> policyDir()
+{
+    auto dir = std::make_unique<rstest::TempDir>("reliability-policy");
+    chmod(dir->path().c_str(), 0755);
+    fs::create_directory(dir->file("system.d"));
+    for (const auto& entry : fs::directory_iterator(std::string(RS_SOURCE_DIR) + "/kavro/policy")) {
+        if (entry.path().extension() == ".conf") {
+            fs::copy_file(entry.path(), dir->file("system.d/" + entry.path().filename().string()));
         }
-        const std::string socket = dir_.path() + "/system_bus_socket";
-        const std::string config = dir_.path() + "/system.conf";
-        writeSystemBusConfig(config, socket, include);
-        daemon_ = std::make_unique<rstest::ProcessRunner>(
-            "/usr/bin/dbus-daemon",
-            std::vector<std::string>{"--config-file=" + config, "--nofork", "--print-address=1"});
-        daemon_->start();
-        if (!daemon_->waitForStdout("unix:", 10s)) {
-            throw std::runtime_error("dbus-daemon did not start: " + daemon_->stderrText());
-        }
-        // The daemon binds its socket with the test's umask; others need write access to it.
-        chmod(socket.c_str(), 0666);
-        address_ = "unix:path=" + socket;
     }
-    ~PolicyBus()
-    {
-        daemon_->sendSignal(SIGTERM);
-        daemon_->waitForExit(10s);
+    return dir;
+}
+
+// Waits until the name has an owner (asking the bus as root, which the policy allows).
+bool waitForOwner(const std::string& address, const std::string& name)
+{
+    auto connection = sdbus::createSessionBusConnectionWithAddress(address);
+    auto bus = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+    for (const auto deadline = std::chrono::steady_clock::now() + 20s;
+         std::chrono::steady_clock::now() < deadline;) {
+        bool owned = false;
+        bus->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name)
+            .storeResultsTo(owned);
+        if (owned) return true;
+        std::this_thread::sleep_for(20ms);  // polling a condition, bounded by the deadline
     }
-
-    const std::string& address() const { return address_; }
-    const std::string& dir() const { return dir_.path(); }
-
-    // Waits until the name has an owner (asking the bus as root, which the policy allows).
-    bool waitForOwner(const std::string& name, std::chrono::milliseconds timeout = 20s) const
-    {
-        auto connection = sdbus::createSessionBusConnectionWithAddress(address_);
-        auto bus = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (std::chrono::steady_clock::now() < deadline) {
-            bool owned = false;
-            bus->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name)
-                .storeResultsTo(owned);
-            if (owned) return true;
-            std::this_thread::sleep_for(20ms);  // polling a condition, bounded by the deadline
-        }
-        return false;
-    }
-
-private:
-    rstest::TempDir dir_;
-    std::unique_ptr<rstest::ProcessRunner> daemon_;
-    std::string address_;
-};
+    return false;
+}
 
 // setpriv's arguments that run a command as the user, with only the given extra groups.
 std::vector<std::string> asUser(const std::string& user, const std::string& groups,
@@ -222,10 +176,12 @@ protected:
     {
         const std::string problem = accountsProblem();
         if (!problem.empty()) GTEST_SKIP() << problem;
-        bus_ = std::make_unique<PolicyBus>();
+        dir_ = policyDir();
+        bus_ = std::make_unique<rstest::PrivateBus>(systemBusPolicy(dir_->file("system.d")));
     }
 
-    std::unique_ptr<PolicyBus> bus_;
+    std::unique_ptr<rstest::TempDir> dir_;
+    std::unique_ptr<rstest::PrivateBus> bus_;
 };
 
 struct OwnCase {
@@ -233,11 +189,6 @@ struct OwnCase {
     std::string name;
     bool allowed;
 };
-
-void PrintTo(const OwnCase& c, std::ostream* os)
-{
-    *os << c.user << (c.allowed ? " owns " : " may not own ") << c.name;
-}
 
 class AccessOwnership : public AccessPolicy, public testing::WithParamInterface<OwnCase> {};
 
@@ -281,13 +232,13 @@ protected:
         AccessPolicy::SetUp();
         if (IsSkipped()) return;
         // The store's user reads the recording; the services' users write their logs here.
-        const std::string recording = bus_->dir() + "/recording.db";
+        const std::string recording = dir_->file("recording.db");
         const auto generated = rstest::runToEnd(
             reliability::bin("recording_store"),
             {"generate", recording, "--duration", "10m", "--rate", "1", "--track-on", "60",
              "--track-off", "30"});
         ASSERT_EQ(generated.status.code, 0) << generated.err;
-        const std::string log = bus_->dir() + "/kavro.log";
+        const std::string log = dir_->file("kavro.log");
         std::ofstream(log).flush();
         chmod(log.c_str(), 0666);
         chmod(recording.c_str(), 0644);
@@ -298,12 +249,12 @@ protected:
             asUser(kStoreUser, "", {reliability::bin("recording_store"), "serve", recording}),
             env);
         store_->start();
-        ASSERT_TRUE(bus_->waitForOwner("kavro.recording_data_access")) << store_->stderrText();
+        ASSERT_TRUE(waitForOwner(bus_->address(), "kavro.recording_data_access")) << store_->stderrText();
         service_ = std::make_unique<rstest::ProcessRunner>(
             "/usr/bin/setpriv", asUser(kSearchUser, "", {reliability::bin("recording_search")}),
             env);
         service_->start();
-        ASSERT_TRUE(bus_->waitForOwner("kavro.recording_search")) << service_->stderrText();
+        ASSERT_TRUE(waitForOwner(bus_->address(), "kavro.recording_search")) << service_->stderrText();
     }
     void TearDown() override
     {
@@ -375,7 +326,7 @@ TEST_F(AccessWithServices, SearchesWorkEndToEndUnderThePolicy)
 }
 
 // recording_search run as a user that may not own its name; returns its standard error.
-std::string startAsOutsider(const PolicyBus& bus)
+std::string startAsOutsider(const rstest::PrivateBus& bus)
 {
     rstest::ProcessRunner service(
         "/usr/bin/setpriv", asUser(kOutsider, "", {reliability::bin("recording_search")}),

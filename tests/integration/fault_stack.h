@@ -188,13 +188,4 @@ inline ProcessUse processUse(pid_t pid)
     return use;
 }
 
-// Percentile of a sample, in the sample's unit; sorts a copy.
-inline double percentile(std::vector<double> sample, double p)
-{
-    if (sample.empty()) return 0;
-    std::sort(sample.begin(), sample.end());
-    const size_t i = std::min(sample.size() - 1, static_cast<size_t>(p * sample.size()));
-    return sample[i];
-}
-
 }  // namespace reliability

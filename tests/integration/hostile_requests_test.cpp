@@ -14,9 +14,10 @@
 
 #include "fault_stack.h"
 #include "kavro/bus/Contract.h"
-#include "support/ProcessRunner.h"
-#include "support/ScriptedRecordingServices.h"
+#include "store/RecordingWriter.h"
+#include "support/PrivateBus.h"
 #include "support/SearchClient.h"
+#include "support/ServiceStack.h"
 
 namespace {
 
@@ -28,17 +29,20 @@ constexpr uint32_t kMax = UINT32_MAX;
 constexpr uint32_t kFirst = 1000;  // the recording: one event a second from here
 constexpr int kEvents = 5;
 
-// One track switching on and off, and one small document half a second after each switch.
-rstest::Recording smallRecording()
+// One track switching on and off, and one small document half a second after each switch,
+// written with the store's own writer.
+std::string writeSmallRecording(const std::string& path)
 {
-    rstest::Recording r;
-    r.tracks = {"Video1", rstest::kMetadataTrack};
+    store::RecordingWriter w(path, store::RecordingWriter::Durability::Bulk);
+    auto transaction = w.transaction();
+    w.addTrack("Video1");
+    w.addTrack("META001");
     for (uint32_t i = 0; i < kEvents; ++i) {
-        r.events.push_back({{kFirst + i, 0}, {{"Video1", rstest::kTrackKey, i % 2}}});
-        r.documents.push_back(
-            {{kFirst + i, 500000}, "<Frame n='" + std::to_string(i) + "'><Object/></Frame>"});
+        w.addEvent({kFirst + i, 0}, {{1, i % 2, "Video1"}});
+        w.addDocument({kFirst + i, 500000}, "<Frame n='" + std::to_string(i) + "'><Object/></Frame>");
     }
-    return r;
+    transaction->commit();
+    return path;
 }
 
 // What an event search over the recording must report, as (sec, state) pairs.
@@ -62,20 +66,15 @@ class HostileRequests : public testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        services_ = new rstest::ScriptedRecordingServices(smallRecording());
-        service_ = new rstest::ProcessRunner(reliability::bin("recording_search"));
-        service_->start();
-        ASSERT_TRUE(service_->waitForNotify("READY=1"));
+        dir_ = new rstest::TempDir("rs-hostile");
+        stack_ = new rstest::ServiceStack(
+            {RS_BIN_DIR, writeSmallRecording(dir_->file("small.rec")), {}, true});
     }
     static void TearDownTestSuite()
     {
-        service_->sendSignal(SIGTERM);
-        const auto status = service_->waitForExit(15s);
-        EXPECT_TRUE(status && status->exited && status->code == 0)
-            << "the service survives every hostile request and stops cleanly";
-        EXPECT_EQ(service_->stderrText(), "");
-        delete service_;
-        delete services_;
+        EXPECT_EQ(stack_->stop(), "") << "the service survives every hostile request and stops cleanly";
+        delete stack_;
+        delete dir_;
     }
     void TearDown() override
     {
@@ -98,21 +97,19 @@ protected:
         return reliability::resultsOf(client_, id);
     }
 
-    static rstest::ScriptedRecordingServices* services_;
-    static rstest::ProcessRunner* service_;
-    rstest::SearchClient client_;
+    static rstest::TempDir* dir_;
+    static rstest::ServiceStack* stack_;
+    rstest::SearchClient client_{stack_->address()};
 };
 
-rstest::ScriptedRecordingServices* HostileRequests::services_ = nullptr;
-rstest::ProcessRunner* HostileRequests::service_ = nullptr;
+rstest::TempDir* HostileRequests::dir_ = nullptr;
+rstest::ServiceStack* HostileRequests::stack_ = nullptr;
 
 struct TimeCase {
     const char* name;
     uint32_t startSec, startUsec, endSec, endUsec;
     int status;  // 1: microseconds out of range
 };
-
-void PrintTo(const TimeCase& c, std::ostream* os) { *os << c.name; }
 
 class HostileTimes : public HostileRequests, public testing::WithParamInterface<TimeCase> {};
 
@@ -146,15 +143,13 @@ INSTANTIATE_TEST_SUITE_P(
                     TimeCase{"ZeroBothEnds", 0, 0, 0, 0, 0},
                     TimeCase{"WholeRangeBackward", kMax, 999999, 0, 0, 0},
                     TimeCase{"WholeRangeForward", 0, 0, kMax, 999999, 0}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 struct LimitCase {
     const char* name;
     bool forward;
     int maxResults;
 };
-
-void PrintTo(const LimitCase& c, std::ostream* os) { *os << c.name; }
 
 class HostileLimits : public HostileRequests, public testing::WithParamInterface<LimitCase> {};
 
@@ -194,15 +189,13 @@ INSTANTIATE_TEST_SUITE_P(
                     LimitCase{"ZeroForward", true, 0},
                     LimitCase{"OneBackward", false, 1},
                     LimitCase{"IntMaxBackward", false, INT_MAX}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 struct ExpressionCase {
     const char* name;
     std::string xpath;
     bool matchesAll;  // else matches none
 };
-
-void PrintTo(const ExpressionCase& c, std::ostream* os) { *os << c.name; }
 
 class HostileExpressions : public HostileRequests,
                            public testing::WithParamInterface<ExpressionCase> {};
@@ -242,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(
         ExpressionCase{"Nested100kParentheses", nested(100000, "(", "//Object", ")"), false},
         ExpressionCase{"Nested100kNot", nested(100000, "not(", "//Object", ")"), false},
         ExpressionCase{"Nested100kPredicates", nested(100000, "//*[", "1", "]"), false}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(HostileRequests, UnknownAndExtremeIdsGetTheNotFoundAnswers)
 {
@@ -284,6 +277,7 @@ TEST_F(HostileRequests, RefusedCreatesWhileTwoSearchesRunConsumeNoId)
 // methods and objects. The bus or the service refuses each with an error reply.
 TEST_F(HostileRequests, MalformedCallsGetAnErrorReply)
 {
+    rstest::ScopedBusAddress stackBus(stack_->address());
     auto connection = kavro::bus::connectToBus();
     auto proxy = sdbus::createProxy(*connection, kavro::bus::busName("recording_search"),
                                     kavro::bus::objectPath("recording_search"));

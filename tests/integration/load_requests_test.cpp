@@ -1,6 +1,6 @@
 // Several clients at once against recording_search while two searches walk the recording:
 // every request answers as the contract says, ids never repeat, every search completes exactly
-// once, and the request latency is reported.
+// once. Latency under the same load is bench/system_bench's to measure.
 //
 // RS_LOAD_CLIENTS (default 4) and RS_LOAD_SECONDS (default 5) scale the run; each client also
 // stops after RS_LOAD_REQUESTS requests (default 20000), so the run is bounded both ways.
@@ -30,7 +30,6 @@ using Clock = std::chrono::steady_clock;
 // What one client thread did.
 struct ClientOutcome {
     std::vector<uint32_t> noopIds;
-    std::map<std::string, std::vector<double>> latencyUs;  // by request name
     std::vector<std::string> failures;
     long requests = 0;
 };
@@ -60,10 +59,7 @@ private:
     template <typename Call>
     auto timed(const char* name, Call call)
     {
-        const auto start = Clock::now();
         auto result = call();
-        out.latencyUs[name].push_back(
-            std::chrono::duration<double, std::micro>(Clock::now() - start).count());
         ++out.requests;
         if (!result.ok()) fail(std::string(name) + ": " + result.errorName + " " +
                                    result.errorMessage);
@@ -166,16 +162,10 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
     ASSERT_TRUE(observer.endSearch(documents).ok());
 
     std::vector<uint32_t> ids{events, documents};
-    std::map<std::string, std::vector<double>> latency;
     long requests = 0;
     for (auto& c : load) {
         for (const auto& f : c->out.failures) ADD_FAILURE() << f;
         ids.insert(ids.end(), c->out.noopIds.begin(), c->out.noopIds.end());
-        for (auto& [name, sample] : c->out.latencyUs) {
-            auto& all = latency[name];
-            all.insert(all.end(), sample.begin(), sample.end());
-            latency["all"].insert(latency["all"].end(), sample.begin(), sample.end());
-        }
         requests += c->out.requests;
     }
     const std::set<uint32_t> unique(ids.begin(), ids.end());
@@ -202,16 +192,7 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
 
     std::printf("load: %ld clients, %ld requests in %lld s, %zu searches, two walking\n", clients,
                 requests, static_cast<long long>(duration.count()), ids.size());
-    for (const auto& [name, sample] : latency) {
-        std::printf("load: %-22s n=%-7zu p50 %7.0f us  p99 %7.0f us\n", name.c_str(),
-                    sample.size(), reliability::percentile(sample, 0.50),
-                    reliability::percentile(sample, 0.99));
-    }
     testing::Test::RecordProperty("requests", static_cast<int>(requests));
-    testing::Test::RecordProperty("p50_us",
-                                  static_cast<int>(reliability::percentile(latency["all"], 0.5)));
-    testing::Test::RecordProperty("p99_us",
-                                  static_cast<int>(reliability::percentile(latency["all"], 0.99)));
     EXPECT_EQ(stack.stop(), "");
 }
 

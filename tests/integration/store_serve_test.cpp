@@ -96,27 +96,11 @@ TEST_F(StoreProcess, ASecondInstanceCannotTakeTheNamesAndSaysSo)
     ASSERT_TRUE(first.waitForExit());
 }
 
-TEST_F(StoreProcess, EndsWithAnErrorWhenTheBusGoesAway)
-{
-    const std::string path = generated("demo.db");
-    rstest::ProcessRunner serve(kStore, {"serve", path}, busEnv());
-    serve.start();
-    ASSERT_TRUE(serve.waitForNotify("READY=1"));
-    bus_.kill();
-    const auto status = serve.waitForExit();
-    ASSERT_TRUE(status);
-    EXPECT_TRUE(status->exited);
-    EXPECT_EQ(status->code, 1);
-    EXPECT_THAT(serve.stderrText(), HasSubstr("the bus went away"));
-}
-
 struct UnservableCase {
     const char* name;
     std::function<std::string(const TempDir&)> make;
     const char* message;
 };
-
-void PrintTo(const UnservableCase& c, std::ostream* os) { *os << c.name; }
 
 class UnservableFile : public StoreProcess, public testing::WithParamInterface<UnservableCase> {};
 
@@ -142,7 +126,7 @@ INSTANTIATE_TEST_SUITE_P(
                        "not a recording"},
         UnservableCase{"EmptyFile", [](const TempDir& d) { return d.write("e.db", ""); },
                        "not a recording"}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(StoreProcess, GenerateKeepsAnExistingFileUnlessForced)
 {

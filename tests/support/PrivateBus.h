@@ -3,26 +3,30 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 namespace rstest {
 
-// Starts Debian's dbus-daemon with an allow-all configuration in a temporary directory. The
-// daemon dies with this object, and with the thread that created it (PR_SET_PDEATHSIG), so a
-// crashed test binary leaves no daemon behind. Not thread-safe: create, stop and destroy it on
-// one thread.
+class ProcessRunner;
+
+// Allow-all, like a system bus without its policy; limits raised so that throughput tests
+// measure us, not the daemon's defaults.
+extern const char* const kAllowAllPolicy;
+
+// Starts Debian's dbus-daemon with the given policy (the <busconfig> elements besides type,
+// listen and auth) in a temporary directory, its socket open to every user. The daemon dies
+// with this object, and with the thread that created it. Not thread-safe.
 class PrivateBus {
 public:
-    PrivateBus();  // throws std::runtime_error when the daemon does not come up
+    explicit PrivateBus(const std::string& policy = kAllowAllPolicy);  // throws std::runtime_error
     ~PrivateBus();
 
     const std::string& address() const { return address_; }
-    pid_t pid() const { return pid_; }
-    bool running() const { return pid_ > 0; }
+    pid_t pid() const;
 
     // Sets DBUS_SYSTEM_BUS_ADDRESS, so that kavro::bus::connectToBus() finds this bus.
     void exportAddress() const;
-
     void stop();  // SIGTERM, then SIGKILL if it has not gone within two seconds
     void kill();  // SIGKILL: "the bus went away" without any goodbye
 
@@ -30,11 +34,9 @@ public:
     PrivateBus& operator=(const PrivateBus&) = delete;
 
 private:
-    void terminate(int signal);
-
     std::string dir_;
     std::string address_;
-    pid_t pid_ = -1;
+    std::unique_ptr<ProcessRunner> daemon_;
 };
 
 // Points DBUS_SYSTEM_BUS_ADDRESS at another bus for its lifetime, then restores the old value.

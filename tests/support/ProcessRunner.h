@@ -19,9 +19,9 @@ struct ExitStatus {
     int termSignal = 0;
 };
 
-// The child gets the test's environment plus `env` (which wins), stdin from /dev/null, and
-// dies with the thread that started it (PR_SET_PDEATHSIG). Reader threads collect its output
-// and notifications; every member may be called from any thread. The destructor kills a child
+// `binary` is a path. The child gets the test's environment plus `env` (which wins), stdin from
+// /dev/null, and dies with the thread that started it (PR_SET_PDEATHSIG). An I/O thread
+// collects its output and notifications; every member may be called from any thread. The destructor kills a child
 // that is still running.
 class ProcessRunner {
 public:
@@ -31,7 +31,6 @@ public:
 
     void start();  // throws std::runtime_error when the process cannot be started
     pid_t pid() const;
-    const std::string& notifySocketPath() const;
 
     // Notification messages received so far ("READY=1", "ERRNO=5", ...), one per line sent.
     std::vector<std::string> notifications() const;
@@ -51,8 +50,6 @@ public:
     std::string stdoutText() const;
     std::string stderrText() const;
     bool waitForStdout(const std::string& substring,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    bool waitForStderr(const std::string& substring,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
     ProcessRunner(const ProcessRunner&) = delete;

@@ -121,7 +121,7 @@ public:
         try {
             auto invoker = callProxy_->callMethod(method);
             invoker.onInterface(kavro::recording_search_proxy::INTERFACE_NAME)
-                .withTimeout(std::chrono::milliseconds(callTimeoutMs_.load()));
+                .withTimeout(kDefaultCallTimeout);
             if constexpr (sizeof...(In) > 0) invoker.withArguments(in...);
             std::apply([&](auto&... out) { invoker.storeResultsTo(out...); }, result.value);
         } catch (const sdbus::Error& e) {
@@ -138,20 +138,12 @@ public:
         return signals_;
     }
 
-    void clear()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        signals_.clear();
-    }
-
     bool waitUntil(const std::function<bool(const std::vector<SearchSignal>&)>& pred,
                    std::chrono::milliseconds timeout) const
     {
         std::unique_lock<std::mutex> lock(mutex_);
         return arrived_.wait_for(lock, timeout, [&] { return pred(signals_); });
     }
-
-    std::atomic<long long> callTimeoutMs_{kDefaultCallTimeout.count()};
 
 private:
     std::mutex callMutex_;
@@ -191,11 +183,6 @@ SearchClient::SearchClient(const std::string& busAddress, const std::string& ser
 }
 
 SearchClient::~SearchClient() = default;
-
-void SearchClient::setCallTimeout(std::chrono::milliseconds timeout)
-{
-    impl_->callTimeoutMs_ = timeout.count();
-}
 
 CallResult<int32_t> SearchClient::createEventSearch(uint32_t startSec, uint32_t startUsec,
                                                     uint32_t endSec, uint32_t endUsec,
@@ -253,9 +240,7 @@ std::vector<SearchSignal> SearchClient::signalsFor(uint32_t jobId) const
     return all;
 }
 
-size_t SearchClient::signalCount() const { return impl_->signals().size(); }
 
-void SearchClient::clearSignals() { impl_->clear(); }
 
 bool SearchClient::waitForCompleted(uint32_t jobId, std::chrono::milliseconds timeout) const
 {

@@ -69,7 +69,6 @@ public:
                           const std::string& service = "recording_search");
     ~SearchClient();
 
-    void setCallTimeout(std::chrono::milliseconds timeout);
 
     CallResult<int32_t> createEventSearch(uint32_t startSec, uint32_t startUsec, uint32_t endSec,
                                           uint32_t endUsec, int32_t maxResults,
@@ -86,8 +85,6 @@ public:
     // Every signal received so far, in arrival order.
     std::vector<SearchSignal> signals() const;
     std::vector<SearchSignal> signalsFor(uint32_t jobId) const;
-    size_t signalCount() const;
-    void clearSignals();
 
     bool waitForCompleted(uint32_t jobId,
                           std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;

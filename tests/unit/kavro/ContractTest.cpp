@@ -56,10 +56,4 @@ TEST(StatusError, RoundTripsEveryNonzeroStatus)
     }
 }
 
-TEST(BusNames, FollowTheServiceName)
-{
-    EXPECT_EQ(kavro::bus::busName("recording_search"), "kavro.recording_search");
-    EXPECT_EQ(kavro::bus::objectPath("recording_data_access"), "/kavro/recording_data_access");
-}
-
 }  // namespace

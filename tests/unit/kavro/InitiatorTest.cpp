@@ -1,495 +1,313 @@
-// The initiator calls of the three recording services, against the scripted stand-ins.
+// The initiator calls' own work: handles, arguments, transport failures and the decoding of
+// replies that break the contract. Their answers from a real recording are checked in
+// store_services_test.cpp.
+
 #include <chrono>
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "kavro/bus/BusLoop.h"
+#include "kavro/bus/Contract.h"
+#include "kavro/generated/recording_data_access_adaptor.h"
 #include "kavro/recording_initiators.h"
 #include "support/PrivateBus.h"
-#include "support/ScriptedRecordingServices.h"
 
 namespace rstest {
 namespace {
 
 using namespace std::chrono_literals;
 
+// A data-access service that answers whatever the test sets, however wrong, on its own
+// connection to the bus of $DBUS_SYSTEM_BUS_ADDRESS (or the given one).
+struct OwnLoop {
+    kavro::bus::BusLoop loop_;
+};
+
+class RudeDataAccess : private OwnLoop,
+                       public sdbus::AdaptorInterfaces<kavro::recording_data_access_adaptor> {
+public:
+    struct Answer {
+        int status = 0;
+        std::chrono::milliseconds stall{0};
+        std::vector<std::string> names{"V1"};
+        std::vector<uint32_t> keys{1};
+        std::vector<uint32_t> values{1};
+        std::string document;
+    };
+
+    explicit RudeDataAccess(std::unique_ptr<sdbus::IConnection> connection)
+        : OwnLoop{kavro::bus::BusLoop(std::move(connection))},
+          AdaptorInterfaces(loop_.connection(), kavro::bus::objectPath("recording_data_access"))
+    {
+        registerAdaptor();
+        loop_.connection().requestName(kavro::bus::busName("recording_data_access"));
+        loop_.start();
+    }
+    ~RudeDataAccess()
+    {
+        loop_.stop();
+        unregisterAdaptor();
+    }
+
+    void set(Answer answer)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        answer_ = std::move(answer);
+    }
+    int calls() const { return calls_; }
+
+private:
+    Answer behave()
+    {
+        ++calls_;
+        Answer a;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            a = answer_;
+        }
+        std::this_thread::sleep_for(a.stall);
+        if (a.status != 0) throw kavro::bus::statusError(kavro_core_status(a.status));
+        return a;
+    }
+    std::tuple<uint32_t, uint32_t> GetFirstRecordingHistoryEventTime() override
+    {
+        behave();
+        return {1, 2};
+    }
+    std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, std::vector<std::string>,
+               std::vector<uint32_t>, std::vector<uint32_t>>
+    GetRecordingHistoryEvent(const uint32_t& sec, const uint32_t& usec) override
+    {
+        Answer a = behave();
+        return {sec, usec, 1, 0, 4000000000u, 999999, a.names, a.keys, a.values};
+    }
+    std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, std::string> GetMetadata(
+        const uint32_t& sec, const uint32_t& usec) override
+    {
+        Answer a = behave();
+        return {sec, usec, 1, 0, 4000000000u, 999999, a.document};
+    }
+
+    std::mutex mutex_;
+    Answer answer_;
+    std::atomic<int> calls_{0};
+};
+
+RudeDataAccess::Answer refusing(int status)
+{
+    RudeDataAccess::Answer a;
+    a.status = status;
+    return a;
+}
+
+RudeDataAccess::Answer stalling(std::chrono::milliseconds stall)
+{
+    RudeDataAccess::Answer a;
+    a.stall = stall;
+    return a;
+}
+
 constexpr unsigned kUntouched = 0xdeadbeef;
 
-struct Handles {
-    void* control = nullptr;
-    void* information = nullptr;
-    void* dataAccess = nullptr;
+void* openDataAccess()
+{
+    void* handle = nullptr;
+    EXPECT_EQ(KAVRO_STATUS_OK, kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &handle,
+                                                                              nullptr, nullptr));
+    return handle;
+}
+
+struct Metadata {
+    kavro_core_status status;
+    std::vector<unsigned> times;
+    std::optional<std::string> document;
 };
 
-Handles openHandles()
+Metadata getMetadata(void* handle, unsigned sec = 12, unsigned usec = 34,
+                     const char* service = "recording_data_access")
 {
-    Handles h;
-    EXPECT_EQ(kavro_api_recording_control_initiator_init(nullptr, nullptr, &h.control, nullptr, nullptr),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ(kavro_api_recording_information_initiator_init(nullptr, nullptr, &h.information, nullptr,
-                                                             nullptr),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ(kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &h.dataAccess, nullptr,
-                                                             nullptr),
-              KAVRO_STATUS_OK);
-    return h;
+    std::vector<unsigned> t(6, kUntouched);
+    char* document = nullptr;
+    Metadata m{kavro_api_recording_data_access_get_metadata_send(handle, service, sec, usec, &t[0],
+                                                                  &t[1], &t[2], &t[3], &t[4], &t[5],
+                                                                  &document),
+               t, std::nullopt};
+    if (document) m.document = document;
+    std::free(document);
+    return m;
 }
-
-void closeHandles(Handles& h)
-{
-    kavro_api_recording_control_initiator_deinit(h.control);
-    kavro_api_recording_information_initiator_deinit(h.information);
-    kavro_api_recording_data_access_initiator_deinit(h.dataAccess);
-    h = {};
-}
-
-size_t length(char** array)
-{
-    size_t n = 0;
-    while (array[n] != nullptr) ++n;
-    return n;
-}
-
-size_t length(unsigned int** array)
-{
-    size_t n = 0;
-    while (array[n] != nullptr) ++n;
-    return n;
-}
-
-// One call per method, with the service names the service itself uses. On failure the outputs
-// must be as the caller left them.
-struct CallCase {
-    const char* method;
-    std::function<kavro_core_status(const Handles&, const char* service)> call;
-};
-
-std::ostream& operator<<(std::ostream& os, const CallCase& c) { return os << c.method; }
-
-std::vector<CallCase> allCalls()
-{
-    return {
-        {"GetTracks",
-         [](const Handles& h, const char* service) {
-             char** tracks = nullptr;
-             const auto s = kavro_api_recording_control_get_tracks_send(
-                 h.control, service ? service : "recording_control", &tracks);
-             if (s != KAVRO_STATUS_OK) {
-                 EXPECT_EQ(tracks, nullptr);
-             }
-             kavro_core_free_string_array(tracks);
-             return s;
-         }},
-        {"GetRecordingSummary",
-         [](const Handles& h, const char* service) {
-             unsigned a = kUntouched, b = kUntouched, c = kUntouched, d = kUntouched;
-             const auto s = kavro_api_recording_information_get_recording_summary_send(
-                 h.information, service ? service : "recording_information", &a, &b, &c, &d);
-             if (s != KAVRO_STATUS_OK) {
-                 EXPECT_EQ((std::vector<unsigned>{a, b, c, d}), std::vector<unsigned>(4, kUntouched));
-             }
-             return s;
-         }},
-        {"GetRecordingState",
-         [](const Handles& h, const char* service) {
-             unsigned char state = 0xee;
-             char** tracksOn = nullptr;
-             const auto s = kavro_api_recording_information_get_recording_state_send(
-                 h.information, service ? service : "recording_information", 10, 0, &state, &tracksOn);
-             if (s != KAVRO_STATUS_OK) {
-                 EXPECT_EQ(state, 0xee);
-                 EXPECT_EQ(tracksOn, nullptr);
-             }
-             kavro_core_free_string_array(tracksOn);
-             return s;
-         }},
-        {"GetTrackSummary",
-         [](const Handles& h, const char* service) {
-             unsigned a = kUntouched, b = kUntouched, c = kUntouched, d = kUntouched;
-             const auto s = kavro_api_recording_information_get_track_summary_send(
-                 h.information, service ? service : "recording_information", "META001", &a, &b, &c, &d);
-             if (s != KAVRO_STATUS_OK) {
-                 EXPECT_EQ((std::vector<unsigned>{a, b, c, d}), std::vector<unsigned>(4, kUntouched));
-             }
-             return s;
-         }},
-        {"GetFirstRecordingHistoryEventTime",
-         [](const Handles& h, const char* service) {
-             unsigned sec = kUntouched, usec = kUntouched;
-             const auto s = kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                 h.dataAccess, service ? service : "recording_data_access", &sec, &usec);
-             if (s != KAVRO_STATUS_OK) {
-                 EXPECT_EQ((std::vector<unsigned>{sec, usec}), std::vector<unsigned>(2, kUntouched));
-             }
-             return s;
-         }},
-        {"GetRecordingHistoryEvent",
-         [](const Handles& h, const char* service) {
-             unsigned t[6] = {kUntouched, kUntouched, kUntouched, kUntouched, kUntouched, kUntouched};
-             char** names = nullptr;
-             unsigned int** keys = nullptr;
-             unsigned int** values = nullptr;
-             const auto s = kavro_api_recording_data_access_get_recording_history_event_send(
-                 h.dataAccess, service ? service : "recording_data_access", 10, 0, &t[0], &t[1], &t[2],
-                 &t[3], &t[4], &t[5], &names, &keys, &values);
-             if (s != KAVRO_STATUS_OK) {
-                 for (unsigned v : t) EXPECT_EQ(v, kUntouched);
-                 EXPECT_EQ(names, nullptr);
-                 EXPECT_EQ(keys, nullptr);
-                 EXPECT_EQ(values, nullptr);
-             }
-             kavro_core_free_string_array(names);
-             kavro_core_free_uint_array(keys);
-             kavro_core_free_uint_array(values);
-             return s;
-         }},
-        {"GetMetadata",
-         [](const Handles& h, const char* service) {
-             unsigned t[6] = {kUntouched, kUntouched, kUntouched, kUntouched, kUntouched, kUntouched};
-             char* document = nullptr;
-             const auto s = kavro_api_recording_data_access_get_metadata_send(
-                 h.dataAccess, service ? service : "recording_data_access", 10, 0, &t[0], &t[1], &t[2],
-                 &t[3], &t[4], &t[5], &document);
-             if (s != KAVRO_STATUS_OK) {
-                 for (unsigned v : t) EXPECT_EQ(v, kUntouched);
-                 EXPECT_EQ(document, nullptr);
-             }
-             std::free(document);
-             return s;
-         }},
-    };
-}
-
-Recording sampleRecording()
-{
-    Recording r;
-    r.tracks = {"CAM01", "CAM02", kMetadataTrack};
-    r.events = {{{10, 0}, {{"rec", kRecordingKey, 1}, {"CAM01", kTrackKey, 1}}},
-                {{20, 500}, {{"CAM02", kTrackKey, 1}}},
-                {{30, 0}, {{"CAM01", kTrackKey, 0}}}};
-    r.documents = {{{10, 0}, "<frame id='1'/>"}, {{15, 0}, "<frame id='2'/>"}};
-    return r;
-}
-
-class InitiatorCall : public testing::TestWithParam<CallCase> {
-protected:
-    void TearDown() override { closeHandles(handles_); }
-    Handles handles_ = openHandles();
-};
-
-TEST_P(InitiatorCall, SucceedsAgainstTheRecording)
-{
-    ScriptedRecordingServices services(sampleRecording());
-    EXPECT_EQ(GetParam().call(handles_, nullptr), KAVRO_STATUS_OK);
-    EXPECT_EQ(services.callCount(GetParam().method), 1);
-}
-
-TEST_P(InitiatorCall, ServiceStatusComesBackAsThatNumber)
-{
-    ScriptedRecordingServices services(sampleRecording());
-    services.failMethod(GetParam().method, 77);
-    EXPECT_EQ(GetParam().call(handles_, nullptr), 77);
-}
-
-TEST_P(InitiatorCall, ServiceNotOnTheBusIsAFrameworkStatus)
-{
-    EXPECT_EQ(GetParam().call(handles_, nullptr), KAVRO_STATUS_SERVICE_UNKNOWN);
-}
-
-TEST_P(InitiatorCall, StalledServiceTimesOutAfterTheCallTimeout)
-{
-    ScriptedRecordingServices services(sampleRecording());
-    services.stallMethod(GetParam().method, 10s);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(GetParam().call(handles_, nullptr), KAVRO_STATUS_TIMEOUT);
-    const auto took = std::chrono::steady_clock::now() - start;
-    // KAVRO_CALL_TIMEOUT_MS is 1000 in the tests.
-    EXPECT_GT(took, 800ms);
-    EXPECT_LT(took, 4s);
-}
-
-TEST_P(InitiatorCall, RefusesBadHandlesAndServiceNames)
-{
-    ScriptedRecordingServices services(sampleRecording());
-    EXPECT_EQ(GetParam().call(Handles{}, nullptr), KAVRO_STATUS_INVALID_ARGUMENT);
-    // Each service's handle passed to the other services' calls.
-    const Handles rotated{handles_.information, handles_.dataAccess, handles_.control};
-    EXPECT_EQ(GetParam().call(rotated, nullptr), KAVRO_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(GetParam().call(handles_, ""), KAVRO_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(services.calls().size(), 0u);
-}
-
-TEST_P(InitiatorCall, ServiceNameChoosesTheBusName)
-{
-    ScriptedRecordingServices services(sampleRecording());
-    EXPECT_NE(GetParam().call(handles_, "no_such_service"), KAVRO_STATUS_OK);
-    EXPECT_EQ(services.calls().size(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Calls, InitiatorCall, testing::ValuesIn(allCalls()),
-                         [](const auto& info) { return std::string(info.param.method); });
 
 class Initiators : public testing::Test {
 protected:
-    void TearDown() override { closeHandles(handles_); }
-    Handles handles_ = openHandles();
-    ScriptedRecordingServices services_{sampleRecording()};
+    ~Initiators() override { kavro_api_recording_data_access_initiator_deinit(handle_); }
+    void* handle_ = openDataAccess();
 };
 
-TEST_F(Initiators, TracksAreANullTerminatedArray)
+// Every call goes through the same transport: one call stands for all seven here.
+TEST_F(Initiators, TransportFailuresAreStatusesAndWriteNoOutput)
 {
-    char** tracks = nullptr;
-    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(handles_.control, "recording_control", &tracks),
-              KAVRO_STATUS_OK);
-    ASSERT_NE(tracks, nullptr);
-    ASSERT_EQ(length(tracks), 3u);
-    EXPECT_STREQ(tracks[0], "CAM01");
-    EXPECT_STREQ(tracks[2], "META001");
-    kavro_core_free_string_array(tracks);
+    const Metadata unknown = getMetadata(handle_);
+    EXPECT_EQ(KAVRO_STATUS_SERVICE_UNKNOWN, unknown.status);
+    EXPECT_EQ(std::vector<unsigned>(6, kUntouched), unknown.times);
+    EXPECT_FALSE(unknown.document);
 
-    services_.scriptGetTracks([] { return std::vector<std::string>{}; });
-    tracks = nullptr;
-    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(handles_.control, "recording_control", &tracks),
-              KAVRO_STATUS_OK);
-    ASSERT_NE(tracks, nullptr);
-    EXPECT_EQ(tracks[0], nullptr);
-    kavro_core_free_string_array(tracks);
+    RudeDataAccess service(kavro::bus::connectToBus());
+    service.set(refusing(77));
+    const Metadata refused = getMetadata(handle_);
+    EXPECT_EQ(77, refused.status);
+    EXPECT_EQ(std::vector<unsigned>(6, kUntouched), refused.times);
+
+    service.set(stalling(1500ms));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(KAVRO_STATUS_TIMEOUT, getMetadata(handle_).status);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GT(took, 800ms);  // KAVRO_CALL_TIMEOUT_MS is 1000 in the tests
+    EXPECT_LT(took, 1400ms);
+
+    EXPECT_NE(KAVRO_STATUS_OK, getMetadata(handle_, 1, 0, "no_such_service").status);
+    const int calls = service.calls();
+    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, getMetadata(handle_, 1, 0, "").status);
+    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, getMetadata(nullptr).status);
+    EXPECT_EQ(calls, service.calls());
 }
 
-TEST_F(Initiators, InformationAnswersArriveUnchanged)
+TEST_F(Initiators, DocumentsArriveWholeAndTimesUnchanged)
 {
-    unsigned s = 0, su = 0, e = 0, eu = 0;
-    ASSERT_EQ(kavro_api_recording_information_get_recording_summary_send(
-                  handles_.information, "recording_information", &s, &su, &e, &eu),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ((std::vector<unsigned>{s, su, e, eu}), (std::vector<unsigned>{10, 0, 30, 0}));
-
-    services_.scriptGetTrackSummary([](const std::string& track) -> Reply<Span> {
-        if (track != "CAM02") return Reply<Span>::status(9);
-        return Span{{4000000000u, 999999}, {4000000001u, 1}};
-    });
-    ASSERT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  handles_.information, "recording_information", "CAM02", &s, &su, &e, &eu),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ((std::vector<unsigned>{s, su, e, eu}),
-              (std::vector<unsigned>{4000000000u, 999999, 4000000001u, 1}));
-    EXPECT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  handles_.information, "recording_information", "CAM01", &s, &su, &e, &eu),
-              9);
-
-    unsigned char state = 0;
-    char** on = nullptr;
-    ASSERT_EQ(kavro_api_recording_information_get_recording_state_send(
-                  handles_.information, "recording_information", 25, 0, &state, &on),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ(state, 1);
-    ASSERT_EQ(length(on), 2u);
-    EXPECT_STREQ(on[0], "CAM01");
-    EXPECT_STREQ(on[1], "CAM02");
-    kavro_core_free_string_array(on);
-    EXPECT_EQ(services_.calls().back().args, "25.000000");
-}
-
-TEST_F(Initiators, HistoryEventArraysAreParallelAndNullTerminated)
-{
-    unsigned t[6] = {};
-    char** names = nullptr;
-    unsigned int** keys = nullptr;
-    unsigned int** values = nullptr;
-    ASSERT_EQ(kavro_api_recording_data_access_get_recording_history_event_send(
-                  handles_.dataAccess, "recording_data_access", 20, 500, &t[0], &t[1], &t[2], &t[3],
-                  &t[4], &t[5], &names, &keys, &values),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ((std::vector<unsigned>(t, t + 6)), (std::vector<unsigned>{20, 500, 10, 0, 30, 0}));
-    ASSERT_EQ(length(names), 1u);
-    ASSERT_EQ(length(keys), 1u);
-    ASSERT_EQ(length(values), 1u);
-    EXPECT_STREQ(names[0], "CAM02");
-    EXPECT_EQ(*keys[0], kTrackKey);
-    EXPECT_EQ(*values[0], 1u);
-    kavro_core_free_string_array(names);
-    kavro_core_free_uint_array(keys);
-    kavro_core_free_uint_array(values);
-
-    unsigned sec = 0, usec = 0;
-    ASSERT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  handles_.dataAccess, "recording_data_access", &sec, &usec),
-              KAVRO_STATUS_OK);
-    EXPECT_EQ(sec, 10u);
-    EXPECT_EQ(usec, 0u);
-}
-
-TEST_F(Initiators, MetadataDocumentArrivesWhole)
-{
+    RudeDataAccess service(kavro::bus::connectToBus());
     const std::string big = "<frame>" + std::string(1 << 20, 'x') + "</frame>";
     for (const std::string& text : {std::string(), std::string("<a b=\"&amp;\">ü</a>"), big}) {
-        services_.scriptGetMetadata([text](StoreTime t) { return MetadataAnswer{t, {0, 0}, {0, 0}, text}; });
-        unsigned v[6] = {};
-        char* document = nullptr;
-        ASSERT_EQ(kavro_api_recording_data_access_get_metadata_send(handles_.dataAccess,
-                                                                    "recording_data_access", 12, 34,
-                                                                    &v[0], &v[1], &v[2], &v[3], &v[4],
-                                                                    &v[5], &document),
-                  KAVRO_STATUS_OK);
-        ASSERT_NE(document, nullptr);
-        EXPECT_EQ(std::string(document), text);
-        EXPECT_EQ(v[0], 12u);
-        EXPECT_EQ(v[1], 34u);
-        std::free(document);
+        service.set({0, 0ms, {}, {}, {}, text});
+        const Metadata m = getMetadata(handle_, 4000000000u, 999999);
+        ASSERT_EQ(KAVRO_STATUS_OK, m.status);
+        EXPECT_EQ(text, m.document.value_or("(none)"));
+        EXPECT_EQ((std::vector<unsigned>{4000000000u, 999999, 1, 0, 4000000000u, 999999}), m.times);
     }
 }
 
-struct MalformedShape {
-    size_t names, keys, values;
-};
-
-void PrintTo(const MalformedShape& s, std::ostream* os)
+// Names, keys and values must be parallel and not empty; anything else is refused whole.
+TEST_F(Initiators, HistoryEventArraysOfUnequalLengthAreAMalformedReply)
 {
-    *os << s.names << " names, " << s.keys << " keys, " << s.values << " values";
+    RudeDataAccess service(kavro::bus::connectToBus());
+    const std::vector<std::vector<size_t>> shapes = {{2, 2, 2}, {0, 0, 0}, {2, 1, 2}, {1, 2, 2},
+                                                     {2, 2, 1}, {0, 1, 1}};
+    for (const auto& shape : shapes) {
+        service.set({0, 0ms, std::vector<std::string>(shape[0], "V1"),
+                     std::vector<uint32_t>(shape[1], 1), std::vector<uint32_t>(shape[2], 0), ""});
+        unsigned t[6];
+        char** names = nullptr;
+        unsigned int** keys = nullptr;
+        unsigned int** values = nullptr;
+        const kavro_core_status status = kavro_api_recording_data_access_get_recording_history_event_send(
+            handle_, "recording_data_access", 5, 6, &t[0], &t[1], &t[2], &t[3], &t[4], &t[5], &names,
+            &keys, &values);
+        const bool wellFormed = shape[0] == 2 && shape[1] == 2 && shape[2] == 2;
+        EXPECT_EQ(wellFormed ? KAVRO_STATUS_OK : KAVRO_STATUS_MALFORMED_REPLY, status)
+            << shape[0] << " names, " << shape[1] << " keys, " << shape[2] << " values";
+        EXPECT_EQ(wellFormed, names != nullptr && keys != nullptr && values != nullptr);
+        if (wellFormed) {
+            EXPECT_STREQ("V1", names[1]);
+            EXPECT_EQ(nullptr, names[2]);
+            EXPECT_EQ(1u, *keys[1]);
+            EXPECT_EQ(nullptr, values[2]);
+        }
+        kavro_core_free_string_array(names);
+        kavro_core_free_uint_array(keys);
+        kavro_core_free_uint_array(values);
+    }
 }
 
-class MalformedHistoryReply : public Initiators, public testing::WithParamInterface<MalformedShape> {};
-
-TEST_P(MalformedHistoryReply, IsAFrameworkStatusWithNothingHandedOut)
+TEST(InitiatorArguments, NullOutputsAndForeignHandlesAreRefusedWithoutACall)
 {
-    const auto shape = GetParam();
-    services_.scriptGetRecordingHistoryEvent([shape](StoreTime t) {
-        HistoryEventAnswer a;
-        a.cur = t;
-        a.names.assign(shape.names, "CAM01");
-        a.keys.assign(shape.keys, kTrackKey);
-        a.values.assign(shape.values, 1);
-        return a;
-    });
-    unsigned t[6] = {};
-    char** names = nullptr;
-    unsigned int** keys = nullptr;
-    unsigned int** values = nullptr;
-    EXPECT_EQ(kavro_api_recording_data_access_get_recording_history_event_send(
-                  handles_.dataAccess, "recording_data_access", 20, 0, &t[0], &t[1], &t[2], &t[3],
-                  &t[4], &t[5], &names, &keys, &values),
-              KAVRO_STATUS_MALFORMED_REPLY);
-    EXPECT_EQ(names, nullptr);
-    EXPECT_EQ(keys, nullptr);
-    EXPECT_EQ(values, nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(Shapes, MalformedHistoryReply,
-                         testing::Values(MalformedShape{0, 0, 0},  // an event without properties
-                                         MalformedShape{2, 1, 2}, MalformedShape{1, 2, 2},
-                                         MalformedShape{2, 2, 1}, MalformedShape{0, 1, 1}));
-
-TEST_F(Initiators, NullOutputsAreRefusedWithoutACall)
-{
+    void* ctl = nullptr;
+    void* inf = nullptr;
+    ASSERT_EQ(0, kavro_api_recording_control_initiator_init(nullptr, nullptr, &ctl, nullptr, nullptr));
+    ASSERT_EQ(0, kavro_api_recording_information_initiator_init(nullptr, nullptr, &inf, nullptr, nullptr));
+    void* da = openDataAccess();
     unsigned u = 0;
     unsigned char c = 0;
     char** strings = nullptr;
     unsigned int** numbers = nullptr;
     char* text = nullptr;
-    void* const ctl = handles_.control;
-    void* const inf = handles_.information;
-    void* const da = handles_.dataAccess;
+    const char* const C = "recording_control";
     const char* const I = "recording_information";
     const char* const D = "recording_data_access";
     const std::vector<std::pair<const char*, std::function<kavro_core_status()>>> cases = {
-        {"tracks", [&] { return kavro_api_recording_control_get_tracks_send(ctl, "recording_control", nullptr); }},
+        {"tracks", [&] { return kavro_api_recording_control_get_tracks_send(ctl, C, nullptr); }},
+        {"tracks on a data-access handle", [&] { return kavro_api_recording_control_get_tracks_send(da, C, &strings); }},
         {"summary last", [&] { return kavro_api_recording_information_get_recording_summary_send(inf, I, &u, &u, &u, nullptr); }},
         {"summary first", [&] { return kavro_api_recording_information_get_recording_summary_send(inf, I, nullptr, &u, &u, &u); }},
+        {"summary on a control handle", [&] { return kavro_api_recording_information_get_recording_summary_send(ctl, I, &u, &u, &u, &u); }},
         {"state", [&] { return kavro_api_recording_information_get_recording_state_send(inf, I, 1, 0, nullptr, &strings); }},
         {"tracksOn", [&] { return kavro_api_recording_information_get_recording_state_send(inf, I, 1, 0, &c, nullptr); }},
         {"track name", [&] { return kavro_api_recording_information_get_track_summary_send(inf, I, nullptr, &u, &u, &u, &u); }},
         {"track summary last", [&] { return kavro_api_recording_information_get_track_summary_send(inf, I, "META001", &u, &u, &u, nullptr); }},
         {"first time", [&] { return kavro_api_recording_data_access_get_first_recording_history_event_time_send(da, D, &u, nullptr); }},
+        {"first time on an information handle", [&] { return kavro_api_recording_data_access_get_first_recording_history_event_time_send(inf, D, &u, &u); }},
         {"event cur", [&] { return kavro_api_recording_data_access_get_recording_history_event_send(da, D, 1, 0, nullptr, &u, &u, &u, &u, &u, &strings, &numbers, &numbers); }},
         {"event values", [&] { return kavro_api_recording_data_access_get_recording_history_event_send(da, D, 1, 0, &u, &u, &u, &u, &u, &u, &strings, &numbers, nullptr); }},
         {"metadata next", [&] { return kavro_api_recording_data_access_get_metadata_send(da, D, 1, 0, &u, &u, &u, &u, &u, nullptr, &text); }},
         {"metadata document", [&] { return kavro_api_recording_data_access_get_metadata_send(da, D, 1, 0, &u, &u, &u, &u, &u, &u, nullptr); }},
     };
-    for (const auto& [what, call] : cases) {
-        EXPECT_EQ(call(), KAVRO_STATUS_INVALID_ARGUMENT) << what;
-    }
-    EXPECT_EQ(services_.calls().size(), 0u);
+    RudeDataAccess service(kavro::bus::connectToBus());
+    for (const auto& [what, call] : cases) EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, call()) << what;
+    EXPECT_EQ(0, service.calls());
+    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, kavro_api_recording_information_initiator_deinit(ctl));
+    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT,
+              kavro_api_recording_control_initiator_init(nullptr, nullptr, nullptr, nullptr, nullptr));
+    kavro_api_recording_control_initiator_deinit(ctl);
+    kavro_api_recording_information_initiator_deinit(inf);
+    kavro_api_recording_data_access_initiator_deinit(da);
 }
 
-TEST_F(Initiators, HandlesOnSeveralThreadsAtOnce)
+TEST(InitiatorThreads, HandlesOnSeveralThreadsAtOnce)
 {
-    constexpr int kThreads = 6;
-    constexpr int kCalls = 100;
+    RudeDataAccess service(kavro::bus::connectToBus());
+    service.set({0, 0ms, {}, {}, {}, "<frame id='2'/>"});
     std::vector<std::future<int>> workers;
-    for (int i = 0; i < kThreads; ++i) {
+    for (int i = 0; i < 6; ++i) {
         workers.push_back(std::async(std::launch::async, [] {
-            Handles h = openHandles();
+            void* h = openDataAccess();
             int good = 0;
-            for (int n = 0; n < kCalls; ++n) {
-                unsigned t[6] = {};
-                char* document = nullptr;
-                const auto s = kavro_api_recording_data_access_get_metadata_send(
-                    h.dataAccess, "recording_data_access", 15, unsigned(n), &t[0], &t[1], &t[2], &t[3],
-                    &t[4], &t[5], &document);
-                if (s == KAVRO_STATUS_OK && t[0] == 15 && std::string(document) == "<frame id='2'/>") ++good;
-                std::free(document);
+            for (unsigned n = 0; n < 100; ++n) {
+                const Metadata m = getMetadata(h, 15, n);
+                good += m.status == 0 && m.times[1] == n && m.document == "<frame id='2'/>";
             }
-            closeHandles(h);
+            kavro_api_recording_data_access_initiator_deinit(h);
             return good;
         }));
     }
-    for (auto& w : workers) EXPECT_EQ(w.get(), kCalls);
+    for (auto& w : workers) EXPECT_EQ(100, w.get());
 }
 
-TEST(InitiatorSetUp, RefusesNullAndForeignHandles)
+TEST(InitiatorBus, NoBusOrABusLostMidCallIsAStatus)
 {
-    EXPECT_EQ(kavro_api_recording_control_initiator_init(nullptr, nullptr, nullptr, nullptr, nullptr),
-              KAVRO_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(kavro_api_recording_data_access_initiator_deinit(nullptr), KAVRO_STATUS_INVALID_ARGUMENT);
-    Handles h = openHandles();
-    EXPECT_EQ(kavro_api_recording_information_initiator_deinit(h.control), KAVRO_STATUS_INVALID_ARGUMENT);
-    closeHandles(h);
-}
-
-TEST(InitiatorSetUp, NoBusIsAFrameworkStatus)
-{
-    ScopedBusAddress nowhere("unix:path=/nonexistent/rs-test-bus");
-    void* handle = reinterpret_cast<void*>(0x1);
-    EXPECT_EQ(kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &handle, nullptr, nullptr),
-              KAVRO_STATUS_BUS_UNREACHABLE);
-    EXPECT_EQ(handle, nullptr);
-}
-
-TEST(InitiatorBusLoss, CallInProgressWhenTheBusDiesReturnsAStatus)
-{
-    PrivateBus bus;
-    Handles h;
     {
-        ScopedBusAddress here(bus.address());
-        h = openHandles();
+        ScopedBusAddress nowhere("unix:path=/nonexistent/rs-test-bus");
+        void* handle = reinterpret_cast<void*>(0x1);
+        EXPECT_EQ(KAVRO_STATUS_BUS_UNREACHABLE,
+                  kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &handle, nullptr, nullptr));
+        EXPECT_EQ(nullptr, handle);
     }
-    auto services = std::make_unique<ScriptedRecordingServices>(
-        sampleRecording(), std::vector<RecordingService>{RecordingService::DataAccess}, bus.address());
-    services->stallMethod("GetMetadata", 10s);
-    auto call = std::async(std::launch::async, [&h] {
-        unsigned t[6] = {};
-        char* document = nullptr;
-        const auto s = kavro_api_recording_data_access_get_metadata_send(
-            h.dataAccess, "recording_data_access", 1, 0, &t[0], &t[1], &t[2], &t[3], &t[4], &t[5], &document);
-        std::free(document);
-        return s;
-    });
-    ASSERT_TRUE(services->waitForCalls("GetMetadata", 1, 5s));
+    PrivateBus bus;
+    ScopedBusAddress here(bus.address());
+    void* h = openDataAccess();
+    auto service = std::make_unique<RudeDataAccess>(kavro::bus::connectToBus());
+    service->set(stalling(1500ms));
+    auto call = std::async(std::launch::async, [h] { return getMetadata(h).status; });
+    while (service->calls() == 0) std::this_thread::sleep_for(1ms);
     bus.kill();
-    ASSERT_EQ(call.wait_for(5s), std::future_status::ready);
-    EXPECT_NE(call.get(), KAVRO_STATUS_OK);
-    services.reset();
-
-    unsigned sec = 0, usec = 0;
-    EXPECT_NE(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  h.dataAccess, "recording_data_access", &sec, &usec),
-              KAVRO_STATUS_OK);
-    closeHandles(h);
+    ASSERT_EQ(std::future_status::ready, call.wait_for(5s));
+    EXPECT_NE(KAVRO_STATUS_OK, call.get());
+    service.reset();
+    EXPECT_NE(KAVRO_STATUS_OK, getMetadata(h).status);
+    kavro_api_recording_data_access_initiator_deinit(h);
 }
 
 }  // namespace

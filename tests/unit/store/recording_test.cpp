@@ -63,11 +63,6 @@ struct LookupCase {
     StoreTime cur, prev, next;
 };
 
-void PrintTo(const LookupCase& c, std::ostream* os)
-{
-    *os << (c.table == Table::HistoryEvents ? "Event" : "Document") << c.name;
-}
-
 class NeighbourLookup : public SmallRecording, public testing::WithParamInterface<LookupCase> {
 protected:
     std::optional<store::Neighbours> timesAt(Table table, StoreTime t)
@@ -114,7 +109,9 @@ INSTANTIATE_TEST_SUITE_P(
         LookupCase{"JustAfterSharedTime", kDocuments, at(160, 1), at(160), at(150, 1), at(170)},
         LookupCase{"BeforeTheFirst", kDocuments, at(1), at(150), at(0), at(150, 1)},
         LookupCase{"AfterTheLast", kDocuments, at(171), at(170), at(160), at(0)}),
-    testing::PrintToStringParamName());
+    [](const auto& info) {
+        return (info.param.table == kEvents ? "Event" : "Document") + std::string(info.param.name);
+    });
 
 MATCHER_P3(IsProperty, key, value, name, "")
 {
@@ -164,8 +161,6 @@ struct StateCase {
     std::vector<std::string> tracksOn;
 };
 
-void PrintTo(const StateCase& c, std::ostream* os) { *os << c.name; }
-
 class StateLookup : public SmallRecording, public testing::WithParamInterface<StateCase> {};
 
 TEST_P(StateLookup, AppliesEveryEventUpToAndIncludingTheTime)
@@ -186,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
         StateCase{"AfterATrackWentOff", at(250), 0, {"META001"}},
         StateCase{"AtTheLastEvent", at(300, 999999), 1, {"VIDEO001", "META001"}},
         StateCase{"BeyondTheSecond", at(300, 2000000), 1, {"VIDEO001", "META001"}}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(SmallRecording, ListsTracksInTheOrderTheyCameIn)
 {
@@ -208,8 +203,6 @@ struct TrackCase {
     std::optional<std::pair<StoreTime, StoreTime>> span;
 };
 
-void PrintTo(const TrackCase& c, std::ostream* os) { *os << (*c.track ? c.track : "Empty"); }
-
 class TrackSummary : public SmallRecording, public testing::WithParamInterface<TrackCase> {};
 
 TEST_P(TrackSummary, SpansTheTracksData)
@@ -230,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TrackCase{"SPARE", true, std::nullopt},
                     TrackCase{"NOPE", false, std::nullopt},
                     TrackCase{"", false, std::nullopt}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(*info.param.track ? info.param.track : "Empty"); });
 
 TEST(EmptyRecording, AnswersNothingButTheTracksAndAnAllOffState)
 {
@@ -283,8 +276,6 @@ struct UnusableCase {
     std::function<std::string(const TempDir&)> make;
     const char* reason;
 };
-
-void PrintTo(const UnusableCase& c, std::ostream* os) { *os << c.name; }
 
 void runSql(const std::string& path, const std::string& sql)
 {
@@ -339,7 +330,7 @@ INSTANTIATE_TEST_SUITE_P(
                          return d.file("c.db");
                      },
                      "not a recording"}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(RecordingWriterOpen, RefusesToWriteIntoANewerRecording)
 {

@@ -182,8 +182,6 @@ struct BadOptions {
     std::function<void(SampleOptions&)> spoil;
 };
 
-void PrintTo(const BadOptions& c, std::ostream* os) { *os << c.name; }
-
 class SampleOptionsCheck : public testing::TestWithParam<BadOptions> {};
 
 TEST_P(SampleOptionsCheck, RefusesOptionsItCannotHonour)
@@ -205,6 +203,6 @@ INSTANTIATE_TEST_SUITE_P(
                     BadOptions{"UnknownClass", [](SampleOptions& o) { o.classMix = {{"Dragon", 1}}; }},
                     BadOptions{"AllWeightsZero", [](SampleOptions& o) { o.classMix = {{"Person", 0}}; }},
                     BadOptions{"NegativeMean", [](SampleOptions& o) { o.trackOffSeconds = -1; }}),
-    testing::PrintToStringParamName());
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

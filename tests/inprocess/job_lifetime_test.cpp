@@ -1,0 +1,92 @@
+// How long a search may hold its place: searches never begun expire, and a full table gives up
+// its oldest completed search. Bounds made small so the test does not wait for the real ones.
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "inprocess/WalkFixture.h"
+
+namespace walk {
+namespace {
+
+using namespace std::chrono_literals;
+
+class JobLifetime : public WalkTest {
+protected:
+    explicit JobLifetime(RecordingSearchTargetImpl::Limits limits) : WalkTest(limits) {}
+
+    unsigned int state(int id)
+    {
+        unsigned int idOut = 0, s = 99;
+        target->getSearchState(static_cast<unsigned int>(id), &idOut, &s);
+        return s;
+    }
+    int create() { return createMetadata(t(100), t(130), "/"); }
+    int createNoop()
+    {
+        int id = -2;
+        EXPECT_EQ(0, target->createNoopSearch(&id));
+        return id;
+    }
+};
+
+class UnbegunExpiry : public JobLifetime {
+protected:
+    UnbegunExpiry() : JobLifetime({256, boost::chrono::milliseconds(300)}) {}
+};
+
+TEST_F(UnbegunExpiry, SearchNeverBegunFreesItsSlotWhileABegunOneKeepsWalking)
+{
+    std::atomic<bool> inCall{false}, release{false};
+    services.document = [&](SearchTime, fake::MetadataAnswer&) {
+        inCall = true;
+        for (int i = 0; i < 300 && !release; ++i) std::this_thread::sleep_for(10ms);
+    };
+    const int begun = create();
+    const int idle = create();
+    unsigned int out = 0;
+    target->beginSearch(static_cast<unsigned int>(begun), &out);
+    while (!inCall) std::this_thread::sleep_for(1ms);
+    const auto created = std::chrono::steady_clock::now();
+    EXPECT_EQ(create(), -1);
+
+    int third = -1;
+    while (third < 0 && std::chrono::steady_clock::now() - created < 3s) {
+        std::this_thread::sleep_for(20ms);
+        third = create();
+    }
+    EXPECT_GT(third, 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - created, 250ms);
+    EXPECT_EQ(state(idle), 0u);
+    EXPECT_EQ(state(begun), 1u);
+    release = true;
+    unsigned int id = 0, sec = 0, usec = 0;
+    target->endSearch(static_cast<unsigned int>(begun), &id, &sec, &usec);  // joins the walk
+}
+
+class FullTable : public JobLifetime {
+protected:
+    FullTable() : JobLifetime({2, boost::chrono::hours(1)}) {}
+};
+
+TEST_F(FullTable, CreateEndsTheOldestCompletedSearchOrIsRefusedWhenNoneHasCompleted)
+{
+    const int running = create();
+    const int done = createNoop();
+    const int noop = createNoop();
+    EXPECT_GT(noop, 0);
+    EXPECT_EQ(state(done), 0u);
+    EXPECT_EQ(state(running), 1u);
+
+    unsigned int id = 0, sec = 0, usec = 0;
+    target->endSearch(static_cast<unsigned int>(noop), &id, &sec, &usec);
+    EXPECT_GT(create(), 0);
+    EXPECT_EQ(createNoop(), -1);
+    EXPECT_EQ(state(running), 1u);
+}
+
+}  // namespace
+}  // namespace walk
