@@ -70,7 +70,11 @@ public:
         for (auto& entry : entries) envp.push_back(entry.data());
         envp.push_back(nullptr);
         try {
-            child = bp::child(bp::exe = binary, bp::args = args, bp::std_in < bp::null,
+            // A bare name is looked up on PATH, as a shell would.
+            const std::string exe = binary.find('/') == std::string::npos
+                                        ? bp::search_path(binary).string()
+                                        : binary;
+            child = bp::child(bp::exe = exe.empty() ? binary : exe, bp::args = args, bp::std_in < bp::null,
                               bp::std_out > out.pipe, bp::std_err > err.pipe,
                               bp::extend::on_setup = [&envp](auto& exec) { exec.env = envp.data(); },
                               bp::extend::on_exec_setup = [](auto&) {
