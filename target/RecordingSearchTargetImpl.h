@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -76,7 +77,7 @@ public:
     // Async-signal-safe.
     void stopProcessEvents();
 
-protected:
+private:
     struct JobEntry {
         boost::shared_ptr<SearchJob> job;
         std::string client;  // the bus name that created it
@@ -89,8 +90,9 @@ protected:
     unsigned int _createJobId();
     bool _canCreateJob() const;
 
-    // The last id handed out, shared by every target of the process. Read and written under
-    // the allocating target's jobMapMutex; atomic only because tests run several targets.
+    // The last id handed out, one counter for the process. Read and written under the
+    // allocating target's jobMapMutex; atomic because a process may hold more than one target
+    // (the tests do), each with its own mutex.
     static std::atomic<unsigned int> lastJobId;
 
     JobTable JobMap;
@@ -100,7 +102,6 @@ protected:
     boost::condition_variable eventAvailable;
     void* const logCookie;
 
-private:
     using BuildJob = std::function<SearchJob*(unsigned int id)>;
     int _createSearch(const char* requestName, bool running, const BuildJob& build, int* jobId);
     bool _reserveJobId(bool running, int* jobId, unsigned int* id);
