@@ -1,12 +1,12 @@
 // Requests at the edges of what the contract allows, and some that it does not, sent to the
 // real recording_search: each gets the contract's answer, and the service goes on serving.
 
-#include <signal.h>
-
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -45,20 +45,14 @@ std::string writeSmallRecording(const std::string& path)
     return path;
 }
 
-// What an event search over the recording must report, as (sec, state) pairs.
-std::vector<std::pair<uint32_t, uint8_t>> eventTimes(bool forward, int limit)
-{
-    std::vector<std::pair<uint32_t, uint8_t>> times;
-    for (int i = 0; i < kEvents; ++i) times.emplace_back(kFirst + i, i % 2);
-    if (!forward) std::reverse(times.begin(), times.end());
-    if (limit >= 0 && times.size() > size_t(limit)) times.resize(limit);
-    return times;
-}
-
-std::vector<uint32_t> documentSeconds()
+// The seconds a search over the whole recording reports: one result a second, the track's
+// state alternating from off.
+std::vector<uint32_t> expectedSeconds(bool forward, int limit)
 {
     std::vector<uint32_t> secs;
     for (int i = 0; i < kEvents; ++i) secs.push_back(kFirst + i);
+    if (!forward) std::reverse(secs.begin(), secs.end());
+    if (limit >= 0 && secs.size() > size_t(limit)) secs.resize(limit);
     return secs;
 }
 
@@ -122,15 +116,8 @@ TEST_P(HostileTimes, CreateAnswersStatusOneOnlyForMicrosecondsOutOfRange)
                                                         c.endUsec, -1, "//Object");
     for (const auto* created : {&events, &documents}) {
         EXPECT_EQ(created->status, c.status) << created->errorName << " " << created->errorMessage;
-        if (c.status != 0) {
-            EXPECT_EQ(created->errorName, "kavro.Error.Status");
-            continue;
-        }
-        ASSERT_GT(created->value, 0);
-        const auto id = static_cast<uint32_t>(created->value);
-        ASSERT_TRUE(client_.beginSearch(id).ok());
-        EXPECT_TRUE(client_.waitForCompleted(id, 60s));
-        EXPECT_TRUE(client_.endSearch(id).ok());
+        if (c.status != 0) EXPECT_EQ(created->errorName, "kavro.Error.Status");
+        else run([created] { return *created; });
     }
 }
 
@@ -162,23 +149,18 @@ TEST_P(HostileLimits, EveryLimitIsHonouredOverTheWholeTimeRange)
     const auto events = run([&] {
         return client_.createEventSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults, 0, 0, 0);
     });
-    std::vector<std::pair<uint32_t, uint8_t>> got;
+    const auto documents = run([&] {
+        return client_.createMetadataSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults, "//Object");
+    });
+    std::vector<uint32_t> eventSecs, documentSecs;
     for (const auto& s : events) {
         EXPECT_EQ(s.kind, Kind::TrackStateEventSearchResult);
-        got.emplace_back(s.sec, s.state);
+        EXPECT_EQ(s.state, (s.sec - kFirst) % 2) << s.sec;
+        eventSecs.push_back(s.sec);
     }
-    EXPECT_EQ(got, eventTimes(c.forward, c.maxResults));
-
-    const auto documents = run([&] {
-        return client_.createMetadataSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults,
-                                            "//Object");
-    });
-    std::vector<uint32_t> secs;
-    for (const auto& s : documents) secs.push_back(s.sec);
-    std::vector<uint32_t> expected = documentSeconds();
-    if (!c.forward) std::reverse(expected.begin(), expected.end());
-    if (c.maxResults >= 0 && expected.size() > size_t(c.maxResults)) expected.resize(c.maxResults);
-    EXPECT_EQ(secs, expected);
+    for (const auto& s : documents) documentSecs.push_back(s.sec);
+    EXPECT_EQ(eventSecs, expectedSeconds(c.forward, c.maxResults));
+    EXPECT_EQ(documentSecs, expectedSeconds(c.forward, c.maxResults));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -226,11 +208,7 @@ INSTANTIATE_TEST_SUITE_P(
         ExpressionCase{"DoesNotCompile", "//Object[", false},
         ExpressionCase{"MegabyteLiteral", "string-length('" + std::string(1 << 20, 'a') +
                                               "') = " + std::to_string(1 << 20), true},
-        ExpressionCase{"LongUnion", nested(1, "", "//Object", "") + [] {
-                           std::string tail;
-                           for (int i = 0; i < 20000; ++i) tail += " | //NoSuchElement";
-                           return tail;
-                       }(), true},
+        ExpressionCase{"LongUnion", nested(20000, "", "//Object", " | //NoSuchElement"), true},
         ExpressionCase{"Nested100Parentheses", nested(100, "(", "//Object", ")"), true},
         ExpressionCase{"Nested100kParentheses", nested(100000, "(", "//Object", ")"), false},
         ExpressionCase{"Nested100kNot", nested(100000, "not(", "//Object", ")"), false},
@@ -241,15 +219,11 @@ TEST_F(HostileRequests, UnknownAndExtremeIdsGetTheNotFoundAnswers)
 {
     for (uint32_t id : {0u, kMax, kMax - 1, 0x80000000u}) {
         const auto begun = client_.beginSearch(id);
-        EXPECT_TRUE(begun.ok()) << begun.errorName;
-        EXPECT_EQ(begun.value, id);
         const auto state = client_.getSearchState(id);
-        EXPECT_TRUE(state.ok());
-        EXPECT_EQ(state.value.jobId, id);
-        EXPECT_EQ(state.value.state, 0u);
         const auto ended = client_.endSearch(id);
-        EXPECT_TRUE(ended.ok());
-        EXPECT_EQ(ended.value.jobId, id);
+        EXPECT_TRUE(begun.ok() && state.ok() && ended.ok()) << id;
+        EXPECT_EQ(std::make_tuple(begun.value, state.value.jobId, state.value.state, ended.value.jobId),
+                  std::make_tuple(id, id, 0u, id));
     }
 }
 
@@ -268,9 +242,7 @@ TEST_F(HostileRequests, RefusedCreatesWhileTwoSearchesRunConsumeNoId)
     }
     const auto next = client_.createNoopSearch();
     EXPECT_EQ(next.value, b.value + 1) << "a refused request takes no id";
-    for (auto id : {a.value, b.value, next.value}) {
-        EXPECT_TRUE(client_.endSearch(static_cast<uint32_t>(id)).ok());
-    }
+    for (auto id : {a.value, b.value, next.value}) EXPECT_TRUE(client_.endSearch(uint32_t(id)).ok());
 }
 
 // Calls that no generated client would make: wrong argument types, missing arguments, unknown
@@ -290,25 +262,14 @@ TEST_F(HostileRequests, MalformedCallsGetAnErrorReply)
             EXPECT_FALSE(e.getName().empty()) << what;
         }
     };
-    refused("no arguments", [&] {
-        proxy->callMethod("CreateEventSearch").onInterface(interface).withTimeout(5s);
-    });
-    refused("text for numbers", [&] {
-        proxy->callMethod("CreateMetadataSearch").onInterface(interface).withTimeout(5s)
-            .withArguments(std::string("0"), std::string("0"), std::string("1"), std::string("0"),
-                           std::string("-1"), std::string("//a"));
-    });
-    refused("signed id", [&] {
-        proxy->callMethod("EndSearch").onInterface(interface).withTimeout(5s).withArguments(-1);
-    });
-    refused("unknown method", [&] {
-        proxy->callMethod("DropAllSearches").onInterface(interface).withTimeout(5s);
-    });
+    refused("no arguments", [&] { proxy->callMethod("CreateEventSearch").onInterface(interface).withTimeout(5s); });
+    const std::string z = "0";
+    refused("text for numbers", [&] { proxy->callMethod("CreateMetadataSearch").onInterface(interface).withTimeout(5s).withArguments(z, z, z, z, z, z); });
+    refused("signed id", [&] { proxy->callMethod("EndSearch").onInterface(interface).withTimeout(5s).withArguments(-1); });
+    refused("unknown method", [&] { proxy->callMethod("DropAllSearches").onInterface(interface).withTimeout(5s); });
     auto elsewhere = sdbus::createProxy(*connection, kavro::bus::busName("recording_search"),
                                         "/kavro/recording_search/none");
-    refused("unknown object", [&] {
-        elsewhere->callMethod("CreateNoopSearch").onInterface(interface).withTimeout(5s);
-    });
+    refused("unknown object", [&] { elsewhere->callMethod("CreateNoopSearch").onInterface(interface).withTimeout(5s); });
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,17 +26,23 @@ protected:
     LogCapture log_;
 };
 
+// One line per call under the handle's identity; the framework's own without a handle, and a
+// handle's after deinit too (the service logs from destructors that run after logging is shut down).
 TEST_F(Logging, WritesOneLinePerCallWithPriorityAndIdentity)
 {
+    void* gone = nullptr;
+    ASSERT_EQ(kavro_core_logging_init("GONE", &gone), KAVRO_STATUS_OK);
+    kavro_core_logging_deinit(gone);
     kavro_core_logging_log(cookie_, 6, "%d - Created new %s search", 7, "forward");
-    kavro_core_logging_log(cookie_, 3, "Unknown exception caught in main!");
+    EXPECT_EQ(kavro_core_logging_log(nullptr, 4, "no handle %d", 1), KAVRO_STATUS_OK);
+    kavro_core_logging_log(gone, 3, "%d - ~TimelineSearchJob", 3);
     const auto lines = log_.since();
-    ASSERT_EQ(lines.size(), 2u) << log_.dump();
-    EXPECT_EQ(lines[0].priority, 6);
-    EXPECT_EQ(lines[0].identity, "LOGTEST");
-    EXPECT_EQ(lines[0].message, "7 - Created new forward search");
-    EXPECT_EQ(lines[1].priority, 3);
-    EXPECT_EQ(lines[1].message, "Unknown exception caught in main!");
+    ASSERT_EQ(lines.size(), 3u) << log_.dump();
+    const std::vector<std::tuple<int, std::string, std::string>> expected = {
+        {6, "LOGTEST", "7 - Created new forward search"}, {4, "kavro", "no handle 1"}, {3, "GONE", "3 - ~TimelineSearchJob"}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(std::make_tuple(lines[i].priority, lines[i].identity, lines[i].message), expected[i]);
+    }
 }
 
 TEST_F(Logging, MessageLongerThanAnyShortBufferIsWrittenWhole)
@@ -63,17 +70,11 @@ TEST_F(Logging, ConcurrentCallsOnOneHandleKeepEveryLineWhole)
     std::set<std::string> seen;
     for (const auto& line : log_.since()) {
         ASSERT_EQ(line.identity, "LOGTEST") << "torn line: " << line.message;
+        ASSERT_NE(line.message.find(" line "), std::string::npos) << "torn line: " << line.message;
+        ASSERT_EQ(line.message.substr(line.message.size() - 16), "-padding-padding") << line.message;
         seen.insert(line.message);
     }
-    ASSERT_EQ(seen.size(), size_t(kThreads * kLines));
-    for (int t = 0; t < kThreads; ++t) {
-        for (int i = 0; i < kLines; ++i) {
-            const std::string expected = "thread " + std::to_string(t) + " line " +
-                                         std::to_string(i) +
-                                         " padding-padding-padding-padding-padding-padding";
-            ASSERT_EQ(seen.count(expected), 1u) << expected;
-        }
-    }
+    EXPECT_EQ(seen.size(), size_t(kThreads * kLines));
 }
 
 // A client's text (an XPath expression) can reach a log message; it must not forge lines.
@@ -85,40 +86,13 @@ TEST_F(Logging, MessageWithNewlineStaysOneLine)
     EXPECT_FALSE(log_.contains(3, "forged"));
 }
 
-TEST(LoggingHandle, NullHandleStillLogsUnderTheFrameworkIdentity)
-{
-    LogCapture log;
-    EXPECT_EQ(kavro_core_logging_log(nullptr, 4, "no handle %d", 1), KAVRO_STATUS_OK);
-    const auto lines = log.since();
-    ASSERT_EQ(lines.size(), 1u) << log.dump();
-    EXPECT_EQ(lines[0].priority, 4);
-    EXPECT_EQ(lines[0].identity, "kavro");
-    EXPECT_EQ(lines[0].message, "no handle 1");
-}
-
-// The service logs from its target's destructor, which may run after logging is shut down.
-TEST(LoggingHandle, DeinitialisedHandleIsAcceptedAndStillLogs)
+TEST(LoggingHandle, NullArgumentsAreRefusedAndMaxPriorityDropsLessUrgentLines)
 {
     void* cookie = nullptr;
-    ASSERT_EQ(kavro_core_logging_init("GONE", &cookie), KAVRO_STATUS_OK);
-    kavro_core_logging_deinit(cookie);
-    LogCapture log;
-    kavro_core_logging_log(cookie, 6, "%d - ~TimelineSearchJob", 3);
-    EXPECT_EQ(log.count(6, "3 - ~TimelineSearchJob"), 1) << log.dump();
-}
-
-TEST(LoggingHandle, NullArgumentsAreRefused)
-{
     EXPECT_EQ(kavro_core_logging_log(nullptr, 6, nullptr), KAVRO_STATUS_INVALID_ARGUMENT);
-    void* cookie = nullptr;
     EXPECT_NE(kavro_core_logging_init(nullptr, &cookie), KAVRO_STATUS_OK);
     EXPECT_NE(kavro_core_logging_init("X", nullptr), KAVRO_STATUS_OK);
-}
-
-TEST(LoggingHandle, MaxPriorityDropsLessUrgentLines)
-{
     setenv("KAVRO_LOG_MAX_PRIORITY", "5", 1);
-    void* cookie = nullptr;
     const auto status = kavro_core_logging_init("QUIET", &cookie);
     unsetenv("KAVRO_LOG_MAX_PRIORITY");
     ASSERT_EQ(status, KAVRO_STATUS_OK);
