@@ -65,8 +65,6 @@ TEST_F(StoreProcess, ServesAGeneratedRecordingUntilSigterm)
         ASSERT_NE(document, nullptr);
         EXPECT_THAT(document, HasSubstr("<MetadataStream"));
         EXPECT_EQ(cs, 1704067200u);
-        EXPECT_EQ(std::make_pair(ps, pu), std::make_pair(0u, 0u));
-        EXPECT_TRUE(cs < ns || (cs == ns && cu < nu));
         std::free(document);
         kavro_api_recording_data_access_initiator_deinit(data);
     }
@@ -96,37 +94,19 @@ TEST_F(StoreProcess, ASecondInstanceCannotTakeTheNamesAndSaysSo)
     ASSERT_TRUE(first.waitForExit());
 }
 
-struct UnservableCase {
-    const char* name;
-    std::function<std::string(const TempDir&)> make;
-    const char* message;
-};
-
-class UnservableFile : public StoreProcess, public testing::WithParamInterface<UnservableCase> {};
-
-TEST_P(UnservableFile, IsOneLineOnStandardErrorAndExitStatusOne)
+// Why a file is refused is the recording's own test; here, how the process says so.
+TEST_F(StoreProcess, AnUnservableFileIsOneLineOnStandardErrorAndExitStatusOne)
 {
-    const std::string path = GetParam().make(dir_);
+    const std::string path = dir_.write("e.db", "");
     rstest::ProcessRunner serve(kStore, {"serve", path}, busEnv());
     serve.start();
     const auto status = serve.waitForExit();
     ASSERT_TRUE(status);
     EXPECT_EQ(status->code, 1);
     EXPECT_TRUE(oneLine(serve.stderrText())) << serve.stderrText();
-    EXPECT_THAT(serve.stderrText(), HasSubstr(path + ": " + GetParam().message));
+    EXPECT_THAT(serve.stderrText(), HasSubstr(path + ": not a recording"));
     EXPECT_THAT(serve.notifications(), testing::Not(testing::Contains("READY=1")));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, UnservableFile,
-    testing::Values(
-        UnservableCase{"Missing", [](const TempDir& d) { return d.file("none.db"); }, "cannot open"},
-        UnservableCase{"NotADatabase",
-                       [](const TempDir& d) { return d.write("x.db", std::string(8192, 'x')); },
-                       "not a recording"},
-        UnservableCase{"EmptyFile", [](const TempDir& d) { return d.write("e.db", ""); },
-                       "not a recording"}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(StoreProcess, GenerateKeepsAnExistingFileUnlessForced)
 {
@@ -158,8 +138,7 @@ TEST_F(StoreProcess, ImportReportsBadLinesAndLeavesNoFileBehind)
     EXPECT_EQ(good.status.code, 0) << good.err;
     EXPECT_THAT(good.out, HasSubstr("loaded 1 history events (2 properties)"));
     const rstest::RunResult again = rstest::runToEnd(kStore, {"import", target, "--events", events});
-    EXPECT_THAT(again.out, HasSubstr("loaded 0 history events (0 properties) and 0 metadata "
-                                     "documents; skipped 1 history events and 0 metadata documents"));
+    EXPECT_THAT(again.out, HasSubstr("skipped 1 history events and 0 metadata documents"));
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 // their own history, and with documents that the README's queries find without finding all.
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
-#include <sqlite3.h>
+
+#include <fstream>
+#include <iterator>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -28,29 +30,10 @@ store::SampleSummary generate(const std::string& path, const SampleOptions& opti
     return SampleGenerator(options).generate(writer);
 }
 
-// Every row of the file, in a fixed order, as one text.
 std::string contents(const std::string& path)
 {
-    sqlite3* db = nullptr;
-    EXPECT_EQ(sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-    std::string all;
-    for (const char* sql : {"SELECT id, name FROM tracks ORDER BY id",
-                            "SELECT id, t FROM events ORDER BY id",
-                            "SELECT event_id, position, t, key, track_id, value FROM properties "
-                            "ORDER BY event_id, position",
-                            "SELECT id, t, body FROM documents ORDER BY id"}) {
-        sqlite3_exec(
-            db, sql,
-            [](void* out, int columns, char** values, char**) {
-                auto& text = *static_cast<std::string*>(out);
-                for (int i = 0; i < columns; ++i) text.append(values[i] ? values[i] : "NULL").push_back('|');
-                text.push_back('\n');
-                return 0;
-            },
-            &all, nullptr);
-    }
-    sqlite3_close(db);
-    return all;
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 SampleOptions tenMinutes(uint64_t seed)
@@ -107,27 +90,8 @@ TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetad
         t = document->times.next;
     }
     EXPECT_EQ(documents + 1, summary.documents);
+    EXPECT_EQ(recording.stateAt(recording.summary()->end).state, 0) << "all switched off at the end";
 }
-
-TEST(SampleGenerator, WritesTheAskedRateWhileEverythingStaysOn)
-{
-    TempDir dir;
-    SampleOptions options;
-    options.durationSeconds = 120;
-    options.documentsPerSecond = 8;
-    options.recordingOnSeconds = options.trackOnSeconds = 1e9;
-    const store::SampleSummary summary = generate(dir.file("r.db"), options);
-    EXPECT_EQ(summary.documents, 960u);
-    EXPECT_EQ(summary.events, 2u) << "one switching everything on, one switching it off at the end";
-    Recording recording(dir.file("r.db"));
-    EXPECT_EQ(recording.summary()->end, at(options.start.sec + 120));
-    EXPECT_EQ(recording.stateAt(at(options.start.sec + 120)).state, 0);
-}
-
-struct QueryShare {
-    std::string xpath;
-    double matched = 0;
-};
 
 // The README's example queries, evaluated the way the search evaluates them.
 TEST(SampleGenerator, DocumentsParseAndTheReadmeQueriesFindSomeButNotAll)
@@ -142,38 +106,32 @@ TEST(SampleGenerator, DocumentsParseAndTheReadmeQueriesFindSomeButNotAll)
     EXPECT_GT(meanBytes, 900);
     EXPECT_LT(meanBytes, 1600);
 
-    std::vector<QueryShare> queries{
-        {"//Object[Appearance/Class/Type='Vehicle' and Appearance/Color/ColorCluster/@Name='red']"},
-        {"//Object/Appearance/Class/Type[.='Person' and @Likelihood > 0.8]"},
-        {"//NotificationMessage[@Topic='VideoSource/MotionAlarm']/Data/"
-         "SimpleItem[@Name='State' and @Value='true']"},
-        {"//Frame[@ObjectCount >= 3]"},
-        {"//VehicleInfo[@Type='Truck']"}};
-    std::vector<xmlXPathCompExprPtr> compiled;
-    for (const QueryShare& query : queries) {
-        compiled.push_back(xmlXPathCompile(BAD_CAST query.xpath.c_str()));
-        ASSERT_NE(compiled.back(), nullptr) << query.xpath;
-    }
+    const std::vector<std::string> queries{
+        "//Object[Appearance/Class/Type='Vehicle' and Appearance/Color/ColorCluster/@Name='red']",
+        "//Object/Appearance/Class/Type[.='Person' and @Likelihood > 0.8]",
+        "//NotificationMessage[@Topic='VideoSource/MotionAlarm']/Data/"
+        "SimpleItem[@Name='State' and @Value='true']",
+        "//Frame[@ObjectCount >= 3]", "//VehicleInfo[@Type='Truck']"};
+    std::vector<double> matched(queries.size());
     Recording recording(dir.file("r.db"));
-    for (StoreTime t = options.start;;) {
-        const auto document = recording.metadataAt(t);
-        ASSERT_TRUE(document);
-        xmlDocPtr doc = xmlParseDoc(BAD_CAST document->body.c_str());
-        ASSERT_NE(doc, nullptr) << document->body;
+    for (StoreTime t = options.start; !t.isNone();) {
+        const auto document = recording.metadataAt(t).value();
+        xmlDocPtr doc = xmlParseDoc(BAD_CAST document.body.c_str());
+        ASSERT_NE(doc, nullptr) << document.body;
         xmlXPathContextPtr context = xmlXPathNewContext(doc);
         for (size_t i = 0; i < queries.size(); ++i) {
-            queries[i].matched += xmlXPathCompiledEvalToBoolean(compiled[i], context) == 1;
+            xmlXPathObjectPtr found = xmlXPathEvalExpression(BAD_CAST queries[i].c_str(), context);
+            ASSERT_NE(found, nullptr) << queries[i];
+            matched[i] += xmlXPathCastToBoolean(found);
+            xmlXPathFreeObject(found);
         }
         xmlXPathFreeContext(context);
         xmlFreeDoc(doc);
-        if (document->times.next.isNone()) break;
-        t = document->times.next;
+        t = document.times.next;
     }
     for (size_t i = 0; i < queries.size(); ++i) {
-        const double share = queries[i].matched / double(summary.documents);
-        EXPECT_GT(share, 0.003) << queries[i].xpath;
-        EXPECT_LT(share, 0.6) << queries[i].xpath;
-        xmlXPathFreeCompExpr(compiled[i]);
+        EXPECT_GT(matched[i] / double(summary.documents), 0.003) << queries[i];
+        EXPECT_LT(matched[i] / double(summary.documents), 0.6) << queries[i];
     }
 }
 
@@ -196,7 +154,6 @@ INSTANTIATE_TEST_SUITE_P(
     Options, SampleOptionsCheck,
     testing::Values(BadOptions{"ZeroDuration", [](SampleOptions& o) { o.durationSeconds = 0; }},
                     BadOptions{"NotANumber", [](SampleOptions& o) { o.documentsPerSecond = NAN; }},
-                    BadOptions{"ZeroRate", [](SampleOptions& o) { o.documentsPerSecond = 0; }},
                     BadOptions{"EndsAfter2106", [](SampleOptions& o) { o.start = at(4294967000u); }},
                     BadOptions{"StartAtNone", [](SampleOptions& o) { o.start = at(0); }},
                     BadOptions{"NoVideo", [](SampleOptions& o) { o.videoTracks = 0; }},

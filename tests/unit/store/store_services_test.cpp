@@ -178,12 +178,6 @@ TEST_F(StoreServices, AnEmptyRecordingAnswersWithTheNoDataStatus)
               store::kStatusNoData);
     EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({7, 7, 7, 7}))
         << "a failed call writes no outputs";
-    unsigned char state = 9;
-    char** on = nullptr;
-    ASSERT_EQ(kavro_api_recording_information_get_recording_state_send(
-                  information, "recording_information", 150, 0, &state, &on), 0);
-    EXPECT_EQ(state, 0);
-    EXPECT_TRUE(takeStrings(on).empty());
     kavro_api_recording_data_access_initiator_deinit(data);
     kavro_api_recording_information_initiator_deinit(information);
 }
