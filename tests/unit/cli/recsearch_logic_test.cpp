@@ -119,21 +119,6 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
     }
 }
 
-TEST(RecsearchFilters, BadValuesAreRefusedBeforeTheyReachAnExpression)
-{
-    for (const char* bad : {"1.01", "-0.1", "1e-3", "0,5", "", "+0.5", "abc", ".", "0.8 "}) {
-        EXPECT_NE(checkLikelihood(bad), "") << bad;
-    }
-    for (const char* good : {"0", "1", "0.8", ".5", "1.0"}) EXPECT_EQ(checkLikelihood(good), "");
-    for (const char* bad : {"0,0,0.5", "0,0,0.5,1,", "0.5,0,0.5,1", "0,1,1,0.5", "0,0,1,x",
-                            "0,0,1,1e0", ",0,1,1"}) {
-        EXPECT_NE(checkRegion(bad), "") << bad;
-    }
-    EXPECT_EQ(checkRegion("-0.1,0,.5,1"), "");
-    for (const char* bad : {"", "a\"b", "o'clock", "tab\there"}) EXPECT_NE(checkName(bad), "");
-    EXPECT_EQ(checkName("Person"), "");
-}
-
 // ---------------------------------------------------------------------------------------------
 
 SearchResult change(SearchResult::Kind kind, const std::string& track, Micros t, bool on,
