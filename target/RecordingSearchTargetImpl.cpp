@@ -387,6 +387,7 @@ void RecordingSearchTargetImpl::processEventLoop()
     for (;;) {
         const bool expiryNow = _waitForEvents(batch);
         if (stopRequest.requested()) {
+            _putBack(batch, batch.begin());
             return;
         }
         if (expiryNow) _endUnbegunSearches();
