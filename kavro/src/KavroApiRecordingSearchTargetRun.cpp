@@ -90,7 +90,11 @@ private:
     {
         const std::string client = sender();
         clients_.createStarted(client);
-        serve(name, std::move(result), request, [this, client] { clients_.createFinished(client); });
+        auto asClient = [request, client](Target& t, int32_t& jobId) {
+            kavro::detail::RequestScope scope(client);
+            return request(t, jobId);
+        };
+        serve(name, std::move(result), asClient, [this, client] { clients_.createFinished(client); });
     }
 
     // On the loop thread; `answered` runs there too, right after the reply is sent.
@@ -99,12 +103,11 @@ private:
                std::function<void()> answered = {})
     {
         auto reply = std::make_shared<sdbus::Result<Outs...>>(std::move(result));
-        const bool accepted = pool_.submit([this, name, reply, request, answered, client = sender()]() {
+        const bool accepted = pool_.submit([this, name, reply, request, answered]() {
             std::tuple<Outs...> outs{};
             int status = 0;
             std::optional<std::string> failure;
             try {
-                kavro::detail::RequestScope scope(client);
                 status = std::apply([&](auto&... out) { return request(target_, out...); }, outs);
             } catch (const std::exception& e) {
                 failure = e.what();
