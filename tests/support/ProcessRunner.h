@@ -1,15 +1,16 @@
 // Runs one of our binaries as a child process, the way systemd would: extra environment, a
-// NOTIFY_SOCKET to report readiness on, standard output and error captured.
+// NOTIFY_SOCKET to report readiness on, standard output and error captured in files.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "support/TempDir.h"
 
 namespace rstest {
 
@@ -19,10 +20,9 @@ struct ExitStatus {
     int termSignal = 0;
 };
 
-// `binary` is a path. The child gets the test's environment plus `env` (which wins), stdin from
-// /dev/null, and dies with the thread that started it (PR_SET_PDEATHSIG). An I/O thread
-// collects its output and notifications; every member may be called from any thread. The destructor kills a child
-// that is still running.
+// `binary` is a path or a name looked up on PATH. The child gets the test's environment plus
+// `env` (which wins), stdin from /dev/null, and dies with the thread that started it. Used from
+// one thread; the destructor kills a child that is still running.
 class ProcessRunner {
 public:
     ProcessRunner(std::string binary, std::vector<std::string> args = {},
@@ -30,12 +30,12 @@ public:
     ~ProcessRunner();
 
     void start();  // throws std::runtime_error when the process cannot be started
-    pid_t pid() const;
+    pid_t pid() const { return pid_; }
 
     // Notification messages received so far ("READY=1", "ERRNO=5", ...), one per line sent.
-    std::vector<std::string> notifications() const;
+    std::vector<std::string> notifications();
     bool waitForNotify(const std::string& message,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
     void sendSignal(int signal);
 
@@ -46,7 +46,6 @@ public:
     // Without killing: has the process ended within the timeout?
     bool exitedWithin(std::chrono::milliseconds timeout);
 
-    // Output so far; complete once waitForExit has returned.
     std::string stdoutText() const;
     std::string stderrText() const;
     bool waitForStdout(const std::string& substring,
@@ -55,10 +54,17 @@ public:
     ProcessRunner(const ProcessRunner&) = delete;
     ProcessRunner& operator=(const ProcessRunner&) = delete;
 
-    class Impl;
-
 private:
-    std::unique_ptr<Impl> impl_;
+    bool reaped();
+
+    const std::string binary_;
+    const std::vector<std::string> args_;
+    const std::map<std::string, std::string> env_;
+    TempDir dir_{"rs-proc"};
+    int notifyFd_ = -1;
+    pid_t pid_ = -1;
+    std::optional<ExitStatus> exit_;
+    std::vector<std::string> notifications_;
 };
 
 // Runs a command to its end and returns its exit status and output (for short tools).
