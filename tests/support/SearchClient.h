@@ -69,7 +69,6 @@ public:
                           const std::string& service = "recording_search");
     ~SearchClient();
 
-
     CallResult<int32_t> createEventSearch(uint32_t startSec, uint32_t startUsec, uint32_t endSec,
                                           uint32_t endUsec, int32_t maxResults,
                                           uint8_t requestFlag1, uint8_t requestFlag2,
