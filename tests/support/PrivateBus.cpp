@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -26,11 +25,11 @@ const char* const kAllowAllPolicy =
     "<limit name='max_replies_per_connection'>50000</limit>"
     "<limit name='max_match_rules_per_connection'>50000</limit>";
 
-PrivateBus::PrivateBus(const std::string& policy) : dir_(makeTempDir("rs-bus"))
+PrivateBus::PrivateBus(const std::string& policy) : dir_("rs-bus")
 {
-    chmod(dir_.c_str(), 0755);
-    const std::string config = dir_ + "/bus.conf";
-    const std::string socket = dir_ + "/bus_socket";
+    chmod(dir_.path().c_str(), 0755);
+    const std::string config = dir_.file("bus.conf");
+    const std::string socket = dir_.file("bus_socket");
     std::ofstream(config) << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus "
                              "Configuration 1.0//EN\" \"http://www.freedesktop.org/standards/"
                              "dbus/1.0/busconfig.dtd\">\n<busconfig><type>system</type>"
@@ -41,10 +40,8 @@ PrivateBus::PrivateBus(const std::string& policy) : dir_(makeTempDir("rs-bus"))
                                                 "--config-file=" + config});
     daemon_->start();
     if (!daemon_->waitForStdout("\n", std::chrono::seconds(10))) {
-        const std::string why = daemon_->stderrText();
-        daemon_.reset();
-        std::filesystem::remove_all(dir_);
-        throw std::runtime_error("dbus-daemon did not print its address: " + why);
+        throw std::runtime_error("dbus-daemon did not print its address: " +
+                                 daemon_->stderrText());
     }
     const std::string out = daemon_->stdoutText();
     address_ = out.substr(0, out.find('\n'));
@@ -52,12 +49,7 @@ PrivateBus::PrivateBus(const std::string& policy) : dir_(makeTempDir("rs-bus"))
     chmod(socket.c_str(), 0666);
 }
 
-PrivateBus::~PrivateBus()
-{
-    kill();
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-}
+PrivateBus::~PrivateBus() { kill(); }
 
 pid_t PrivateBus::pid() const { return daemon_ ? daemon_->pid() : -1; }
 

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "support/TempDir.h"
+
 namespace rstest {
 
 class ProcessRunner;
@@ -34,7 +36,7 @@ public:
     PrivateBus& operator=(const PrivateBus&) = delete;
 
 private:
-    std::string dir_;
+    TempDir dir_;
     std::string address_;
     std::unique_ptr<ProcessRunner> daemon_;
 };
