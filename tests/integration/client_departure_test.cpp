@@ -2,8 +2,6 @@
 // free again at once, and nobody else's search is touched.
 
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -13,6 +11,7 @@
 
 #include "fault_stack.h"
 #include "support/LogCapture.h"
+#include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
 
 namespace {
@@ -82,23 +81,15 @@ TEST(ClientDeparture, RecsearchKilledMidSearchFreesItsSlot)
 {
     rstest::ServiceStack stack(reliability::longRecordingStack());
     rstest::SearchClient observer(stack.address());
-    const std::string start = std::to_string(LongRecording::kStart);
-    const std::string end = std::to_string(LongRecording::kEnd);
-
-    const pid_t pid = fork();
-    if (pid == 0) {
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", stack.address().c_str(), 1);
-        freopen("/dev/null", "w", stdout);
-        const std::string recsearch = reliability::bin("recsearch");
-        execl(recsearch.c_str(), "recsearch", "events", start.c_str(), end.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    ASSERT_GT(pid, 0);
+    rstest::ProcessRunner recsearch(reliability::bin("recsearch"),
+                                    {"events", std::to_string(LongRecording::kStart),
+                                     std::to_string(LongRecording::kEnd)},
+                                    stack.clientEnv());
+    recsearch.start();
     ASSERT_TRUE(observer.waitForSignalCount(5, 10s));
     const uint32_t killed = observer.signals().front().jobId;
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    recsearch.sendSignal(SIGKILL);
+    recsearch.waitForExit();
 
     ASSERT_TRUE(observer.waitForCompleted(killed, 3s));
     EXPECT_EQ(observer.getSearchState(killed).value.state, 0u);
