@@ -111,7 +111,6 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
     }
 }
 
-// ---------------------------------------------------------------------------------------------
 
 // Colours of points of the SVG as rsvg-convert renders it: each point alone as a 1x1 PNG, whose
 // only pixel no PNG filter changes, so zlib from the Python standard library reads it.
