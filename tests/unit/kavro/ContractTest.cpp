@@ -7,8 +7,7 @@ namespace {
 
 TEST(Contract, ErrorsBecomeTheServiceNumberOrAFrameworkStatus)
 {
-    using kavro::bus::requestNameStatus;
-    using kavro::bus::statusFromError;
+    using namespace kavro::bus;
     constexpr auto kMalformed = KAVRO_STATUS_MALFORMED_REPLY;
     constexpr auto kTransport = KAVRO_STATUS_TRANSPORT_ERROR;
     struct Case {
@@ -38,7 +37,7 @@ TEST(Contract, ErrorsBecomeTheServiceNumberOrAFrameworkStatus)
         EXPECT_EQ(statusFromError(error), c.onCall) << c.name << " \"" << c.message << '"';
         EXPECT_EQ(requestNameStatus(error), c.onRequestName) << c.name;
     }
-    EXPECT_EQ(statusFromError(kavro::bus::statusError(static_cast<kavro_core_status>(0x7fffffff))),
+    EXPECT_EQ(statusFromError(statusError(static_cast<kavro_core_status>(0x7fffffff))),
               0x7fffffff);
 }
 

@@ -18,8 +18,7 @@ namespace {
 // down). Neither a long message nor a client's line break (an XPath) may change the line count.
 TEST(Logging, WritesOneWholeLinePerCallWithPriorityAndIdentity)
 {
-    void* cookie = nullptr;
-    void* gone = nullptr;
+    void *cookie = nullptr, *gone = nullptr;
     ASSERT_EQ(kavro_core_logging_init("LOGTEST", &cookie), KAVRO_STATUS_OK);
     ASSERT_EQ(kavro_core_logging_init("GONE", &gone), KAVRO_STATUS_OK);
     kavro_core_logging_deinit(gone);

@@ -74,11 +74,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         lastArgs_ = out.str();
     }
-    std::string lastArgs()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lastArgs_;
-    }
+    std::string lastArgs() { std::lock_guard<std::mutex> lock(mutex_); return lastArgs_; }
 
     std::promise<void> noop, blocked, releaser;  // noop: the first no-op search
     std::atomic<bool> noopSeen{false}, releaseSent{false};
