@@ -3,13 +3,13 @@
 // run a search and to read a process's resource use from /proc.
 #pragma once
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
@@ -68,11 +68,7 @@ public:
 inline rstest::ServiceStack::Options longRecordingStack(
     std::map<std::string, std::string> serviceEnv = {})
 {
-    rstest::ServiceStack::Options options;
-    options.binDir = RS_BIN_DIR;
-    options.recording = LongRecording::path();
-    options.serviceEnv = std::move(serviceEnv);
-    return options;
+    return {RS_BIN_DIR, LongRecording::path(), std::move(serviceEnv)};
 }
 
 // What a client saw of one search from creation to its end request.
@@ -89,18 +85,15 @@ inline bool isCompletion(const rstest::SearchSignal& s)
 
 inline int completionCount(const std::vector<rstest::SearchSignal>& signals, uint32_t jobId)
 {
-    return static_cast<int>(std::count_if(signals.begin(), signals.end(), [&](const auto& s) {
-        return s.jobId == jobId && isCompletion(s);
-    }));
+    return int(std::count_if(signals.begin(), signals.end(),
+                             [&](const auto& s) { return s.jobId == jobId && isCompletion(s); }));
 }
 
 inline std::vector<rstest::SearchSignal> resultsOf(const rstest::SearchClient& client,
                                                    uint32_t jobId)
 {
-    std::vector<rstest::SearchSignal> results;
-    for (const auto& s : client.signalsFor(jobId)) {
-        if (!isCompletion(s)) results.push_back(s);
-    }
+    auto results = client.signalsFor(jobId);
+    results.erase(std::remove_if(results.begin(), results.end(), isCompletion), results.end());
     return results;
 }
 
@@ -110,13 +103,9 @@ inline bool waitForResults(const rstest::SearchClient& client, uint32_t jobId, s
 {
     return client.waitUntil(
         [&](const std::vector<rstest::SearchSignal>& all) {
-            size_t count = 0;
-            for (const auto& s : all) {
-                if (s.jobId != jobId) continue;
-                if (isCompletion(s)) return true;
-                ++count;
-            }
-            return count >= n;
+            const auto mine = [&](const auto& s) { return s.jobId == jobId; };
+            return size_t(std::count_if(all.begin(), all.end(), mine)) >= n ||
+                   completionCount(all, jobId) > 0;
         },
         timeout);
 }
@@ -139,52 +128,34 @@ SearchRun runSearch(rstest::SearchClient& client, Create create,
 }
 
 // The first ten minutes of the long recording, as the fault tests' reference searches.
-inline SearchRun eventReference(rstest::SearchClient& client)
+inline SearchRun referenceSearch(rstest::SearchClient& client, bool metadata)
 {
+    constexpr uint32_t from = LongRecording::kStart, to = from + 600;
     return runSearch(client, [&] {
-        return client.createEventSearch(LongRecording::kStart, 0, LongRecording::kStart + 600, 0,
-                                        -1, 0, 0, 1);
-    });
-}
-
-inline SearchRun metadataReference(rstest::SearchClient& client)
-{
-    return runSearch(client, [&] {
-        return client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kStart + 600,
-                                           0, -1, "//Object[Appearance/Class/Type='Person']");
+        return metadata ? client.createMetadataSearch(from, 0, to, 0, -1,
+                                                      "//Object[Appearance/Class/Type='Person']")
+                        : client.createEventSearch(from, 0, to, 0, -1, 0, 0, 1);
     });
 }
 
 // What /proc says of a process: resident memory, open descriptors, threads.
 struct ProcessUse {
     long rssKb = -1;
-    int fds = -1;
-    int threads = -1;
+    long fds = -1;
+    long threads = -1;
 };
-
-inline int countEntries(const std::string& dir)
-{
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') ++n;
-    }
-    closedir(d);
-    return n;
-}
 
 inline ProcessUse processUse(pid_t pid)
 {
-    ProcessUse use;
     const std::string proc = "/proc/" + std::to_string(pid);
+    const auto entries = [](const std::string& dir) {
+        return long(std::distance(std::filesystem::directory_iterator(dir), {}));
+    };
+    ProcessUse use{-1, entries(proc + "/fd"), entries(proc + "/task")};
     std::ifstream status(proc + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
+    for (std::string line; std::getline(status, line);) {
         if (line.rfind("VmRSS:", 0) == 0) use.rssKb = std::stol(line.substr(6));
     }
-    use.fds = countEntries(proc + "/fd");
-    use.threads = countEntries(proc + "/task");
     return use;
 }
 

@@ -5,8 +5,6 @@
 #include <signal.h>
 
 #include <chrono>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,23 +20,17 @@ namespace {
 using namespace std::chrono_literals;
 using reliability::LongRecording;
 using reliability::SearchRun;
-using reliability::longRecordingStack;
+using reliability::referenceSearch;
 using Stack = rstest::ServiceStack;
 using Clock = std::chrono::steady_clock;
 
 // Short enough to keep the stall tests quick, long enough that a busy sanitizer run does not
 // time out healthy calls.
 constexpr auto kCallTimeout = 1500ms;
-const std::map<std::string, std::string> kServiceEnv{
-    {"KAVRO_CALL_TIMEOUT_MS", std::to_string(kCallTimeout.count())}};
-
-enum class SearchKind { Event, Metadata };
-enum class Fault { Kill, Stall };
-
-struct FaultCase {
-    SearchKind kind;
-    Fault fault;
-};
+Stack::Options faultStack()
+{
+    return reliability::longRecordingStack({{"KAVRO_CALL_TIMEOUT_MS", std::to_string(kCallTimeout.count())}});
+}
 
 // The same search compares equal whatever id it ran under.
 std::vector<rstest::SearchSignal> withoutIds(std::vector<rstest::SearchSignal> signals)
@@ -47,102 +39,87 @@ std::vector<rstest::SearchSignal> withoutIds(std::vector<rstest::SearchSignal> s
     return signals;
 }
 
-SearchRun reference(rstest::SearchClient& client, SearchKind kind)
-{
-    return kind == SearchKind::Event ? reliability::eventReference(client)
-                                     : reliability::metadataReference(client);
-}
-
-// A search over the whole recording, begun; returns its id.
-uint32_t beginLongSearch(rstest::SearchClient& client, SearchKind kind)
+// A search over the whole recording, begun and 20 results into its walk; returns its id.
+uint32_t beginLongSearch(rstest::SearchClient& client, bool metadata)
 {
     const auto created =
-        kind == SearchKind::Event
-            ? client.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0,
-                                       0)
-            : client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1,
-                                          "");
-    EXPECT_TRUE(created.ok()) << created.errorMessage;
-    EXPECT_GT(created.value, 0);
+        metadata ? client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, "")
+                 : client.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0, 0);
+    EXPECT_GT(created.value, 0) << created.errorMessage;
     const auto id = static_cast<uint32_t>(created.value);
     EXPECT_TRUE(client.beginSearch(id).ok());
+    EXPECT_TRUE(reliability::waitForResults(client, id, 20));
     return id;
 }
+
+struct FaultCase {
+    const char* name;
+    bool metadata;
+    bool stall;  // SIGSTOP, else SIGKILL
+};
 
 class StoreFaultTest : public testing::TestWithParam<FaultCase> {};
 
 TEST_P(StoreFaultTest, MidWalkFaultEndsTheSearchAndLaterSearchesAnswerAsBefore)
 {
     const FaultCase c = GetParam();
-    Stack stack(longRecordingStack(kServiceEnv));
+    Stack stack(faultStack());
     rstest::SearchClient client(stack.address());
     rstest::LogCapture log(stack.logPath());
 
-    const SearchRun before = reference(client, c.kind);
+    const SearchRun before = referenceSearch(client, c.metadata);
     ASSERT_TRUE(before.completed);
     ASSERT_FALSE(before.results.empty()) << "the reference search must find something";
 
-    const uint32_t id = beginLongSearch(client, c.kind);
-    ASSERT_TRUE(reliability::waitForResults(client, id, 20));
+    const uint32_t id = beginLongSearch(client, c.metadata);
     ASSERT_EQ(client.getSearchState(id).value.state, 1u) << "still walking when the fault hits";
 
     const auto faultAt = Clock::now();
-    if (c.fault == Fault::Kill) {
-        kill(stack.store().pid(), SIGKILL);
-    } else {
-        kill(stack.store().pid(), SIGSTOP);
-    }
+    kill(stack.store().pid(), c.stall ? SIGSTOP : SIGKILL);
     // The service keeps answering while its search waits on the store.
-    const auto noop = client.createNoopSearch();
-    EXPECT_TRUE(noop.ok());
+    EXPECT_TRUE(client.createNoopSearch().ok());
     EXPECT_LT(Clock::now() - faultAt, kCallTimeout) << "a request waited on the failed store";
 
     ASSERT_TRUE(client.waitForCompleted(id, kCallTimeout + 10s))
         << "the search must end on its own\n" << log.dump();
     const auto took = Clock::now() - faultAt;
-    if (c.fault == Fault::Stall) {
+    if (c.stall) {
         EXPECT_GE(took, kCallTimeout - 200ms) << "a stalled store is waited for up to the timeout";
     }
     EXPECT_LT(took, kCallTimeout + 5s);
     EXPECT_EQ(reliability::completionCount(client.signals(), id), 1);
     EXPECT_TRUE(log.contains(3, "Bad return")) << log.dump();
 
-    const auto state = client.getSearchState(id);
-    EXPECT_EQ(state.value.state, 2u);
+    EXPECT_EQ(client.getSearchState(id).value.state, 2u);
     const auto ended = client.endSearch(id);
     ASSERT_TRUE(ended.ok());
     EXPECT_GE(ended.value.sec, LongRecording::kStart);
     EXPECT_LE(ended.value.sec, LongRecording::kEnd);
 
-    if (c.fault == Fault::Kill) {
+    if (c.stall) {
+        kill(stack.store().pid(), SIGCONT);
+    } else {
         ASSERT_TRUE(stack.store().waitForExit(5s).has_value());
         stack.startStore();
-    } else {
-        kill(stack.store().pid(), SIGCONT);
     }
-    const SearchRun after = reference(client, c.kind);
+    const SearchRun after = referenceSearch(client, c.metadata);
     ASSERT_TRUE(after.completed);
     EXPECT_EQ(withoutIds(after.results), withoutIds(before.results));
     EXPECT_EQ(stack.stop(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Faults, StoreFaultTest,
-    testing::Values(FaultCase{SearchKind::Event, Fault::Kill},
-                    FaultCase{SearchKind::Metadata, Fault::Kill},
-                    FaultCase{SearchKind::Event, Fault::Stall},
-                    FaultCase{SearchKind::Metadata, Fault::Stall}),
-    [](const auto& info) {
-        return std::string(info.param.kind == SearchKind::Event ? "EventSearch" : "MetadataSearch") +
-               (info.param.fault == Fault::Kill ? "StoreKilled" : "StoreStalled");
-    });
+INSTANTIATE_TEST_SUITE_P(Faults, StoreFaultTest,
+                         testing::Values(FaultCase{"EventSearchStoreKilled", false, false},
+                                         FaultCase{"MetadataSearchStoreKilled", true, false},
+                                         FaultCase{"EventSearchStoreStalled", false, true},
+                                         FaultCase{"MetadataSearchStoreStalled", true, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 {
-    Stack stack(longRecordingStack(kServiceEnv));
+    Stack stack(faultStack());
     rstest::SearchClient client(stack.address());
-    const uint32_t id = beginLongSearch(client, SearchKind::Metadata);
-    ASSERT_TRUE(reliability::waitForResults(client, id, 20));
+    const uint32_t id = beginLongSearch(client, true);
 
     kill(stack.store().pid(), SIGSTOP);
     // The walk sends its next call within one pause (0.5 ms) of the stop; this wait only makes
@@ -158,70 +135,52 @@ TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
     EXPECT_EQ(client.getSearchState(id).value.state, 0u) << "ended searches leave the table";
 
     kill(stack.store().pid(), SIGCONT);
-    EXPECT_TRUE(reliability::metadataReference(client).completed);
+    EXPECT_TRUE(referenceSearch(client, true).completed);
     EXPECT_EQ(stack.stop(), "");
 }
 
 TEST(StoreFault, StoreGoneOrRestartedWhileIdle)
 {
-    Stack stack(longRecordingStack(kServiceEnv));
+    Stack stack(faultStack());
     rstest::SearchClient client(stack.address());
-    const SearchRun events = reliability::eventReference(client);
-    const SearchRun documents = reliability::metadataReference(client);
-    ASSERT_TRUE(events.completed && documents.completed);
+    const SearchRun events = referenceSearch(client, false), documents = referenceSearch(client, true);
     ASSERT_FALSE(events.results.empty() || documents.results.empty());
 
     ASSERT_EQ(stack.stopStore(), "");
-    for (SearchKind kind : {SearchKind::Event, SearchKind::Metadata}) {
+    for (bool metadata : {false, true}) {
         const auto start = Clock::now();
-        const SearchRun without = reference(client, kind);
+        const SearchRun without = referenceSearch(client, metadata);
         EXPECT_TRUE(without.completed) << "a search without the store still completes";
         EXPECT_TRUE(without.results.empty());
         EXPECT_LT(Clock::now() - start, 5s) << "an absent service answers at once";
     }
 
     stack.startStore();
-    EXPECT_EQ(withoutIds(reliability::eventReference(client).results), withoutIds(events.results));
-    EXPECT_EQ(withoutIds(reliability::metadataReference(client).results),
-              withoutIds(documents.results));
+    EXPECT_EQ(withoutIds(referenceSearch(client, false).results), withoutIds(events.results));
+    EXPECT_EQ(withoutIds(referenceSearch(client, true).results), withoutIds(documents.results));
     EXPECT_EQ(stack.stop(), "");
 }
 
 TEST(BusFault, BusGoingAwayMidSearchEndsTheServiceOnItsFatalPath)
 {
-    auto stack = std::make_unique<Stack>(longRecordingStack(kServiceEnv));
-    {
-        rstest::SearchClient client(stack->address());
-        const uint32_t events = beginLongSearch(client, SearchKind::Event);
-        const uint32_t documents = beginLongSearch(client, SearchKind::Metadata);
-        ASSERT_TRUE(reliability::waitForResults(client, events, 20));
-        ASSERT_TRUE(reliability::waitForResults(client, documents, 20));
+    Stack stack(faultStack());
+    rstest::SearchClient client(stack.address());
+    beginLongSearch(client, false);
+    beginLongSearch(client, true);
 
-        stack->bus().kill();
-        auto& service = stack->service();
-        const auto status = service.waitForExit(15s);
-        ASSERT_TRUE(status.has_value()) << "the service hung on after losing the bus";
-        EXPECT_TRUE(status->exited);
-        EXPECT_EQ(status->code, 1);
-        EXPECT_TRUE(service.waitForNotify("ERRNO=5", 1s));
-        const std::string err = service.stderrText();
-        EXPECT_EQ(err.rfind("ERROR: recording_search caught exception: ", 0), 0u) << err;
-        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-        const auto store = stack->store().waitForExit(15s);
-        ASSERT_TRUE(store.has_value()) << "the store hung on after losing the bus";
-        EXPECT_EQ(store->code, 1);
-        EXPECT_NE(stack->store().stderrText().find("the bus went away"), std::string::npos);
-    }
-    stack->stop();  // both are gone already; what it reports is not this test's subject
-    stack.reset();
-
-    // What systemd's restart amounts to: a fresh start on a fresh bus serves at once.
-    Stack restarted(longRecordingStack(kServiceEnv));
-    rstest::SearchClient client(restarted.address());
-    const SearchRun run = reliability::eventReference(client);
-    EXPECT_TRUE(run.completed);
-    EXPECT_FALSE(run.results.empty());
-    EXPECT_EQ(restarted.stop(), "");
+    stack.bus().kill();
+    auto& service = stack.service();
+    const auto status = service.waitForExit(15s);
+    ASSERT_TRUE(status.has_value()) << "the service hung on after losing the bus";
+    EXPECT_TRUE(status->exited && status->code == 1);
+    EXPECT_TRUE(service.waitForNotify("ERRNO=5", 1s));
+    const std::string err = service.stderrText();
+    EXPECT_EQ(err.rfind("ERROR: recording_search caught exception: ", 0), 0u) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    const auto store = stack.store().waitForExit(15s);
+    ASSERT_TRUE(store.has_value()) << "the store hung on after losing the bus";
+    EXPECT_EQ(store->code, 1);
+    EXPECT_NE(stack.store().stderrText().find("the bus went away"), std::string::npos);
 }
 
 }  // namespace

@@ -91,13 +91,10 @@ protected:
         return reliability::resultsOf(client_, id);
     }
 
-    static rstest::TempDir* dir_;
-    static rstest::ServiceStack* stack_;
+    static inline rstest::TempDir* dir_ = nullptr;
+    static inline rstest::ServiceStack* stack_ = nullptr;
     rstest::SearchClient client_{stack_->address()};
 };
-
-rstest::TempDir* HostileRequests::dir_ = nullptr;
-rstest::ServiceStack* HostileRequests::stack_ = nullptr;
 
 struct TimeCase {
     const char* name;
@@ -116,8 +113,7 @@ TEST_P(HostileTimes, CreateAnswersStatusOneOnlyForMicrosecondsOutOfRange)
                                                         c.endUsec, -1, "//Object");
     for (const auto* created : {&events, &documents}) {
         EXPECT_EQ(created->status, c.status) << created->errorName << " " << created->errorMessage;
-        if (c.status != 0) EXPECT_EQ(created->errorName, "kavro.Error.Status");
-        else run([created] { return *created; });
+        if (c.status == 0) run([created] { return *created; });
     }
 }
 

@@ -34,100 +34,46 @@ struct ClientOutcome {
     long requests = 0;
 };
 
-class LoadClient {
-public:
-    LoadClient(const std::string& address, uint32_t walkingA, uint32_t walkingB)
-        : client_(address), walking_{walkingA, walkingB}
-    {
-    }
-
-    void run(Clock::time_point deadline, long maxRequests)
-    {
-        for (long round = 0; Clock::now() < deadline && out.requests < maxRequests; ++round) {
-            switch (round % 4) {
-            case 0: noopLifecycle(false); break;
-            case 1: refusedCreates(); break;
-            case 2: walkingStates(); break;
-            case 3: noopLifecycle(true); break;
-            }
-        }
-    }
-
-    ClientOutcome out;
-
-private:
-    template <typename Call>
-    auto timed(const char* name, Call call)
-    {
-        auto result = call();
+// One client's rounds until the deadline: no-op searches created, begun or not, asked for and
+// ended; event and metadata creates, refused while two searches walk; the walks' state.
+void loadClient(const std::string& address, const std::vector<uint32_t>& walking,
+                Clock::time_point deadline, long maxRequests, ClientOutcome& out)
+{
+    rstest::SearchClient client(address);
+    const auto expect = [&](const auto& result, bool right, const char* wrong) {
         ++out.requests;
-        if (!result.ok()) fail(std::string(name) + ": " + result.errorName + " " +
-                                   result.errorMessage);
-        return result;
-    }
-
-    void fail(const std::string& what)
-    {
-        if (out.failures.size() < 20) out.failures.push_back(what);
-    }
-
-    void noopLifecycle(bool begin)
-    {
-        const auto created = timed("CreateNoopSearch", [&] { return client_.createNoopSearch(); });
-        if (!created.ok()) return;
-        if (created.value < 0) return fail("a no-op search was refused");
+        if ((!result.ok() || !right) && out.failures.size() < 20) {
+            out.failures.push_back(wrong + (" " + result.errorName + " " + result.errorMessage));
+        }
+        return result.ok() && right;
+    };
+    constexpr uint32_t from = LongRecording::kStart, to = LongRecording::kEnd;
+    for (long round = 0; Clock::now() < deadline && out.requests < maxRequests; ++round) {
+        if (round % 2 == 1) {
+            const auto events = client.createEventSearch(from, 0, to, 0, -1, 0, 0, 0);
+            expect(events, events.value == -1, "a third event search was not refused");
+            const auto documents = client.createMetadataSearch(from, 0, to, 0, -1, "//Frame");
+            expect(documents, documents.value == -1, "a third metadata search was not refused");
+            for (uint32_t id : walking) {
+                const auto state = client.getSearchState(id);
+                expect(state, state.value.state == 1, "a walking search is not searching");
+            }
+            continue;
+        }
+        const auto created = client.createNoopSearch();
+        if (!expect(created, created.value > 0, "a no-op search was refused")) continue;
         const auto id = static_cast<uint32_t>(created.value);
         out.noopIds.push_back(id);
-        if (begin) {
-            const auto begun = timed("BeginSearch", [&] { return client_.beginSearch(id); });
-            if (begun.ok() && begun.value != id) fail("BeginSearch answered another id");
+        if (round % 4 == 2) {
+            const auto begun = client.beginSearch(id);
+            expect(begun, begun.value == id, "BeginSearch answered another id");
         }
-        const auto state = timed("GetSearchState", [&] { return client_.getSearchState(id); });
-        if (state.ok() && state.value.state != 2) fail("a no-op search is not completed");
-        const auto ended = timed("EndSearch", [&] { return client_.endSearch(id); });
-        if (ended.ok() && (ended.value.jobId != id || ended.value.sec != 0 || ended.value.usec != 0)) {
-            fail("EndSearch of a no-op search answered " + std::to_string(ended.value.jobId) +
-                 " at " + std::to_string(ended.value.sec));
-        }
+        const auto state = client.getSearchState(id);
+        expect(state, state.value.state == 2, "a no-op search is not completed");
+        const auto ended = client.endSearch(id);
+        expect(ended, ended.value.jobId == id && ended.value.sec == 0 && ended.value.usec == 0,
+               "EndSearch of a no-op search answered another id or a time");
     }
-
-    void refusedCreates()
-    {
-        const auto events = timed("CreateEventSearch", [&] {
-            return client_.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1,
-                                             0, 0, 0);
-        });
-        if (events.ok() && events.value != -1) fail("a third event search was not refused");
-        const auto documents = timed("CreateMetadataSearch", [&] {
-            return client_.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0,
-                                                -1, "//Frame");
-        });
-        if (documents.ok() && documents.value != -1) fail("a third metadata search was not refused");
-    }
-
-    void walkingStates()
-    {
-        for (uint32_t id : walking_) {
-            const auto state = timed("GetSearchState", [&] { return client_.getSearchState(id); });
-            if (state.ok() && state.value.state != 1) fail("a walking search is not searching");
-        }
-    }
-
-    rstest::SearchClient client_;
-    uint32_t walking_[2];
-};
-
-uint32_t beginWalk(rstest::SearchClient& client, bool metadata)
-{
-    const auto created =
-        metadata ? client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0,
-                                               -1, "//Object")
-                 : client.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1,
-                                            0, 0, 1);
-    EXPECT_TRUE(created.ok() && created.value > 0) << created.errorMessage;
-    const auto id = static_cast<uint32_t>(created.value);
-    EXPECT_TRUE(client.beginSearch(id).ok());
-    return id;
 }
 
 TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
@@ -138,57 +84,52 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
 
     rstest::ServiceStack stack(reliability::longRecordingStack());
     rstest::SearchClient observer(stack.address());
-    const uint32_t events = beginWalk(observer, false);
-    const uint32_t documents = beginWalk(observer, true);
-    ASSERT_TRUE(reliability::waitForResults(observer, events, 10));
-    ASSERT_TRUE(reliability::waitForResults(observer, documents, 10));
-
-    std::vector<std::unique_ptr<LoadClient>> load;
-    for (long i = 0; i < clients; ++i) {
-        load.push_back(std::make_unique<LoadClient>(stack.address(), events, documents));
+    std::vector<uint32_t> walking;
+    for (bool metadata : {false, true}) {
+        const auto created =
+            metadata ? observer.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, "//Object")
+                     : observer.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0, 1);
+        ASSERT_GT(created.value, 0) << created.errorMessage;
+        walking.push_back(uint32_t(created.value));
+        ASSERT_TRUE(observer.beginSearch(walking.back()).ok());
+        ASSERT_TRUE(reliability::waitForResults(observer, walking.back(), 10));
     }
+
+    std::vector<ClientOutcome> outcomes(clients);
     const auto deadline = Clock::now() + duration;
     std::vector<std::thread> threads;
-    for (auto& c : load) threads.emplace_back([&c, deadline, maxRequests] {
-        c->run(deadline, maxRequests);
-    });
+    for (auto& out : outcomes) {
+        threads.emplace_back([&, deadline] { loadClient(stack.address(), walking, deadline, maxRequests, out); });
+    }
     for (auto& t : threads) t.join();
 
     // The premise: both walks ran for the whole load.
-    ASSERT_EQ(observer.getSearchState(events).value.state, 1u) << "the event walk ended early";
-    ASSERT_EQ(observer.getSearchState(documents).value.state, 1u)
-        << "the metadata walk ended early";
-    ASSERT_TRUE(observer.endSearch(events).ok());
-    ASSERT_TRUE(observer.endSearch(documents).ok());
-
-    std::vector<uint32_t> ids{events, documents};
+    for (uint32_t id : walking) {
+        ASSERT_EQ(observer.getSearchState(id).value.state, 1u) << "walk " << id << " ended early";
+        ASSERT_TRUE(observer.endSearch(id).ok());
+    }
+    std::vector<uint32_t> ids = walking;
     long requests = 0;
-    for (auto& c : load) {
-        for (const auto& f : c->out.failures) ADD_FAILURE() << f;
-        ids.insert(ids.end(), c->out.noopIds.begin(), c->out.noopIds.end());
-        requests += c->out.requests;
+    for (const auto& out : outcomes) {
+        for (const auto& f : out.failures) ADD_FAILURE() << f;
+        ids.insert(ids.end(), out.noopIds.begin(), out.noopIds.end());
+        requests += out.requests;
     }
     const std::set<uint32_t> unique(ids.begin(), ids.end());
     EXPECT_EQ(unique.size(), ids.size()) << "an id was handed out twice";
 
-    const std::set<uint32_t> idSet(ids.begin(), ids.end());
-    ASSERT_TRUE(observer.waitUntil(
-        [&](const std::vector<rstest::SearchSignal>& all) {
-            size_t completions = 0;
-            for (const auto& s : all) {
-                if (reliability::isCompletion(s) && idSet.count(s.jobId)) ++completions;
-            }
-            return completions >= ids.size();
-        },
-        30s))
+    const auto completions = [](const std::vector<rstest::SearchSignal>& all) {
+        std::map<uint32_t, int> n;
+        for (const auto& s : all) {
+            if (reliability::isCompletion(s)) ++n[s.jobId];
+        }
+        return n;
+    };
+    EXPECT_TRUE(observer.waitUntil([&](const auto& all) { return completions(all).size() >= ids.size(); }, 30s))
         << "not every search reported SearchCompleted";
-    const auto all = observer.signals();
-    std::map<uint32_t, int> completions;
-    for (const auto& s : all) {
-        if (reliability::isCompletion(s)) ++completions[s.jobId];
-    }
-    for (uint32_t id : ids) EXPECT_EQ(completions[id], 1) << "search " << id;
-    EXPECT_EQ(completions.size(), ids.size()) << "a completion for a search nobody created";
+    const auto counted = completions(observer.signals());
+    for (uint32_t id : ids) EXPECT_EQ(counted.count(id) ? counted.at(id) : 0, 1) << "search " << id;
+    EXPECT_EQ(counted.size(), ids.size()) << "a completion for a search nobody created";
 
     std::printf("load: %ld clients, %ld requests in %lld s, %zu searches, two walking\n", clients,
                 requests, static_cast<long long>(duration.count()), ids.size());

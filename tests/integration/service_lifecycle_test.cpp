@@ -14,9 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include "fault_stack.h"
 #include "support/LogCapture.h"
 #include "support/ProcessRunner.h"
-#include "store/RecordingWriter.h"
 #include "support/SearchClient.h"
 #include "support/TempDir.h"
 
@@ -26,17 +26,6 @@ using namespace std::chrono_literals;
 
 const std::string kStderrPrefix = "ERROR: recording_search caught exception: ";
 
-// A recording that a walk needs minutes for: one history event a second for a day.
-std::string writeLongRecording(const std::string& path)
-{
-    store::RecordingWriter w(path, store::RecordingWriter::Durability::Bulk);
-    auto transaction = w.transaction();
-    w.addTrack("META001");
-    for (uint32_t t = 0; t < 86400; ++t) w.addEvent({1000000 + t, 0}, {{1, t % 2, "Video1"}});
-    transaction->commit();
-    return path;
-}
-
 class ServiceProcessTest : public ::testing::Test {
 protected:
     ServiceProcessTest() : dir_("rs-service"), logPath_(dir_.file("service.log")) {}
@@ -44,7 +33,7 @@ protected:
     std::unique_ptr<rstest::ProcessRunner> service(std::map<std::string, std::string> env = {})
     {
         env.emplace("KAVRO_LOG_FILE", logPath_);
-        return std::make_unique<rstest::ProcessRunner>(std::string(RS_BIN_DIR) + "/recording_search",
+        return std::make_unique<rstest::ProcessRunner>(reliability::bin("recording_search"),
                                                        std::vector<std::string>{}, env);
     }
 
@@ -124,8 +113,8 @@ TEST_P(ServiceStopTest, StopSignalEndsEverySearchAndExitsCleanly)
     std::unique_ptr<rstest::ProcessRunner> store;
     if (c.searches > 0) {
         store = std::make_unique<rstest::ProcessRunner>(
-            std::string(RS_BIN_DIR) + "/recording_store",
-            std::vector<std::string>{"serve", writeLongRecording(dir_.file("long.rec"))});
+            reliability::bin("recording_store"),
+            std::vector<std::string>{"serve", reliability::LongRecording::path()});
         store->start();
         ASSERT_TRUE(store->waitForNotify("READY=1"));
     }
@@ -133,14 +122,12 @@ TEST_P(ServiceStopTest, StopSignalEndsEverySearchAndExitsCleanly)
     auto process = startedService();
 
     for (int i = 0; i < c.searches; ++i) {
-        const auto created = client.createEventSearch(1000000, 0, 1086400, 0, -1, 0, 0, 0);
-        ASSERT_TRUE(created.ok()) << created.errorMessage;
-        ASSERT_GT(created.value, 0);
+        const auto created = client.createEventSearch(reliability::LongRecording::kStart, 0,
+                                                      reliability::LongRecording::kEnd, 0, -1, 0, 0, 0);
+        ASSERT_GT(created.value, 0) << created.errorMessage;
         const auto id = static_cast<uint32_t>(created.value);
         ASSERT_TRUE(client.beginSearch(id).ok());
-        ASSERT_TRUE(client.waitUntil([id](const std::vector<rstest::SearchSignal>& all) {
-            return std::any_of(all.begin(), all.end(), [id](const auto& s) { return s.jobId == id; });
-        })) << "search " << id << " reports its first result";
+        ASSERT_TRUE(reliability::waitForResults(client, id, 1));
         EXPECT_EQ(client.getSearchState(id).value.state, 1u) << "still searching";
     }
 

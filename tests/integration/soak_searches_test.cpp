@@ -21,29 +21,17 @@ using reliability::ProcessUse;
 
 // One search of each kind in turn, each over a few seconds of the recording, so that every
 // one of them opens its connections to the store, starts a worker and walks a few steps.
-bool oneSearch(rstest::SearchClient& client, long i, std::string& problem)
+// Empty, or what went wrong.
+std::string oneSearch(rstest::SearchClient& client, long i)
 {
     const uint32_t from = LongRecording::kStart + static_cast<uint32_t>(i % 600) * 30;
-    rstest::CallResult<int32_t> created;
-    switch (i % 3) {
-    case 0: created = client.createEventSearch(from, 0, from + 5, 0, -1, 0, 0, 1); break;
-    case 1: created = client.createMetadataSearch(from, 0, from + 5, 0, -1, "//Object"); break;
-    case 2: created = client.createNoopSearch(); break;
-    }
-    if (!created.ok() || created.value < 0) {
-        problem = "search " + std::to_string(i) + " not created: " + created.errorMessage;
-        return false;
-    }
+    const auto created = i % 3 == 0 ? client.createEventSearch(from, 0, from + 5, 0, -1, 0, 0, 1)
+                         : i % 3 == 1 ? client.createMetadataSearch(from, 0, from + 5, 0, -1, "//Object")
+                                      : client.createNoopSearch();
+    if (!created.ok() || created.value < 0) return "search " + std::to_string(i) + " not created: " + created.errorMessage;
     const auto id = static_cast<uint32_t>(created.value);
-    if (!client.beginSearch(id).ok() || !client.waitForCompleted(id, 20s)) {
-        problem = "search " + std::to_string(id) + " did not complete";
-        return false;
-    }
-    if (!client.endSearch(id).ok()) {
-        problem = "search " + std::to_string(id) + " could not be ended";
-        return false;
-    }
-    return true;
+    if (!client.beginSearch(id).ok() || !client.waitForCompleted(id, 20s)) return "search " + std::to_string(id) + " did not complete";
+    return client.endSearch(id).ok() ? "" : "search " + std::to_string(id) + " could not be ended";
 }
 
 std::string describe(const ProcessUse& u)
@@ -60,10 +48,9 @@ TEST(SoakSearches, ThousandsOfSearchesLeaveMemoryDescriptorsAndThreadsFlat)
 
     rstest::ServiceStack stack(reliability::longRecordingStack());
     const pid_t pid = stack.service().pid();
-    std::string problem;
     {
         rstest::SearchClient client(stack.address());
-        for (long i = 0; i < warmUp; ++i) ASSERT_TRUE(oneSearch(client, i, problem)) << problem;
+        for (long i = 0; i < warmUp; ++i) ASSERT_EQ(oneSearch(client, i), "");
     }
     const ProcessUse before = reliability::processUse(pid);
 
@@ -76,7 +63,7 @@ TEST(SoakSearches, ThousandsOfSearchesLeaveMemoryDescriptorsAndThreadsFlat)
         for (long done = 0; done < count;) {
             rstest::SearchClient client(stack.address());
             for (long i = 0; i < batch && done < count; ++i, ++done) {
-                ASSERT_TRUE(oneSearch(client, done, problem)) << problem;
+                ASSERT_EQ(oneSearch(client, done), "");
             }
             if (done >= count / 2 && half.rssKb < 0) half = reliability::processUse(pid);
         }
