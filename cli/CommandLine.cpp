@@ -1,12 +1,12 @@
 #include "CommandLine.h"
 
 #include <iostream>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 
-#include "CliError.h"
-#include "MetadataFilter.h"
-#include "Timeline.h"
+#include "ExitCode.h"
+#include "client/MetadataFilter.h"
 
 namespace recsearch {
 
@@ -55,7 +55,8 @@ const CLI::Validator kDuration(
 
 Micros durationOf(const std::string& text) { return *parseDuration(text, nullptr); }
 
-void addRange(CLI::App* sub, std::string& start, std::string& end, Command& c, bool required = true)
+void addRange(CLI::App* sub, std::string& start, std::string& end, SearchRequest& c,
+              bool required = true)
 {
     auto* first = sub->add_option("START", start, "where the search begins")
                       ->check(kTime)
@@ -139,24 +140,32 @@ int usageError(const std::string& message)
     return int(ExitCode::Usage);
 }
 
-}  // namespace
-
-std::variant<Command, int> parseCommandLine(int argc, char** argv)
-{
+// What the subcommands fill in, before it is checked and turned into a Command.
+struct Parsed {
     Command c;
     std::string start, end, spans, bucket;
     Filters filters;
-    CLI::App app("Runs one search of recording_search and streams its results.", "recsearch");
-    app.require_subcommand(1);
+    CLI::App* events = nullptr;
+    CLI::App* metadata = nullptr;
+    CLI::App* summary = nullptr;
+    CLI::App* noop = nullptr;
+    CLI::App* state = nullptr;
+    CLI::App* end_ = nullptr;
+    CLI::Option* xpath = nullptr;
+    CLI::Option* spansOption = nullptr;
+};
 
+void addEvents(CLI::App& app, Parsed& p)
+{
+    SearchRequest& s = p.c.search;
     auto* events = app.add_subcommand("events", "when the recording and its tracks went on or off");
-    addRange(events, start, end, c);
-    events->add_flag("-s,--start-state", c.startState,
+    addRange(events, p.start, p.end, s);
+    events->add_flag("-s,--start-state", s.startState,
                      "also report the state in force at START (and at END when backward)");
-    events->add_flag("--flag1", c.flag1, "set the request's first flag byte");
-    events->add_flag("--flag2", c.flag2, "set the request's second flag byte");
-    addOutput(events, c, true);
-    addPictures(events, c,
+    events->add_flag("--flag1", s.flag1, "set the request's first flag byte");
+    events->add_flag("--flag2", s.flag2, "set the request's second flag byte");
+    addOutput(events, p.c, true);
+    addPictures(events, p.c,
                 "one row for the recording and one per track, drawn where they were on. "
                 "Without --start-state the state before a row's first result is unknown and "
                 "drawn as unknown (pale yellow)");
@@ -167,29 +176,34 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
                    "  recsearch events 2026-11-23T11:00:00Z 2026-11-23T10:00:00Z    # backward\n"
                    "  recsearch events 2026-11-23T10:00:00Z 2026-11-23T11:00:00Z -s "
                    "--svg hour.svg --timeline\n");
+    p.events = events;
+}
 
+void addMetadata(CLI::App& app, Parsed& p)
+{
     auto* metadata = app.add_subcommand(
         "metadata", "times of the metadata documents that match an XPath expression or filters");
-    addRange(metadata, start, end, c, false);
-    auto* xpath = metadata->add_option("XPATH", c.xpath,
-                                       "evaluated as a boolean on each document; empty matches "
-                                       "every document. Optional when a filter is given; with "
-                                       "both, both must hold")
-                      ->type_name("XPATH");
-    addFilters(metadata, filters);
-    metadata->add_flag("--show-xpath", c.showXPath,
+    addRange(metadata, p.start, p.end, p.c.search, false);
+    p.xpath = metadata->add_option("XPATH", p.c.search.xpath,
+                                   "evaluated as a boolean on each document; empty matches "
+                                   "every document. Optional when a filter is given; with "
+                                   "both, both must hold")
+                  ->type_name("XPATH");
+    addFilters(metadata, p.filters);
+    metadata->add_flag("--show-xpath", p.c.showXPath,
                        "print the expression that would be searched (filters included) and "
                        "exit; START and END may be left out");
-    auto* spansOption =
+    p.spansOption =
         metadata
-            ->add_flag("--spans{2s}", spans,
+            ->add_flag("--spans{2s}", p.spans,
                        "one line per appearance: a run of matches no more than GAP apart "
                        "(default 2s), with its start, end, duration and number of matches, "
                        "printed once the run has ended. Give GAP as --spans=5s")
             ->type_name("[=GAP]")
             ->check(kDuration);
-    addOutput(metadata, c, true);
-    addPictures(metadata, c, "the matches (or, with --spans, the appearances) as marks on one row");
+    addOutput(metadata, p.c, true);
+    addPictures(metadata, p.c,
+                "the matches (or, with --spans, the appearances) as marks on one row");
     metadata->footer(
         std::string(kTimeHelp) +
         "\nExamples:\n"
@@ -199,23 +213,27 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
         "  recsearch metadata 2026-11-23T13:00:00Z 2026-11-23T18:00:00Z --class vehicle "
         "--colour red --region 0,0,0.5,1 --spans\n"
         "  recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpath\n");
+    p.metadata = metadata;
+}
 
+void addSummary(CLI::App& app, Parsed& p)
+{
     auto* summary = app.add_subcommand(
         "summary", "coverage: how long the recording and each track were on, per time bucket, "
                    "and the gaps");
-    summary->add_option("START", start, "where the summary begins")
+    summary->add_option("START", p.start, "where the summary begins")
         ->required()
         ->check(kTime)
         ->type_name("TIME");
-    summary->add_option("END", end, "where it ends")->required()->check(kTime)->type_name("TIME");
-    summary->add_option("--bucket", bucket,
+    summary->add_option("END", p.end, "where it ends")->required()->check(kTime)->type_name("TIME");
+    summary->add_option("--bucket", p.bucket,
                         "the bucket size, such as 30s, 5m, 1h or 1d (default: a round size "
                         "that gives 10 to 40 buckets)")
         ->type_name("DURATION")
         ->check(kDuration);
-    addOutput(summary, c, true);
-    addPictures(summary, c, "one row for the recording and one per track, drawn where they "
-                            "were on");
+    addOutput(summary, p.c, true);
+    addPictures(summary, p.c, "one row for the recording and one per track, drawn where they "
+                              "were on");
     summary->footer(std::string(kTimeHelp) +
                     "\nRuns one event search with the start state. Prints per bucket the seconds "
                     "and percent\nthe recording and each track were on, then every gap (the "
@@ -225,20 +243,24 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
                     "  recsearch summary 1795428000 1795431600 --bucket 5m --json\n"
                     "  recsearch summary 2026-11-23T00:00:00Z 2026-11-24T00:00:00Z --timeline "
                     "--svg day.svg\n");
+    p.summary = summary;
+}
 
-    auto* noop = app.add_subcommand("noop", "a search that finds nothing and completes at once");
-    addOutput(noop, c, true);
-    noop->footer("\nExample:\n  recsearch noop\n");
+void addOthers(CLI::App& app, Parsed& p)
+{
+    p.noop = app.add_subcommand("noop", "a search that finds nothing and completes at once");
+    addOutput(p.noop, p.c, true);
+    p.noop->footer("\nExample:\n  recsearch noop\n");
 
-    auto* state = app.add_subcommand("state", "the state of a search that another client runs");
-    state->add_option("JOBID", c.jobId, "the search's job id")->required()->type_name("JOBID");
-    addOutput(state, c, false);
-    state->footer("\nPrints searching, completed or unknown.\n\nExample:\n  recsearch state 3\n");
+    p.state = app.add_subcommand("state", "the state of a search that another client runs");
+    p.state->add_option("JOBID", p.c.jobId, "the search's job id")->required()->type_name("JOBID");
+    addOutput(p.state, p.c, false);
+    p.state->footer("\nPrints searching, completed or unknown.\n\nExample:\n  recsearch state 3\n");
 
-    auto* endCmd = app.add_subcommand("end", "end a search that another client runs");
-    endCmd->add_option("JOBID", c.jobId, "the search's job id")->required()->type_name("JOBID");
-    addOutput(endCmd, c, false);
-    endCmd->footer("\nPrints how far the search got.\n\nExample:\n  recsearch end 3\n");
+    p.end_ = app.add_subcommand("end", "end a search that another client runs");
+    p.end_->add_option("JOBID", p.c.jobId, "the search's job id")->required()->type_name("JOBID");
+    addOutput(p.end_, p.c, false);
+    p.end_->footer("\nPrints how far the search got.\n\nExample:\n  recsearch end 3\n");
 
     app.footer(std::string("\n") + kTimeHelp + "\n" + kExitCodes +
                "\nThe service is found on the system bus; DBUS_SYSTEM_BUS_ADDRESS points "
@@ -248,7 +270,56 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
                "  recsearch metadata 1795428000 1795431600 --class person --spans\n"
                "  recsearch summary 2026-11-23T00:00:00Z 2026-11-24T00:00:00Z\n"
                "  recsearch state 3\n");
+}
 
+// The checks that span options; the usage error's exit code, or nothing when all is well.
+std::optional<int> finishMetadata(Parsed& p)
+{
+    SearchRequest& s = p.c.search;
+    if (!p.filters.region.empty()) p.filters.filter.region = parseRegion(p.filters.region);
+    p.filters.filter.minLikelihood = p.filters.likelihood;
+    if (p.xpath->count() == 0 && p.filters.filter.empty()) {
+        return usageError("XPATH is required unless a filter (--class, --colour, "
+                          "--min-likelihood, --region, --motion) is given");
+    }
+    s.xpath = filterXPath(p.filters.filter, s.xpath);
+    if (!p.c.showXPath && p.end.empty()) {
+        return usageError(p.start.empty() ? "START is required" : "END is required");
+    }
+    if (p.spansOption->count() > 0) s.spanGap = durationOf(p.spans);
+    return std::nullopt;
+}
+
+std::optional<int> finishSummary(Parsed& p)
+{
+    SearchRequest& s = p.c.search;
+    if (!earlier(s.start, s.end) && !earlier(s.end, s.start)) {
+        return usageError("START and END must differ");
+    }
+    if (earlier(s.end, s.start)) std::swap(s.start, s.end);
+    if (!p.bucket.empty()) s.bucket = durationOf(p.bucket);
+    return std::nullopt;
+}
+
+SearchRequest::Kind searchKind(const Parsed& p)
+{
+    if (p.events->parsed()) return SearchRequest::Kind::Events;
+    if (p.metadata->parsed()) return SearchRequest::Kind::Metadata;
+    if (p.summary->parsed()) return SearchRequest::Kind::Summary;
+    return SearchRequest::Kind::Noop;
+}
+
+}  // namespace
+
+std::variant<Command, int> parseCommandLine(int argc, char** argv)
+{
+    Parsed p;
+    CLI::App app("Runs one search of recording_search and streams its results.", "recsearch");
+    app.require_subcommand(1);
+    addEvents(app, p);
+    addMetadata(app, p);
+    addSummary(app, p);
+    addOthers(app, p);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -260,36 +331,20 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
         return int(ExitCode::Usage);
     }
 
-    if (events->parsed()) c.kind = Command::Kind::Events;
-    if (metadata->parsed()) c.kind = Command::Kind::Metadata;
-    if (summary->parsed()) c.kind = Command::Kind::Summary;
-    if (noop->parsed()) c.kind = Command::Kind::Noop;
-    if (state->parsed()) c.kind = Command::Kind::State;
-    if (endCmd->parsed()) c.kind = Command::Kind::End;
-    if (metadata->parsed()) {
-        if (!filters.region.empty()) filters.filter.region = parseRegion(filters.region);
-        filters.filter.minLikelihood = filters.likelihood;
-        if (xpath->count() == 0 && filters.filter.empty()) {
-            return usageError("XPATH is required unless a filter (--class, --colour, "
-                                        "--min-likelihood, --region, --motion) is given");
-        }
-        c.xpath = filterXPath(filters.filter, c.xpath);
-        if (!c.showXPath && end.empty()) {
-            return usageError(start.empty() ? "START is required" : "END is required");
-        }
-        if (spansOption->count() > 0) c.spanGap = durationOf(spans);
+    Command& c = p.c;
+    c.kind = p.state->parsed() ? Command::Kind::State
+             : p.end_->parsed() ? Command::Kind::End
+                                : Command::Kind::Search;
+    c.search.kind = searchKind(p);
+    c.search.picture = !c.svgPath.empty() || c.timeline;
+    if (!p.start.empty() && !p.end.empty()) {
+        c.search.start = timeOf(p.start);
+        c.search.end = timeOf(p.end);
     }
-    if (!start.empty() && !end.empty()) {
-        c.start = timeOf(start);
-        c.end = timeOf(end);
-    }
-    if (summary->parsed()) {
-        if (!earlier(c.start, c.end) && !earlier(c.end, c.start)) {
-            return usageError("START and END must differ");
-        }
-        if (earlier(c.end, c.start)) std::swap(c.start, c.end);
-        if (!bucket.empty()) c.bucket = durationOf(bucket);
-    }
+    std::optional<int> failed;
+    if (p.metadata->parsed()) failed = finishMetadata(p);
+    if (p.summary->parsed()) failed = finishSummary(p);
+    if (failed) return *failed;
     return c;
 }
 

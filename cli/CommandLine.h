@@ -2,31 +2,23 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <variant>
 
-#include "Spans.h"
-#include "TimeText.h"
+#include "client/SearchRequest.h"
 
 namespace recsearch {
 
+using namespace rsclient;
+
 struct Command {
-    enum class Kind { Events, Metadata, Noop, State, End, Summary };
-    Kind kind = Kind::Noop;
-    TimePoint start;
-    TimePoint end;
-    int32_t maxResults = -1;  // negative: no limit
-    bool startState = false;
-    bool flag1 = false;
-    bool flag2 = false;
-    std::string xpath;  // with the filters' conditions already in it
+    enum class Kind { Search, State, End };
+    Kind kind = Kind::Search;
+    SearchRequest search;
     bool showXPath = false;
-    std::optional<Micros> spanGap;  // metadata matches printed as spans
-    std::string svgPath;            // empty: no picture
+    std::string svgPath;  // empty: no picture
     bool timeline = false;
-    Micros bucket{0};  // summary; 0: a round size for the range
-    uint32_t jobId = 0;
+    uint32_t jobId = 0;  // state, end
     bool json = false;
     bool noProgress = false;  // progress is only ever shown on a terminal
     bool quiet = false;

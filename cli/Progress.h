@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <optional>
 
-#include "TimeText.h"
+#include "client/TimeText.h"
 
 namespace recsearch {
+
+using namespace rsclient;
 
 class Progress {
 public:

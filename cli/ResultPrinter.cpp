@@ -1,37 +1,17 @@
 #include "ResultPrinter.h"
 
+#include "client/ResultJson.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
-#include <nlohmann/json.hpp>
 
 namespace recsearch {
 
+using namespace rsclient;
+
 namespace {
-
-// Keys in the order a person reads them: which search, what, when, then the details.
-using Json = nlohmann::ordered_json;
-
-const char* stateName(uint32_t state)
-{
-    switch (state) {
-    case 1: return "searching";
-    case 2: return "completed";
-    case 0: return "unknown";
-    default: return "invalid";
-    }
-}
-
-const char* kindName(SearchResult::Kind kind)
-{
-    switch (kind) {
-    case SearchResult::Kind::Metadata: return "metadata";
-    case SearchResult::Kind::TrackState: return "track";
-    case SearchResult::Kind::RecordingState: return "recording";
-    }
-    return "unknown";
-}
 
 // Track names come from the recording: keep control bytes from breaking lines or the terminal.
 std::string printable(const std::string& text)
@@ -51,29 +31,7 @@ std::string printable(const std::string& text)
 
 std::string bothTimes(TimePoint t) { return isoText(t) + " (" + secondsText(t) + ")"; }
 
-void putJson(std::ostream& out, const Json& j)
-{
-    // Invalid UTF-8 in a track name must not end the run.
-    out << j.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
-}
-
-void addTime(Json& j, TimePoint t)
-{
-    j["time"] = isoText(t);
-    j["sec"] = t.sec;
-    j["usec"] = t.usec;
-}
-
-void addRange(Json& j, Micros from, Micros to)
-{
-    const TimePoint start = timePointAt(from), end = timePointAt(to);
-    j["start"] = isoText(start);
-    j["end"] = isoText(end);
-    j["start_sec"] = start.sec;
-    j["start_usec"] = start.usec;
-    j["end_sec"] = end.sec;
-    j["end_usec"] = end.usec;
-}
+void putJson(std::ostream& out, const Json& j) { out << jsonLine(j) << std::flush; }
 
 double secondsOf(Micros d) { return double(d.count()) / 1e6; }
 
@@ -108,10 +66,7 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
 {
     const Micros from = sinceEpoch(span.start), to = sinceEpoch(span.end);
     if (json_) {
-        Json j = {{"job", jobId}, {"kind", "span"}};
-        addRange(j, from, to);
-        j["matches"] = span.matches;
-        putJson(out_, j);
+        putJson(out_, spanJson(jobId, span));
         return;
     }
     out_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
@@ -121,20 +76,8 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
 void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps)
 {
     if (json_) {
-        for (const auto& b : buckets) {
-            Json j = {{"kind", "bucket"}};
-            addRange(j, b.from, b.to);
-            j["recording_on_s"] = secondsOf(b.recordingOn);
-            j["tracks"] = Json::object();
-            for (const auto& [name, on] : b.tracksOn) j["tracks"][name] = secondsOf(on);
-            putJson(out_, j);
-        }
-        for (const auto& g : gaps) {
-            Json j = {{"kind", "gap"}};
-            addRange(j, g.from, g.to);
-            j["duration_s"] = secondsOf(g.to - g.from);
-            putJson(out_, j);
-        }
+        for (const auto& b : buckets) putJson(out_, bucketJson(b));
+        for (const auto& g : gaps) putJson(out_, gapJson(g));
         return;
     }
     if (buckets.empty()) return;
@@ -175,14 +118,7 @@ void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vect
 void ResultPrinter::result(const SearchResult& r)
 {
     if (json_) {
-        Json j = {{"job", r.jobId}, {"kind", kindName(r.kind)}};
-        addTime(j, r.time);
-        if (r.kind == SearchResult::Kind::TrackState) j["track"] = r.track;
-        if (r.kind != SearchResult::Kind::Metadata) {
-            j["on"] = r.on;
-            j["start_state"] = r.startState;
-        }
-        putJson(out_, j);
+        putJson(out_, resultJson(r));
         return;
     }
     out_ << isoText(r.time) << "  " << secondsText(r.time) << "  ";
@@ -201,7 +137,7 @@ void ResultPrinter::result(const SearchResult& r)
 void ResultPrinter::state(uint32_t jobId, uint32_t state)
 {
     if (json_) {
-        putJson(out_, {{"job", jobId}, {"state", state}, {"state_name", stateName(state)}});
+        putJson(out_, stateJson(jobId, state));
         return;
     }
     out_ << "job " << jobId << ": " << stateName(state);
@@ -212,43 +148,33 @@ void ResultPrinter::state(uint32_t jobId, uint32_t state)
 void ResultPrinter::ended(uint32_t jobId, TimePoint reached)
 {
     if (json_) {
-        Json j = {{"job", jobId}, {"kind", "ended"}};
-        addTime(j, reached);
-        putJson(out_, j);
+        putJson(out_, endedJson(jobId, reached));
         return;
     }
     out_ << "job " << jobId << " ended; it had searched through " << bothTimes(reached) << '\n'
          << std::flush;
 }
 
-void ResultPrinter::searchEnded(uint32_t jobId, TimePoint reached, std::size_t results,
-                                bool interrupted)
+void ResultPrinter::searchEnd(const SearchEnd& end)
 {
     if (json_) {
-        Json j = {{"job", jobId},
-                            {"kind", interrupted ? "interrupted" : "completed"},
-                            {"results", results}};
-        addTime(j, reached);
-        putJson(out_, j);
+        putJson(out_, searchEndJson(end));
         return;
     }
-    if (interrupted) {
-        err_ << "interrupted: search " << jobId << " ended after " << results
-             << " results; it had searched through " << bothTimes(reached) << '\n';
-    } else {
-        err_ << "search " << jobId << " completed: " << results << " results; searched through "
-             << bothTimes(reached) << '\n';
+    switch (end.kind) {
+    case SearchEnd::Kind::Interrupted:
+        err_ << "interrupted: search " << end.jobId << " ended after " << end.results
+             << " results; it had searched through " << bothTimes(end.reached) << '\n';
+        break;
+    case SearchEnd::Kind::Completed:
+        err_ << "search " << end.jobId << " completed: " << end.results
+             << " results; searched through " << bothTimes(end.reached) << '\n';
+        break;
+    case SearchEnd::Kind::EndedElsewhere:
+        err_ << "search " << end.jobId << " was ended by another client after " << end.results
+             << " results\n";
+        break;
     }
-}
-
-void ResultPrinter::endedElsewhere(uint32_t jobId, std::size_t results)
-{
-    if (json_) {
-        putJson(out_, {{"job", jobId}, {"kind", "ended_elsewhere"}, {"results", results}});
-        return;
-    }
-    err_ << "search " << jobId << " was ended by another client after " << results
-         << " results\n";
 }
 
 }  // namespace recsearch

@@ -6,12 +6,14 @@
 #include <ostream>
 #include <vector>
 
-#include "ClientEvent.h"
-#include "Spans.h"
-#include "TimeText.h"
-#include "Timeline.h"
+#include "client/ClientEvent.h"
+#include "client/Coverage.h"
+#include "client/SearchOutput.h"
+#include "client/Spans.h"
 
 namespace recsearch {
+
+using namespace rsclient;
 
 // Results and answers go to `out`; in text mode the end-of-search summary goes to `err`, so
 // that standard output holds nothing but results. In JSON mode the summary is the last line
@@ -29,9 +31,7 @@ public:
     void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps);
     void state(uint32_t jobId, uint32_t state);
     void ended(uint32_t jobId, TimePoint reached);
-    void searchEnded(uint32_t jobId, TimePoint reached, std::size_t results, bool interrupted);
-    // Another client ended the search: the service no longer knows how far it got.
-    void endedElsewhere(uint32_t jobId, std::size_t results);
+    void searchEnd(const SearchEnd& end);
 
     // False once standard output can no longer be written (a closed pipe).
     bool good() const { return bool(out_); }

@@ -4,9 +4,11 @@
 
 #include <memory>
 
-#include "ClientEvent.h"
+#include "client/ClientEvent.h"
 
 namespace recsearch {
+
+using namespace rsclient;
 
 // Blocks SIGINT, SIGTERM and SIGHUP in the calling thread and in every thread started after
 // it (construct it before anything else starts a thread); a thread of its own waits for them.

@@ -4,9 +4,10 @@
 #include <iostream>
 #include <variant>
 
-#include "CliError.h"
 #include "CommandLine.h"
-#include "SearchSession.h"
+#include "ExitCode.h"
+#include "RunCommand.h"
+#include "client/ClientError.h"
 
 int main(int argc, char** argv)
 {
@@ -17,9 +18,9 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);
     try {
         return recsearch::runCommand(std::get<recsearch::Command>(parsed));
-    } catch (const recsearch::CliError& e) {
+    } catch (const rsclient::ClientError& e) {
         std::cerr << "recsearch: " << e.what() << std::endl;
-        return int(e.code());
+        return int(e.kind());
     } catch (const std::exception& e) {
         std::cerr << "recsearch: " << e.what() << std::endl;
         return int(recsearch::ExitCode::Failure);

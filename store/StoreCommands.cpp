@@ -11,6 +11,7 @@
 #include <ctime>
 #include <sstream>
 
+#include "client/TimeText.h"
 #include "store/RecordingWriter.h"
 #include "store/StoreError.h"
 
@@ -141,19 +142,9 @@ bool parseStartTime(const std::string& text, StoreTime& time)
 
 bool parseDuration(const std::string& text, double& seconds)
 {
-    char* end = nullptr;
-    errno = 0;
-    const double value = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || errno != 0 || !std::isfinite(value)) return false;
-    const std::string unit(end);
-    double scale = 0;
-    if (unit.empty() || unit == "s") scale = 1;
-    if (unit == "m") scale = 60;
-    if (unit == "h") scale = 3600;
-    if (unit == "d") scale = 86400;
-    if (scale == 0) return false;
-    seconds = value * scale;
-    return true;
+    const auto duration = rsclient::parseDuration(text, nullptr);
+    if (duration) seconds = double(duration->count()) / 1e6;
+    return bool(duration);
 }
 
 bool parseClassMix(const std::string& text, std::map<std::string, double>& mix)

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "cli/TimeText.h"
+#include "client/TimeText.h"
 
 namespace store {
 
@@ -21,7 +21,7 @@ std::optional<StoreTime> StoreTime::parse(const std::string& text, std::string* 
 {
     std::string ignored;
     if (why == nullptr) why = &ignored;
-    const auto time = recsearch::parseTime(text, why);
+    const auto time = rsclient::parseTime(text, why);
     if (!time) return std::nullopt;
     // recsearch hands a longer fraction on as raw microseconds for the service to judge; a
     // stored time has to be exact.

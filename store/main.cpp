@@ -39,7 +39,7 @@ int main(int argc, char** argv)
     addParsed(generate, "--start", options.start, &store::parseStartTime,
               "Start time, SECONDS[.MICROSECONDS] or YYYY-MM-DDTHH:MM:SS[.ffffff]Z (2024-01-01T00:00:00Z)");
     addParsed(generate, "--duration", options.durationSeconds, &store::parseDuration,
-              "Length: seconds, or with a unit s, m, h, d (1h)");
+              "Length: seconds, or with a unit ms, s, m, h, d (1h)");
     generate->add_option("--video-tracks", options.videoTracks, "VIDEO001...")->capture_default_str();
     generate->add_option("--audio-tracks", options.audioTracks, "AUDIO001...")->capture_default_str();
     generate->add_option("--rate", options.documentsPerSecond, "Metadata documents a second")->capture_default_str();

@@ -1,11 +1,13 @@
-// Times as a person types and reads them: seconds since 1970 with microseconds, or ISO 8601 UTC.
+// Times and durations as a person types and reads them: seconds since 1970 with microseconds,
+// or ISO 8601 UTC; "90s", "5m", "2h".
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-namespace recsearch {
+namespace rsclient {
 
 struct TimePoint {
     uint32_t sec = 0;
@@ -24,4 +26,14 @@ std::string secondsText(TimePoint t);  // 1795428000.250000
 bool earlier(TimePoint a, TimePoint b);
 double toSeconds(TimePoint t);
 
-}  // namespace recsearch
+using Micros = std::chrono::microseconds;
+
+Micros sinceEpoch(TimePoint t);
+TimePoint timePointAt(Micros sinceEpoch);
+
+// "90", "90s", "500ms", "1.5m", "2h", "1d"; above zero and up to ten years. On failure, *why
+// says what is wrong.
+std::optional<Micros> parseDuration(const std::string& text, std::string* why);
+std::string durationText(Micros d);  // 2 h 05 min, 12.4 s
+
+}  // namespace rsclient

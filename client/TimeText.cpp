@@ -1,12 +1,14 @@
-#include "TimeText.h"
+#include "client/TimeText.h"
 
 #include <charconv>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <limits>
+#include <regex>
 
-namespace recsearch {
+namespace rsclient {
 
 namespace {
 
@@ -138,4 +140,58 @@ bool earlier(TimePoint a, TimePoint b)
 
 double toSeconds(TimePoint t) { return double(t.sec) + double(t.usec) / 1e6; }
 
-}  // namespace recsearch
+Micros sinceEpoch(TimePoint t) { return std::chrono::seconds(t.sec) + Micros(t.usec); }
+
+TimePoint timePointAt(Micros sinceEpoch)
+{
+    const auto sec = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+    return TimePoint{uint32_t(sec.count()), uint32_t((sinceEpoch - sec).count())};
+}
+
+std::optional<Micros> parseDuration(const std::string& text, std::string* why)
+{
+    static const std::regex form(R"(([0-9]+(\.[0-9]*)?|\.[0-9]+)(ms|s|m|min|h|d)?)");
+    std::smatch m;
+    if (!std::regex_match(text, m, form)) {
+        if (why) *why = text + " is not a duration such as 90s, 500ms, 5m, 2h or 1d";
+        return std::nullopt;
+    }
+    const std::string unit = m[3];
+    double scale = 1e6;  // seconds
+    if (unit == "ms") scale = 1e3;
+    if (unit == "m" || unit == "min") scale = 60e6;
+    if (unit == "h") scale = 3600e6;
+    if (unit == "d") scale = 86400e6;
+    const double usec = std::round(std::stod(m[1]) * scale);
+    if (usec < 1 || usec > 3650 * 86400e6) {
+        if (why) *why = text + " is not a duration above 0 and up to ten years";
+        return std::nullopt;
+    }
+    return Micros(int64_t(usec));
+}
+
+std::string durationText(Micros d)
+{
+    char text[48];
+    const int64_t s = std::chrono::duration_cast<std::chrono::seconds>(d).count();
+    if (d < std::chrono::seconds(60)) {
+        std::snprintf(text, sizeof text, "%.1f s", double(d.count()) / 1e6);
+    } else if (s < 3600) {
+        std::snprintf(text, sizeof text, "%lld min %02lld s", (long long)(s / 60),
+                      (long long)(s % 60));
+    } else if (s < 86400) {
+        std::snprintf(text, sizeof text, "%lld h %02lld min", (long long)(s / 3600),
+                      (long long)(s % 3600 / 60));
+    } else {
+        std::snprintf(text, sizeof text, "%lld d %02lld h", (long long)(s / 86400),
+                      (long long)(s % 86400 / 3600));
+    }
+    std::string out = text;
+    for (const char* zero : {" 00 s", " 00 min", " 00 h"}) {
+        const auto at = out.find(zero);
+        if (at != std::string::npos && at + std::string(zero).size() == out.size()) out.resize(at);
+    }
+    return out;
+}
+
+}  // namespace rsclient

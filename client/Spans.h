@@ -6,14 +6,9 @@
 #include <cstddef>
 #include <optional>
 
-#include "TimeText.h"
+#include "client/TimeText.h"
 
-namespace recsearch {
-
-using Micros = std::chrono::microseconds;
-
-Micros sinceEpoch(TimePoint t);
-TimePoint timePointAt(Micros sinceEpoch);
+namespace rsclient {
 
 struct Span {
     TimePoint start;  // never later than end, whichever way the search went
@@ -38,4 +33,4 @@ private:
     TimePoint last_;
 };
 
-}  // namespace recsearch
+}  // namespace rsclient

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace recsearch {
+namespace rsclient {
 
 // Numbers are kept as the person typed them (checked plain decimals), so that the expression
 // compares exactly the value that was asked for.
@@ -39,4 +39,4 @@ Region parseRegion(const std::string& text);
 // Names compare without regard to ASCII case ("red" finds "Red").
 std::string filterXPath(const MetadataFilter& filter, const std::string& xpath);
 
-}  // namespace recsearch
+}  // namespace rsclient

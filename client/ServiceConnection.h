@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "ClientEvent.h"
-#include "TimeText.h"
+#include "client/ClientEvent.h"
+#include "client/TimeText.h"
 
 namespace sdbus {
 class IConnection;
@@ -23,7 +23,7 @@ class Registered;
 }
 }  // namespace kavro
 
-namespace recsearch {
+namespace rsclient {
 
 struct EndReply {
     uint32_t jobId = 0;
@@ -34,7 +34,7 @@ struct EndReply {
 // loop thread runs every use of the connection (calls are posted to it and waited for) and
 // pushes the service's signals and the watch on its bus name into the inbox. Signals and the
 // name watch are subscribed before the constructor returns, so nothing sent after a create
-// call is missed. Every failure is thrown as CliError with its exit code.
+// call is missed. Every failure is thrown as ClientError of its kind.
 class ServiceConnection {
 public:
     explicit ServiceConnection(EventInbox& inbox);
@@ -73,4 +73,4 @@ private:
     std::string watchedOwner_;  // loop thread only
 };
 
-}  // namespace recsearch
+}  // namespace rsclient

@@ -5,7 +5,7 @@
 
 namespace recsearch {
 
-// Returns the exit code; failures that end the run are thrown as CliError.
+// Returns the exit code; failures that end the run are thrown as ClientError.
 int runCommand(const Command& command);
 
 }  // namespace recsearch

@@ -10,9 +10,9 @@
 #include <optional>
 #include <string>
 
-#include "TimeText.h"
+#include "client/TimeText.h"
 
-namespace recsearch {
+namespace rsclient {
 
 struct SearchResult {
     enum class Kind { Metadata, TrackState, RecordingState };
@@ -63,4 +63,4 @@ private:
     std::deque<ClientEvent> events_;
 };
 
-}  // namespace recsearch
+}  // namespace rsclient

@@ -1,13 +1,13 @@
-// A search's rows drawn as a standalone SVG file or as block characters in a terminal.
+// A search's rows drawn as a standalone SVG file, and the text rules of its labels.
 #pragma once
 
 #include <cstddef>
 #include <ostream>
 #include <string>
 
-#include "Timeline.h"
+#include "client/Picture.h"
 
-namespace recsearch {
+namespace rsclient {
 
 // Where the SVG puts things, in pixels (the SVG's user units).
 struct SvgLayout {
@@ -25,11 +25,15 @@ struct SvgLayout {
 // Every text in it is escaped; `title` says what was searched.
 void writeSvg(std::ostream& out, const Picture& picture, const std::string& title);
 
-// One line per row scaled to `columns`, a time line and a legend; plain ASCII unless `utf8`.
-void drawTimeline(std::ostream& out, const Picture& picture, std::size_t columns, bool utf8);
+// Valid UTF-8 without control characters: what a label can show.
+std::string sanitized(const std::string& text);
+// At most `limit` characters of sanitized text, with an ellipsis when cut.
+std::string shortened(const std::string& text, std::size_t limit);
+std::size_t charCount(const std::string& text);  // of UTF-8 text
+std::string utcText(Micros t, const char* format);  // strftime in UTC
 
 // For text that goes into XML: markup characters escaped, control characters and bytes that
 // are not UTF-8 replaced, so that the file always parses.
 std::string xmlText(const std::string& text);
 
-}  // namespace recsearch
+}  // namespace rsclient

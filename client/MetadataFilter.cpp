@@ -1,9 +1,9 @@
-#include "MetadataFilter.h"
+#include "client/MetadataFilter.h"
 
 #include <regex>
 #include <sstream>
 
-namespace recsearch {
+namespace rsclient {
 
 namespace {
 
@@ -124,4 +124,4 @@ std::string filterXPath(const MetadataFilter& filter, const std::string& xpath)
     return joined(all, " and ");
 }
 
-}  // namespace recsearch
+}  // namespace rsclient

@@ -1,4 +1,4 @@
-#include "ServiceConnection.h"
+#include "client/ServiceConnection.h"
 
 #include <cstdlib>
 #include <future>
@@ -6,14 +6,14 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include "CliError.h"
+#include "client/ClientError.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
 #include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 
-namespace recsearch {
+namespace rsclient {
 
 namespace {
 
@@ -37,7 +37,7 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
     return "";
 }
 
-CliError classify(const std::string& what, const sdbus::Error& error)
+ClientError classify(const std::string& what, const sdbus::Error& error)
 {
     const kavro_core_status status = kavro::bus::statusFromError(error);
     const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
@@ -46,22 +46,22 @@ CliError classify(const std::string& what, const sdbus::Error& error)
                            std::to_string(int(status));
         const std::string meaning = statusMeaning(status, error.getMessage());
         if (!meaning.empty()) text += ": " + meaning;
-        return CliError(ExitCode::StatusError, text);
+        return ClientError(ErrorKind::StatusError, text);
     }
     if (origin == kavro::bus::ErrorOrigin::ServiceFailure) {
-        return CliError(ExitCode::StatusError,
+        return ClientError(ErrorKind::StatusError,
                         "recording_search failed " + what + ": " + error.getMessage());
     }
     if (status == KAVRO_STATUS_SERVICE_UNKNOWN) {
-        return CliError(ExitCode::Unreachable, "recording_search is not running on " +
+        return ClientError(ErrorKind::Unreachable, "recording_search is not running on " +
                                                    busAddress() + " (" + error.getName() + ")");
     }
     if (status == KAVRO_STATUS_TIMEOUT) {
-        return CliError(ExitCode::Unreachable,
+        return ClientError(ErrorKind::Unreachable,
                         "recording_search did not answer " + what + " within " +
                             std::to_string(kCallTimeout.count()) + " s");
     }
-    return CliError(ExitCode::Failure,
+    return ClientError(ErrorKind::Failure,
                     what + " failed: " + error.getName() + ": " + error.getMessage());
 }
 
@@ -125,7 +125,7 @@ ServiceConnection::ServiceConnection(EventInbox& inbox) : inbox_(inbox)
     try {
         connection = kavro::bus::connectToBus();
     } catch (const sdbus::Error& e) {
-        throw CliError(ExitCode::Unreachable,
+        throw ClientError(ErrorKind::Unreachable,
                        "cannot connect to " + busAddress() + ": " + e.getMessage());
     }
     connection->setMethodCallTimeout(kCallTimeout);
@@ -186,17 +186,17 @@ void ServiceConnection::call(const char* what, const std::function<void()>& work
         if (loop_->lost()) break;
     }
     if (finished.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-        throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+        throw ClientError(ErrorKind::ServiceGone, std::string("lost the bus during ") + what);
     }
     try {
         finished.get();
     } catch (const sdbus::Error& e) {
         if (loop_->lost()) {
-            throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+            throw ClientError(ErrorKind::ServiceGone, std::string("lost the bus during ") + what);
         }
         throw classify(what, e);
     } catch (const std::future_error&) {
-        throw CliError(ExitCode::ServiceGone, std::string("lost the bus during ") + what);
+        throw ClientError(ErrorKind::ServiceGone, std::string("lost the bus during ") + what);
     }
 }
 
@@ -275,10 +275,10 @@ std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan(
                 .withTimeout(kSpanTimeout)
                 .storeResultsTo(span.first.sec, span.first.usec, span.second.sec, span.second.usec);
         });
-    } catch (const CliError&) {
+    } catch (const ClientError&) {
         return std::nullopt;
     }
     return span;
 }
 
-}  // namespace recsearch
+}  // namespace rsclient

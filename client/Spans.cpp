@@ -1,14 +1,7 @@
-#include "Spans.h"
+#include "client/Spans.h"
 
-namespace recsearch {
+namespace rsclient {
 
-Micros sinceEpoch(TimePoint t) { return std::chrono::seconds(t.sec) + Micros(t.usec); }
-
-TimePoint timePointAt(Micros sinceEpoch)
-{
-    const auto sec = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
-    return TimePoint{uint32_t(sec.count()), uint32_t((sinceEpoch - sec).count())};
-}
 
 std::optional<Span> SpanGrouper::add(TimePoint match)
 {
@@ -29,4 +22,4 @@ std::optional<Span> SpanGrouper::finish()
     return span;
 }
 
-}  // namespace recsearch
+}  // namespace rsclient

@@ -1,4 +1,4 @@
-// recsearch's own logic without the bus: filters against documents as the store writes them,
+// What clients make of a search without the bus: filters against documents as the store writes them,
 // and the picture as a real SVG renderer draws it.
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
@@ -9,8 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/MetadataFilter.h"
-#include "cli/Picture.h"
+#include "client/MetadataFilter.h"
+#include "cli/TerminalTimeline.h"
+#include "client/Svg.h"
 #include "store/AnalyticsFrame.h"
 #include "support/PlainXPath.h"
 #include "support/ProcessRunner.h"
@@ -18,7 +19,8 @@
 
 namespace {
 
-using namespace recsearch;
+using namespace rsclient;
+using recsearch::drawTimeline;
 using std::chrono::minutes;
 
 store::DetectedObject object(const std::string& type, double likelihood, const std::string& colour,

@@ -1,0 +1,13 @@
+// recsearch's exit codes: a client error's kind is its code; these are recsearch's own.
+#pragma once
+
+namespace recsearch {
+
+enum class ExitCode : int {
+    Ok = 0,
+    Failure = 1,
+    Usage = 2,
+    Interrupted = 130  // Ctrl-C; other stop signals give 128 + their number
+};
+
+}  // namespace recsearch

@@ -1,0 +1,191 @@
+#include "RunCommand.h"
+
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include "ExitCode.h"
+#include "Progress.h"
+#include "ResultPrinter.h"
+#include "StopSignals.h"
+#include "TerminalTimeline.h"
+#include "client/ClientError.h"
+#include "client/SearchSession.h"
+#include "client/ServiceConnection.h"
+#include "client/Svg.h"
+
+namespace recsearch {
+
+namespace {
+
+// Columns of the terminal that `fd` writes to, else $COLUMNS, else 80.
+std::size_t terminalColumns(int fd)
+{
+    winsize size{};
+    if (ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+    const char* columns = std::getenv("COLUMNS");
+    const long fromEnv = columns ? std::strtol(columns, nullptr, 10) : 0;
+    return fromEnv > 0 ? std::size_t(fromEnv) : 80;
+}
+
+bool utf8Terminal()
+{
+    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (value == nullptr || *value == '\0') continue;
+        std::string v(value);
+        for (char& ch : v) ch = char(std::tolower(static_cast<unsigned char>(ch)));
+        return v.find("utf-8") != std::string::npos || v.find("utf8") != std::string::npos;
+    }
+    return false;
+}
+
+// What a search says, on the terminal (or a pipe): results on standard output, the rest on
+// standard error, progress while it runs, the pictures at the end.
+class TerminalOutput : public SearchOutput {
+public:
+    TerminalOutput(const Command& command, ServiceConnection& service)
+        : command_(command),
+          service_(service),
+          printer_(std::cout, std::cerr, command.json),
+          progress_(!command.noProgress && isatty(STDERR_FILENO) &&
+                        command.search.kind != SearchRequest::Kind::Noop,
+                    command.search.start, command.search.end),
+          // Only a terminal shared by both streams needs the progress line out of the way.
+          clearBeforeOutput_(isatty(STDOUT_FILENO) && isatty(STDERR_FILENO))
+    {
+        // A picture that cannot be written is better known now than after a long search.
+        if (!command.svgPath.empty()) {
+            svg_.open(command.svgPath, std::ios::out | std::ios::trunc);
+            if (!svg_) {
+                throw ClientError(ErrorKind::Failure, "cannot write " + command.svgPath + ": " +
+                                                          std::strerror(errno));
+            }
+        }
+    }
+
+    void begun(uint32_t jobId) override
+    {
+        if (!command_.json && !command_.quiet) {
+            std::cerr << searchName(command_.search.kind) << ' ' << jobId << " begun" << std::endl;
+        }
+        if (progress_.enabled()) {
+            if (auto span = service_.recordingSpan()) progress_.fitTo(span->first, span->second);
+        }
+    }
+
+    void result(const SearchResult& result) override
+    {
+        if (clearBeforeOutput_) progress_.clear();
+        printer_.result(result);
+    }
+
+    void span(uint32_t jobId, const Span& span) override
+    {
+        if (clearBeforeOutput_) progress_.clear();
+        printer_.span(jobId, span);
+    }
+
+    void reached(TimePoint t, std::size_t results) override { progress_.reached(t, results); }
+    void idle() override { progress_.tick(); }
+
+    void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps) override
+    {
+        printer_.coverage(buckets, gaps);
+    }
+
+    void picture(const Picture& picture) override
+    {
+        if (command_.timeline) {
+            const int fd = command_.json ? STDERR_FILENO : STDOUT_FILENO;
+            std::ostream& out = command_.json ? std::cerr : std::cout;
+            out << '\n';
+            drawTimeline(out, picture, terminalColumns(fd), utf8Terminal());
+            out << std::flush;
+        }
+        if (!svg_.is_open()) return;
+        const std::string title = command_.search.kind == SearchRequest::Kind::Metadata
+                                      ? "Metadata matches: " + command_.search.xpath
+                                      : "Recording and tracks on and off";
+        writeSvg(svg_, picture, title);
+        svg_.close();
+        if (!svg_) throw ClientError(ErrorKind::Failure, "cannot write " + command_.svgPath);
+        if (!command_.quiet) std::cerr << "picture written to " << command_.svgPath << std::endl;
+    }
+
+    void ended(const SearchEnd& end) override
+    {
+        progress_.clear();
+        if (end.kind == SearchEnd::Kind::Interrupted || command_.json || !command_.quiet) {
+            printer_.searchEnd(end);
+        }
+    }
+
+    bool good() const override { return printer_.good(); }
+
+private:
+    const Command& command_;
+    ServiceConnection& service_;
+    ResultPrinter printer_;
+    Progress progress_;
+    bool clearBeforeOutput_;
+    std::ofstream svg_;
+};
+
+int runSearch(const Command& command, EventInbox& inbox, StopSignals& stops,
+              ServiceConnection& service)
+{
+    TerminalOutput output(command, service);
+    SearchSession session(command.search, service, inbox, output);
+    if (!session.start([&stops] { return stops.requested(); })) {
+        return int(ExitCode::Interrupted);
+    }
+    const int signal = session.stream();
+    return signal == 0 ? int(ExitCode::Ok) : 128 + signal;
+}
+
+int showState(const Command& c, ServiceConnection& service)
+{
+    const uint32_t state = service.searchState(c.jobId);
+    ResultPrinter(std::cout, std::cerr, c.json).state(c.jobId, state);
+    return state == 0 ? int(ErrorKind::UnknownJob) : int(ExitCode::Ok);
+}
+
+int endOther(const Command& c, ServiceConnection& service)
+{
+    // The end call cannot tell an unknown id from a search that got nowhere; the state can.
+    if (service.searchState(c.jobId) == 0) {
+        throw ClientError(ErrorKind::UnknownJob, "no search with job id " + std::to_string(c.jobId));
+    }
+    const EndReply end = service.endSearch(c.jobId);
+    ResultPrinter(std::cout, std::cerr, c.json).ended(c.jobId, end.reached);
+    return int(ExitCode::Ok);
+}
+
+}  // namespace
+
+int runCommand(const Command& command)
+{
+    if (command.showXPath) {
+        std::cout << command.search.xpath << std::endl;
+        return int(ExitCode::Ok);
+    }
+    EventInbox inbox;
+    StopSignals stops(inbox);  // before the bus loop's thread, which must inherit the mask
+    ServiceConnection service(inbox);
+    switch (command.kind) {
+    case Command::Kind::State: return showState(command, service);
+    case Command::Kind::End: return endOther(command, service);
+    default: return runSearch(command, inbox, stops, service);
+    }
+}
+
+}  // namespace recsearch

@@ -1,0 +1,116 @@
+#include "client/ResultJson.h"
+
+namespace rsclient {
+
+namespace {
+
+const char* kindName(SearchResult::Kind kind)
+{
+    switch (kind) {
+    case SearchResult::Kind::Metadata: return "metadata";
+    case SearchResult::Kind::TrackState: return "track";
+    case SearchResult::Kind::RecordingState: return "recording";
+    }
+    return "unknown";
+}
+
+void addRange(Json& j, Micros from, Micros to)
+{
+    const TimePoint start = timePointAt(from), end = timePointAt(to);
+    j["start"] = isoText(start);
+    j["end"] = isoText(end);
+    j["start_sec"] = start.sec;
+    j["start_usec"] = start.usec;
+    j["end_sec"] = end.sec;
+    j["end_usec"] = end.usec;
+}
+
+double secondsOf(Micros d) { return double(d.count()) / 1e6; }
+
+}  // namespace
+
+const char* stateName(uint32_t state)
+{
+    switch (state) {
+    case 1: return "searching";
+    case 2: return "completed";
+    case 0: return "unknown";
+    default: return "invalid";
+    }
+}
+
+void addTime(Json& j, TimePoint t)
+{
+    j["time"] = isoText(t);
+    j["sec"] = t.sec;
+    j["usec"] = t.usec;
+}
+
+std::string jsonLine(const Json& json)
+{
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+Json resultJson(const SearchResult& r)
+{
+    Json j = {{"job", r.jobId}, {"kind", kindName(r.kind)}};
+    addTime(j, r.time);
+    if (r.kind == SearchResult::Kind::TrackState) j["track"] = r.track;
+    if (r.kind != SearchResult::Kind::Metadata) {
+        j["on"] = r.on;
+        j["start_state"] = r.startState;
+    }
+    return j;
+}
+
+Json spanJson(uint32_t jobId, const Span& span)
+{
+    Json j = {{"job", jobId}, {"kind", "span"}};
+    addRange(j, sinceEpoch(span.start), sinceEpoch(span.end));
+    j["matches"] = span.matches;
+    return j;
+}
+
+Json bucketJson(const Bucket& b)
+{
+    Json j = {{"kind", "bucket"}};
+    addRange(j, b.from, b.to);
+    j["recording_on_s"] = secondsOf(b.recordingOn);
+    j["tracks"] = Json::object();
+    for (const auto& [name, on] : b.tracksOn) j["tracks"][name] = secondsOf(on);
+    return j;
+}
+
+Json gapJson(const Segment& g)
+{
+    Json j = {{"kind", "gap"}};
+    addRange(j, g.from, g.to);
+    j["duration_s"] = secondsOf(g.to - g.from);
+    return j;
+}
+
+Json stateJson(uint32_t jobId, uint32_t state)
+{
+    return {{"job", jobId}, {"state", state}, {"state_name", stateName(state)}};
+}
+
+Json endedJson(uint32_t jobId, TimePoint reached)
+{
+    Json j = {{"job", jobId}, {"kind", "ended"}};
+    addTime(j, reached);
+    return j;
+}
+
+Json searchEndJson(const SearchEnd& end)
+{
+    if (end.kind == SearchEnd::Kind::EndedElsewhere) {
+        return {{"job", end.jobId}, {"kind", "ended_elsewhere"}, {"results", end.results}};
+    }
+    Json j = {{"job", end.jobId},
+              {"kind", end.kind == SearchEnd::Kind::Interrupted ? "interrupted" : "completed"},
+              {"results", end.results}};
+    addTime(j, end.reached);
+    return j;
+}
+
+}  // namespace rsclient

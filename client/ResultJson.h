@@ -1,0 +1,33 @@
+// The JSON object of each line a client prints or streams for a search (recsearch --json and
+// the gateway alike). Keys in the order a person reads them: which search, what, when, then
+// the details.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "client/Coverage.h"
+#include "client/SearchOutput.h"
+
+namespace rsclient {
+
+using Json = nlohmann::ordered_json;
+
+Json resultJson(const SearchResult& result);
+Json spanJson(uint32_t jobId, const Span& span);
+Json bucketJson(const Bucket& bucket);
+Json gapJson(const Segment& gap);
+Json stateJson(uint32_t jobId, uint32_t state);
+Json endedJson(uint32_t jobId, TimePoint reached);  // ended on request of another client
+Json searchEndJson(const SearchEnd& end);
+
+// One line, newline included. Invalid UTF-8 (in a track name) is replaced, never an error.
+std::string jsonLine(const Json& json);
+
+const char* stateName(uint32_t state);  // searching, completed, unknown
+void addTime(Json& json, TimePoint t);
+
+}  // namespace rsclient

@@ -1,0 +1,39 @@
+// What a client does with what a search says: print it, stream it over HTTP, draw it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "client/ClientEvent.h"
+#include "client/Coverage.h"
+#include "client/Picture.h"
+#include "client/Spans.h"
+
+namespace rsclient {
+
+struct SearchEnd {
+    enum class Kind { Completed, Interrupted, EndedElsewhere };
+    Kind kind = Kind::Completed;
+    uint32_t jobId = 0;
+    TimePoint reached;  // not known when ended elsewhere
+    std::size_t results = 0;
+};
+
+// Every call comes from the thread that runs the session.
+class SearchOutput {
+public:
+    virtual ~SearchOutput() = default;
+    virtual void begun(uint32_t /*jobId*/) {}
+    virtual void result(const SearchResult& result) = 0;  // not for summaries nor with spans
+    virtual void span(uint32_t jobId, const Span& span) = 0;
+    virtual void reached(TimePoint /*t*/, std::size_t /*results*/) {}  // after every result
+    virtual void idle() {}  // nothing arrived for a while
+    virtual void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps) = 0;
+    virtual void picture(const Picture& /*picture*/) {}  // only when the request asks for one
+    virtual void ended(const SearchEnd& end) = 0;
+    // False once nobody reads what is written; the search is then ended without a word.
+    virtual bool good() const { return true; }
+};
+
+}  // namespace rsclient

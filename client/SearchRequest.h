@@ -1,0 +1,30 @@
+// One search as a client asks for it, whichever way it was asked (command line or HTTP).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "client/TimeText.h"
+
+namespace rsclient {
+
+struct SearchRequest {
+    // Summary: an event search with the start state, summed into coverage afterwards.
+    enum class Kind { Events, Metadata, Summary, Noop };
+    Kind kind = Kind::Noop;
+    TimePoint start;
+    TimePoint end;
+    int32_t maxResults = -1;  // negative: no limit
+    bool startState = false;
+    bool flag1 = false;
+    bool flag2 = false;
+    std::string xpath;              // with the filters' conditions already in it
+    std::optional<Micros> spanGap;  // metadata matches grouped into appearances
+    Micros bucket{0};               // summary; 0: a round size for the range
+    bool picture = false;           // draw the range afterwards
+};
+
+const char* searchName(SearchRequest::Kind kind);  // "event search", ...
+
+}  // namespace rsclient

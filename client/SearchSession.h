@@ -1,0 +1,54 @@
+// One search from create to end: the service's answers and signals turned into calls of a
+// SearchOutput. Shared by recsearch and the gateway, so that both say the same.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "client/ClientEvent.h"
+#include "client/SearchOutput.h"
+#include "client/SearchRequest.h"
+#include "client/Spans.h"
+
+namespace rsclient {
+
+class ServiceConnection;
+
+// The connection's inbox carries this search's events; whoever wants the search stopped
+// pushes an Interrupted event into it (a signal, an HTTP DELETE, a client gone).
+class SearchSession {
+public:
+    SearchSession(const SearchRequest& request, ServiceConnection& service, EventInbox& inbox,
+                  SearchOutput& output);
+
+    // Creates and begins the search. Throws ClientError (Refused for job id -1); nothing when
+    // `stopped` says so before the create.
+    std::optional<uint32_t> start(const std::function<bool()>& stopped = {});
+
+    // Until the search completes or is stopped; 0, or the signal of the Interrupted event
+    // (SIGPIPE when the output stopped being read).
+    int stream();
+
+private:
+    int32_t create();
+    void take(const SearchResult& result);
+    void conclude(TimePoint reached);
+    int finish(int signal);
+
+    const SearchRequest& request_;
+    ServiceConnection& service_;
+    EventInbox& inbox_;
+    SearchOutput& output_;
+    bool keep_;
+    std::optional<SpanGrouper> spans_;
+    uint32_t jobId_ = 0;
+    std::size_t results_ = 0;
+    TimePoint last_;
+    std::vector<SearchResult> kept_;  // event results
+    std::vector<Span> marks_;         // metadata matches, or spans
+};
+
+}  // namespace rsclient
