@@ -1,0 +1,149 @@
+#include "web/GatewayOptions.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+namespace web {
+
+namespace {
+
+const char* kFooter = R"HELP(
+The API (JSON in, JSON lines out; every /api/ request needs "Authorization: Bearer TOKEN"):
+  GET    /api/v1/status               {"service": "running"}, or 502
+  POST   /api/v1/events               start, end, startState, maxResults
+  POST   /api/v1/metadata             start, end, xpath or filters (class, colour,
+                                      minLikelihood, region, motion), spans, maxResults
+  POST   /api/v1/summary              start, end, bucket
+  POST   /api/v1/picture              start, end: the SVG of the range
+  POST   /api/v1/xpath                the filters: {"xpath": ...}
+  DELETE /api/v1/searches/ID          ends a search
+  GET    /                            the search page (no token needed)
+Times are ISO 8601 UTC text or seconds since 1970, as recsearch reads them.
+
+Safety: tokens are the non-empty lines of the token file, compared in constant time and never
+logged; a request from another Origin is refused; an address that is not loopback needs
+--tls-cert and --tls-key, or --plain-http to say that plain HTTP is meant.
+
+systemd: with a socket passed (recording-search-web.socket) --listen is not used; readiness is
+reported with sd_notify. Logs go to the journal (one line per request at priority 7, without
+the token), or to $KAVRO_LOG_FILE when set. The service is reached on the system bus;
+DBUS_SYSTEM_BUS_ADDRESS points elsewhere.
+
+Exit codes: 0 stopped by SIGTERM, SIGINT or SIGHUP; 1 cannot start (address, token file, TLS
+files); 2 usage error.
+
+Examples:
+  recording_search_web
+  recording_search_web --listen 0.0.0.0:8443 --tls-cert /etc/ssl/web.pem --tls-key /etc/ssl/web.key
+  curl -N -H "Authorization: Bearer $(head -1 /etc/recording-search/web-tokens)" \
+       -H 'Content-Type: application/json' -d '{"start":"2026-11-23T10:00:00Z",
+       "end":"2026-11-23T11:00:00Z","startState":true}' http://127.0.0.1:8470/api/v1/events
+)HELP";
+
+// "127.0.0.1:8470", "[::1]:8470"; *why says what is wrong.
+bool parseListen(const std::string& text, GatewayOptions& o, std::string& why)
+{
+    const auto colon = text.rfind(':');
+    if (colon == std::string::npos) {
+        why = text + " is not ADDRESS:PORT";
+        return false;
+    }
+    std::string host = text.substr(0, colon);
+    const std::string portText = text.substr(colon + 1);
+    char* end = nullptr;
+    const long port = std::strtol(portText.c_str(), &end, 10);
+    if (portText.empty() || *end != '\0' || port < 0 || port > 65535) {
+        why = portText + " is not a port from 0 to 65535";
+        return false;
+    }
+    std::memset(&o.address, 0, sizeof o.address);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+        host = host.substr(1, host.size() - 2);
+        auto* v6 = reinterpret_cast<sockaddr_in6*>(&o.address);
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(uint16_t(port));
+        if (inet_pton(AF_INET6, host.c_str(), &v6->sin6_addr) == 1) {
+            o.loopback = IN6_IS_ADDR_LOOPBACK(&v6->sin6_addr);
+            return true;
+        }
+    } else {
+        auto* v4 = reinterpret_cast<sockaddr_in*>(&o.address);
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(uint16_t(port));
+        if (inet_pton(AF_INET, host.c_str(), &v4->sin_addr) == 1) {
+            o.loopback = (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
+            return true;
+        }
+    }
+    why = host + " is not a numeric IPv4 address or a [bracketed] IPv6 address";
+    return false;
+}
+
+int usageError(const std::string& message)
+{
+    std::cerr << "recording_search_web: " << message << "\nRun with --help for more information.\n";
+    return 2;
+}
+
+}  // namespace
+
+std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
+{
+    GatewayOptions o;
+    long idle = o.limits.idle.count();
+    CLI::App app("The HTTP gateway and search page of recording_search.", "recording_search_web");
+    app.add_option("--listen", o.listen, "ADDRESS:PORT to listen on (default 127.0.0.1:8470)")
+        ->type_name("ADDR:PORT");
+    app.add_option("--token-file", o.tokenFile,
+                   "the bearer tokens, one a line (default /etc/recording-search/web-tokens)")
+        ->type_name("FILE");
+    app.add_option("--tls-cert", o.tlsCert, "serve HTTPS with this certificate (PEM)")
+        ->type_name("FILE");
+    app.add_option("--tls-key", o.tlsKey, "and this private key (PEM)")->type_name("FILE");
+    app.add_flag("--plain-http", o.plainHttp,
+                 "allow plain HTTP on an address that is not loopback");
+    const char* bounds = "Bounds";
+    app.add_option("--max-connections", o.limits.connections, "connections at once (default 64)")
+        ->check(CLI::Range(1u, 1024u))
+        ->group(bounds);
+    app.add_option("--max-per-client", o.limits.connectionsPerClient,
+                   "connections at once from one client address (default 16)")
+        ->check(CLI::Range(1u, 1024u))
+        ->group(bounds);
+    app.add_option("--max-streams", o.limits.streams, "searches streamed at once (default 8)")
+        ->check(CLI::Range(1, 256))
+        ->group(bounds);
+    app.add_option("--idle-timeout", idle, "seconds before an idle connection is closed (default 60)")
+        ->check(CLI::Range(1, 3600))
+        ->group(bounds);
+    app.add_option("--max-buffered", o.limits.bufferedBytes,
+                   "bytes of results held for a slow reader before its search is ended "
+                   "(default 1048576)")
+        ->check(CLI::Range(std::size_t(4096), std::size_t(64) << 20))
+        ->group(bounds);
+    app.set_version_flag("--version", "recording_search_web 0.1.0");
+    app.footer(kFooter);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return 2;
+    }
+    o.limits.idle = std::chrono::seconds(idle);
+    std::string why;
+    if (!parseListen(o.listen, o, why)) return usageError("--listen: " + why);
+    if (o.tlsCert.empty() != o.tlsKey.empty()) {
+        return usageError("--tls-cert and --tls-key go together");
+    }
+    return o;
+}
+
+}  // namespace web

@@ -1,0 +1,38 @@
+// recording_search_web's command line.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <variant>
+
+namespace web {
+
+struct Limits {
+    std::size_t bodyBytes = 64 * 1024;
+    unsigned connections = 64;
+    unsigned connectionsPerClient = 16;
+    std::size_t streams = 8;
+    std::chrono::seconds idle{60};
+    std::size_t bufferedBytes = 1024 * 1024;  // results waiting for one slow reader
+};
+
+struct GatewayOptions {
+    std::string listen = "127.0.0.1:8470";
+    sockaddr_storage address{};  // from listen
+    bool loopback = true;
+    std::string tokenFile = "/etc/recording-search/web-tokens";
+    std::string tlsCert;
+    std::string tlsKey;
+    bool plainHttp = false;
+    Limits limits;
+};
+
+// The options, or the exit code when there is nothing to run (help, or a usage error already
+// reported on standard error).
+std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv);
+
+}  // namespace web

@@ -1,0 +1,207 @@
+#include "web/SearchStream.h"
+
+#include <poll.h>
+#include <signal.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "client/ClientError.h"
+#include "client/ResultJson.h"
+#include "client/SearchSession.h"
+#include "client/ServiceConnection.h"
+#include "client/Svg.h"
+
+namespace web {
+
+using rsclient::Json;
+using rsclient::jsonLine;
+
+namespace {
+
+constexpr std::chrono::milliseconds kProgressEvery{250};
+// How often a waiting reader looks at its socket: a client that hangs up is noticed well
+// within a second.
+constexpr std::chrono::milliseconds kPeerCheckEvery{200};
+
+bool peerGone(int socket)
+{
+    if (socket < 0) return false;
+    pollfd watched{socket, POLLRDHUP, 0};
+    return ::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+std::string errorLine(const std::string& message) { return jsonLine(Json{{"error", message}}); }
+
+}  // namespace
+
+SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered)
+    : request_(request), maxBuffered_(maxBuffered)
+{
+}
+
+SearchStream::~SearchStream()
+{
+    readerGone();
+    if (thread_.joinable()) thread_.join();
+    session_.reset();
+    service_.reset();
+}
+
+uint32_t SearchStream::start()
+{
+    service_ = std::make_unique<rsclient::ServiceConnection>(inbox_);
+    session_ = std::make_unique<rsclient::SearchSession>(request_, *service_, inbox_, *this);
+    jobId_ = *session_->start();
+    if (!request_.picture) append(jsonLine(Json{{"kind", "search"}, {"id", jobId_}}));
+    thread_ = std::thread([this] { run(); });
+    return jobId_;
+}
+
+void SearchStream::run()
+{
+    std::string failure;
+    try {
+        session_->stream();
+    } catch (const std::exception& e) {
+        failure = e.what();
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (overflowed_) {
+        failure = "the client read too slowly: more than " + std::to_string(maxBuffered_ / 1024) +
+                  " KiB of results waited for it; search " + std::to_string(jobId_) + " ended";
+    }
+    if (!failure.empty()) {
+        error_ = failure;
+        if (!request_.picture) lines_ += errorLine(failure);
+    }
+    done_ = true;
+    changed_.notify_all();
+}
+
+void SearchStream::push(int signal)
+{
+    rsclient::ClientEvent event;
+    event.kind = rsclient::ClientEvent::Kind::Interrupted;
+    event.signal = signal;
+    inbox_.push(std::move(event));
+}
+
+void SearchStream::interrupt()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (done_ || interrupted_) return;
+        interrupted_ = true;
+    }
+    push(SIGINT);
+}
+
+void SearchStream::readerGone()
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (done_ || readerGone_) return;
+        readerGone_ = true;
+        lines_.clear();
+        readFrom_ = 0;
+    }
+    push(SIGPIPE);
+}
+
+ssize_t SearchStream::read(char* buffer, std::size_t size, int socket)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (true) {
+        if (readFrom_ < lines_.size()) {
+            const std::size_t n = std::min(size, lines_.size() - readFrom_);
+            std::memcpy(buffer, lines_.data() + readFrom_, n);
+            readFrom_ += n;
+            if (readFrom_ == lines_.size()) {
+                lines_.clear();
+                readFrom_ = 0;
+            }
+            changed_.notify_all();
+            return ssize_t(n);
+        }
+        if (done_) return 0;
+        changed_.wait_for(lock, kPeerCheckEvery);
+        if (readFrom_ >= lines_.size() && !done_ && peerGone(socket)) {
+            lock.unlock();
+            readerGone();
+            return -1;
+        }
+    }
+}
+
+bool SearchStream::waitDone(int socket)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!done_) {
+        changed_.wait_for(lock, kPeerCheckEvery);
+        if (!done_ && peerGone(socket)) {
+            lock.unlock();
+            readerGone();
+            return false;
+        }
+    }
+    return true;
+}
+
+void SearchStream::append(const std::string& line, bool evenWhenFull)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (readerGone_ || overflowed_) return;
+    if (!evenWhenFull && lines_.size() - readFrom_ + line.size() > maxBuffered_) {
+        overflowed_ = true;
+        return;
+    }
+    lines_ += line;
+    changed_.notify_all();
+}
+
+bool SearchStream::good() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !overflowed_;
+}
+
+void SearchStream::result(const rsclient::SearchResult& result)
+{
+    append(jsonLine(rsclient::resultJson(result)));
+}
+
+void SearchStream::span(uint32_t jobId, const rsclient::Span& span)
+{
+    append(jsonLine(rsclient::spanJson(jobId, span)));
+}
+
+void SearchStream::reached(rsclient::TimePoint t, std::size_t)
+{
+    if (request_.picture) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastProgress_ < kProgressEvery) return;
+    lastProgress_ = now;
+    append(jsonLine(Json{{"kind", "progress"}, {"through", rsclient::isoText(t)}}));
+}
+
+void SearchStream::coverage(const std::vector<rsclient::Bucket>& buckets,
+                            const std::vector<rsclient::Segment>& gaps)
+{
+    for (const auto& b : buckets) append(jsonLine(rsclient::bucketJson(b)));
+    for (const auto& g : gaps) append(jsonLine(rsclient::gapJson(g)));
+}
+
+void SearchStream::picture(const rsclient::Picture& picture)
+{
+    std::ostringstream out;
+    rsclient::writeSvg(out, picture, "Recording and tracks on and off");
+    svg_ = out.str();
+}
+
+void SearchStream::ended(const rsclient::SearchEnd& end)
+{
+    if (!request_.picture) append(jsonLine(rsclient::searchEndJson(end)), true);
+}
+
+}  // namespace web

@@ -1,0 +1,63 @@
+// recording_search_web: the search over HTTP, for programs and for a person at a browser.
+#include <signal.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+
+#include <exception>
+#include <iostream>
+#include <variant>
+
+#include "kavro/core.h"
+#include "kavro/tools/StopSignals.h"
+#include "web/GatewayOptions.h"
+#include "web/HttpGateway.h"
+#include "web/TokenFile.h"
+
+namespace {
+
+int socketFromSystemd()
+{
+    const int passed = sd_listen_fds(1);
+    return passed >= 1 ? SD_LISTEN_FDS_START : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    auto parsed = web::parseGatewayOptions(argc, argv);
+    if (const int* exitCode = std::get_if<int>(&parsed)) return *exitCode;
+    const auto& options = std::get<web::GatewayOptions>(parsed);
+
+    // Before any thread starts, so that every thread inherits the mask and sigwait below
+    // is the only one to see them.
+    sigset_t stops = kavro::tools::blockStopSignals();
+    signal(SIGPIPE, SIG_IGN);
+    void* log = nullptr;
+    kavro_core_logging_init("recording_search_web", &log);
+    try {
+        const int socket = socketFromSystemd();
+        if (socket < 0 && !options.loopback && options.tlsCert.empty() && !options.plainHttp) {
+            throw std::runtime_error(options.listen +
+                                     " is not a loopback address: give --tls-cert and "
+                                     "--tls-key, or --plain-http to serve plain HTTP anyway");
+        }
+        const web::TokenFile tokens(options.tokenFile);
+        web::HttpGateway gateway(options, tokens, log, socket);
+        kavro_core_logging_log(log, LOG_INFO, "serving on %s",
+                               socket >= 0 ? "the socket from systemd" : options.listen.c_str());
+        sd_notify(0, "READY=1");
+        int signal = 0;
+        while (sigwait(&stops, &signal) != 0) {
+        }
+        sd_notify(0, "STOPPING=1");
+        kavro_core_logging_log(log, LOG_INFO, "stopping on signal %d", signal);
+    } catch (const std::exception& e) {
+        std::cerr << "recording_search_web: " << e.what() << std::endl;
+        kavro_core_logging_log(log, LOG_ERR, "cannot start: %s", e.what());
+        kavro_core_logging_deinit(log);
+        return 1;
+    }
+    kavro_core_logging_deinit(log);
+    return 0;
+}
