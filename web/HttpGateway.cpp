@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <microhttpd.h>
+#include <sys/socket.h>
 #include <syslog.h>
 
 #include <cstdarg>
@@ -32,6 +33,7 @@ constexpr const char* kContentSecurityPolicy =
 constexpr const char* kRetryAfterSeconds = "5";
 constexpr std::size_t kStreamChunk = 32 * 1024;
 constexpr std::size_t kThreadStack = 512 * 1024;
+constexpr std::size_t kSocketSendBuffer = 128 * 1024;
 
 struct Route {
     const char* path;  // a trailing '/' takes a numeric id after it
@@ -174,6 +176,15 @@ void requestCompleted(void*, MHD_Connection*, void** state, MHD_RequestTerminati
     *state = nullptr;
 }
 
+// The kernel's send buffer counts too: bounded, a slow reader is seen as one quickly.
+void connectionNotified(void*, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code)
+{
+    if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
+    const int socket = socketOf(connection);
+    const int size = int(kSocketSendBuffer);
+    if (socket >= 0) setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
 void logLibrary(void* cookie, const char* format, va_list arguments)
 {
     char message[512];
@@ -197,6 +208,7 @@ HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
         {MHD_OPTION_CONNECTION_TIMEOUT, intptr_t(options.limits.idle.count()), nullptr},
         {MHD_OPTION_THREAD_STACK_SIZE, intptr_t(kThreadStack), nullptr},
         {MHD_OPTION_NOTIFY_COMPLETED, intptr_t(&requestCompleted), nullptr},
+        {MHD_OPTION_NOTIFY_CONNECTION, intptr_t(&connectionNotified), nullptr},
         {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(&logLibrary), logCookie},
     };
     if (listenSocket >= 0) {

@@ -1,0 +1,295 @@
+// recording_search_web as a remote program uses it: the real binaries on a bus of the test's
+// own, curl as the HTTP client.
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "support/GeneratedRecording.h"
+#include "support/ProcessRunner.h"
+#include "support/ServiceStack.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
+
+const char* const kToken = "test-token-1";
+const std::string kWholeHour = R"("start":"2024-01-01T00:00:00Z","end":"2024-01-01T01:00:00Z")";
+
+rstest::ServiceStack::Options sampleStack()
+{
+    static const rstest::GeneratedRecording sample(
+        RS_BIN_DIR, {"--seed", "5", "--start", "2024-01-01T00:00:00Z", "--duration", "1h",
+                     "--video-tracks", "2", "--recording-on", "900", "--recording-off", "60",
+                     "--track-on", "300", "--track-off", "30"});
+    return {RS_BIN_DIR, sample.path(), {}, true};
+}
+
+int freePort()
+{
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(s, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+    close(s);
+    return ntohs(address.sin_port);
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+long residentKiB(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
+}
+
+// The stack, and the gateway in front of it.
+class Gateway {
+public:
+    explicit Gateway(std::vector<std::string> extraArgs = {})
+        : stack_(sampleStack()), port_(freePort())
+    {
+        const std::string tokens = dir_.write("tokens", std::string("# a comment\n") + kToken + "\n");
+        std::vector<std::string> args = {"--listen", "127.0.0.1:" + std::to_string(port_),
+                                         "--token-file", tokens};
+        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        auto env = stack_.clientEnv();
+        env["KAVRO_LOG_FILE"] = dir_.file("web.log");
+        web_ = std::make_unique<rstest::ProcessRunner>(bin("recording_search_web"), args, env);
+        web_->start();
+        if (!web_->waitForNotify("READY=1")) throw std::runtime_error("the gateway is not ready");
+    }
+
+    std::string url(const std::string& path) const
+    {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
+
+    // curl's arguments for a request with the token and a JSON body.
+    std::vector<std::string> curlArgs(const std::string& path, const std::string& body,
+                                      std::vector<std::string> extra = {}) const
+    {
+        std::vector<std::string> args = {"-sN", "-H", std::string("Authorization: Bearer ") + kToken,
+                                         "-H", "Content-Type: application/json"};
+        if (!body.empty()) args.insert(args.end(), {"--data-binary", body});
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(url(path));
+        return args;
+    }
+
+    rstest::RunResult post(const std::string& path, const std::string& body,
+                           std::vector<std::string> extra = {}) const
+    {
+        return rstest::runToEnd("curl", curlArgs(path, body, std::move(extra)), {}, 60s);
+    }
+
+    rstest::RunResult recsearch(const std::vector<std::string>& args) const
+    {
+        return rstest::runToEnd(bin("recsearch"), args, stack_.clientEnv(), 60s);
+    }
+
+    rstest::ServiceStack& stack() { return stack_; }
+    rstest::ProcessRunner& process() { return *web_; }
+    const rstest::TempDir& dir() const { return dir_; }
+
+private:
+    rstest::TempDir dir_{"rs-web"};
+    rstest::ServiceStack stack_;
+    int port_;
+    std::unique_ptr<rstest::ProcessRunner> web_;
+};
+
+// The lines a search streams, without its id line and progress lines, with job ids made equal.
+std::vector<std::string> resultLines(const std::string& text)
+{
+    std::vector<std::string> out;
+    for (const auto& line : lines(text)) {
+        const json j = json::parse(line);
+        if (j.value("kind", "") == "search" || j.value("kind", "") == "progress") continue;
+        out.push_back(std::regex_replace(line, std::regex(R"("job":\d+)"), R"("job":0)"));
+    }
+    return out;
+}
+
+TEST(GatewayAnswers, AreLineForLineWhatRecsearchPrintsForTheSameQuery)
+{
+    Gateway gateway;
+    struct Case {
+        std::string path, body;
+        std::vector<std::string> recsearch;
+    };
+    const std::vector<Case> cases = {
+        {"/api/v1/events", "{" + kWholeHour + R"(,"startState":true,"maxResults":40})",
+         {"events", "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "-s", "-n", "40"}},
+        {"/api/v1/metadata",
+         R"({"start":1704067200,"end":"2024-01-01T00:05:00Z","class":["person","vehicle"],)"
+         R"("region":[0,0,0.5,1],"spans":"3s"})",
+         {"metadata", "1704067200", "2024-01-01T00:05:00Z", "--class", "person,vehicle",
+          "--region", "0,0,0.5,1", "--spans=3s"}},
+        {"/api/v1/summary", "{" + kWholeHour + R"(,"bucket":"10m"})",
+         {"summary", "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "--bucket", "10m"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path + " " + c.body);
+        const auto web = gateway.post(c.path, c.body);
+        auto args = c.recsearch;
+        args.push_back("--json");
+        const auto cli = gateway.recsearch(args);
+        ASSERT_EQ(cli.status.code, 0) << cli.err;
+        EXPECT_EQ(json::parse(lines(web.out).at(0)).at("kind"), "search") << web.out;
+        const auto expected = resultLines(cli.out);
+        EXPECT_GT(expected.size(), 2u);
+        EXPECT_EQ(resultLines(web.out), expected);
+    }
+
+    const std::string svg = gateway.dir().file("range.svg");
+    ASSERT_EQ(gateway
+                  .recsearch({"events", "2024-01-01T00:00:00Z", "2024-01-01T00:30:00Z", "-s",
+                              "--svg", svg, "-q"})
+                  .status.code,
+              0);
+    std::ifstream file(svg);
+    const std::string drawn((std::istreambuf_iterator<char>(file)), {});
+    const auto picture = gateway.post(
+        "/api/v1/picture", R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:30:00Z"})");
+    EXPECT_EQ(picture.out, drawn);
+
+    const auto xpath = gateway.post("/api/v1/xpath", R"({"class":"person","motion":true})");
+    const auto shown = gateway.recsearch({"metadata", "--class", "person", "--motion", "--show-xpath"});
+    EXPECT_EQ(json::parse(xpath.out).at("xpath").get<std::string>() + "\n", shown.out);
+}
+
+// Each refusal once: its status, and for a bad value the message recsearch gives for it.
+TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
+{
+    Gateway gateway;
+    const std::string events = "/api/v1/events";
+    const std::string good = "{" + kWholeHour + "}";
+    struct Case {
+        std::string what;
+        std::vector<std::string> args;
+        std::string status, message;
+    };
+    const std::string big(70 * 1024, ' ');
+    const std::vector<Case> cases = {
+        {"no token", {"-sN", "-H", "Content-Type: application/json", "-d", good, gateway.url(events)},
+         "401", "a valid bearer token is required"},
+        {"wrong token",
+         {"-sN", "-H", "Authorization: Bearer test-token-2", "-H", "Content-Type: application/json",
+          "-d", good, gateway.url(events)},
+         "401", "a valid bearer token is required"},
+        {"another origin", gateway.curlArgs(events, good, {"-H", "Origin: http://elsewhere.example"}),
+         "403", "requests from another origin are refused"},
+        {"body too large", gateway.curlArgs(events, big), "413", "the body is larger than 64 KiB"},
+        {"not JSON",
+         {"-sN", "-H", std::string("Authorization: Bearer ") + kToken, "-d", good,
+          gateway.url(events)},
+         "415",
+         "the body must be JSON (Content-Type: application/json)"},
+        {"method", gateway.curlArgs(events, "", {"-X", "GET"}), "405",
+         "/api/v1/events answers POST only"},
+        {"bad time", gateway.curlArgs(events, R"({"start":"2024-13-01T00:00:00Z","end":1})"), "400",
+         "start: 2024-13-01T00:00:00Z: not an ISO 8601 time of the form 2026-11-23T10:00:00[.250]Z"},
+        {"bad likelihood",
+         gateway.curlArgs("/api/v1/metadata", "{" + kWholeHour + R"(,"minLikelihood":1.5})"), "400",
+         "minLikelihood: 1.5 is not a likelihood from 0 to 1 (for example 0.8)"},
+        {"unknown search", gateway.curlArgs("/api/v1/searches/4000", "", {"-X", "DELETE"}), "404",
+         "no search with job id 4000"},
+    };
+    for (const auto& c : cases) {
+        auto args = c.args;
+        args.insert(args.begin(), {"-w", "%{http_code}"});
+        const auto r = rstest::runToEnd("curl", args, {}, 30s);
+        const auto out = lines(r.out);
+        ASSERT_EQ(out.size(), 2u) << c.what << ": " << r.out;
+        EXPECT_EQ(out[1], c.status) << c.what;
+        EXPECT_EQ(json::parse(out[0]).at("error"), c.message) << c.what;
+    }
+
+    // The limit of two: a third search is refused while two stream.
+    const std::string wholeHour = "{" + kWholeHour + R"(,"xpath":""})";
+    std::vector<std::unique_ptr<rstest::ProcessRunner>> running;
+    for (int i = 0; i < 2; ++i) {
+        running.push_back(std::make_unique<rstest::ProcessRunner>(
+            "curl", gateway.curlArgs("/api/v1/metadata", wholeHour)));
+        running.back()->start();
+        ASSERT_TRUE(running.back()->waitForStdout("\"kind\":\"search\"")) << "search " << i;
+    }
+    const auto third = gateway.post("/api/v1/metadata", wholeHour, {"-i"});
+    EXPECT_NE(third.out.find("HTTP/1.1 429"), std::string::npos) << third.out;
+    EXPECT_NE(third.out.find("Retry-After: 5"), std::string::npos) << third.out;
+    running.clear();
+
+    // The service gone: the status says so.
+    EXPECT_EQ(gateway.stack().stop(), "");
+    const auto status = rstest::runToEnd(
+        "curl", gateway.curlArgs("/api/v1/status", "", {"-w", "%{http_code}"}), {}, 30s);
+    EXPECT_EQ(lines(status.out).back(), "502") << status.out;
+}
+
+// A search ends with its stream: DELETE ends it as Ctrl-C does, a client that goes away ends
+// it within a second, a reader too slow for the bound is cut off and memory stays flat.
+TEST(GatewayStreams, EndWithTheirReader)
+{
+    Gateway gateway({"--max-buffered", "4096"});
+    const std::string wholeHour = "{" + kWholeHour + R"(,"xpath":""})";
+
+    rstest::ProcessRunner deleted("curl", gateway.curlArgs("/api/v1/metadata", wholeHour));
+    deleted.start();
+    ASSERT_TRUE(deleted.waitForStdout("\"kind\":\"metadata\""));
+    const json first = json::parse(lines(deleted.stdoutText()).at(0));
+    const auto id = std::to_string(first.at("id").get<uint32_t>());
+    const auto end = gateway.post("/api/v1/searches/" + id, "", {"-X", "DELETE", "-w", "%{http_code}"});
+    EXPECT_EQ(end.out, "204");
+    ASSERT_TRUE(deleted.waitForExit(10s));
+    const json last = json::parse(lines(deleted.stdoutText()).back());
+    EXPECT_EQ(last.at("kind"), "interrupted") << last;
+
+    // Both slots taken and their clients gone: both are free again within a second.
+    for (int i = 0; i < 2; ++i) {
+        rstest::ProcessRunner gone("curl", gateway.curlArgs("/api/v1/metadata", wholeHour));
+        gone.start();
+        ASSERT_TRUE(gone.waitForStdout("\"kind\":\"search\""));
+        gone.sendSignal(SIGKILL);
+        ASSERT_TRUE(gone.waitForExit(5s));
+    }
+    std::this_thread::sleep_for(1500ms);
+    const auto again = gateway.post("/api/v1/events", "{" + kWholeHour + "}");
+    EXPECT_EQ(json::parse(lines(again.out).back()).at("kind"), "completed") << again.out;
+
+    const long before = residentKiB(gateway.process().pid());
+    const auto slow = gateway.post("/api/v1/metadata", wholeHour, {"--limit-rate", "4k"});
+    const json cut = json::parse(lines(slow.out).back());
+    EXPECT_NE(cut.value("error", "").find("the client read too slowly"), std::string::npos) << cut;
+    EXPECT_LT(residentKiB(gateway.process().pid()), before + 2048);
+}
+
+}  // namespace
