@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds what is missing, then runs the whole stack on a private bus: a generated sample
-# recording served by recording_store, recording_search, and searches through recsearch.
+# recording served by recording_store, recording_search, and searches through recsearch and
+# through the HTTP gateway recording_search_web.
 # Everything it starts is stopped again on the way out, also on Ctrl-C or a failure.
 #
 #   scripts/demo.sh             run the searches and stop
@@ -109,7 +110,7 @@ wait_for_name() {
 }
 
 if [ -z "$bin" ]; then
-  say "Setting up (missing packages, then the three programs in build/default, no tests)"
+  say "Setting up (missing packages, then the four programs in build/default, no tests)"
   "$root/scripts/setup.sh" default programs
   bin=$root/build/default/bin
 fi
@@ -157,6 +158,20 @@ start recording_search "$bin/recording_search"
 wait_for_name recording_search kavro.recording_search
 echo "recording_store and recording_search are serving (log: KAVRO_LOG_FILE=$tmp/kavro.log)"
 
+# The gateway: a token of the demo's own, on a free loopback port.
+head -c 24 /dev/urandom | base64 | tr -d '/+=' >"$tmp/web-tokens"
+token=$(cat "$tmp/web-tokens")
+port=${RS_DEMO_PORT:-8470}
+while (echo >"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+start recording_search_web "$bin/recording_search_web" --listen "127.0.0.1:$port" \
+  --token-file "$tmp/web-tokens"
+web=http://127.0.0.1:$port
+for _ in $(seq 100); do
+  curl -s -o /dev/null "$web/" && break
+  sleep 0.05
+done
+echo "recording_search_web is serving $web/ (token: $token)"
+
 recsearch() {
   echo "\$ recsearch $*"
   DBUS_SYSTEM_BUS_ADDRESS=$address "$bin/recsearch" "$@"
@@ -177,6 +192,11 @@ say "Coverage of the hour per bucket, the gaps, and a picture of it"
 recsearch summary "$from" "$to" --timeline --svg "$svg"
 echo "The picture is in $svg (open it in a web browser)"
 
+say "The same event search through the gateway, as JSON lines (first 8)"
+curl_line="curl -sN -H 'Authorization: Bearer $token' -H 'Content-Type: application/json' -d '{\"start\":\"$from\",\"end\":\"$events_to\",\"startState\":true}' $web/api/v1/events"
+echo "\$ $curl_line"
+bash -c "$curl_line" | head -n 8 || true
+
 if [ "$keep" -eq 0 ]; then
   say "Stopping"
   stop_all
@@ -184,7 +204,7 @@ if [ "$keep" -eq 0 ]; then
   exit 0
 fi
 
-say "The stack keeps running until Ctrl-C. Paste these into another shell:"
+say "The stack keeps running until Ctrl-C. Open $web/ in a browser (token: $token), or paste these into another shell:"
 cat <<EOF
 export DBUS_SYSTEM_BUS_ADDRESS='$address'
 $bin/recsearch events $from $to --start-state
@@ -195,6 +215,7 @@ $bin/recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpat
 $bin/recsearch summary $from $to --bucket 5m
 $bin/recsearch noop
 $bin/recsearch --help
+$curl_line
 EOF
 # Returns when one of them exits by itself, or at Ctrl-C (the trap then stops the rest).
 wait -n "${pids[@]}" || true

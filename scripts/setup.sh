@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs (only those missing), then configures one CMake
 # preset (default: "default") and builds it, or the build preset given second (say "programs":
-# the three programs without the tests). Quiet when everything is already there.
+# the four programs without the tests). Quiet when everything is already there.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-default}
@@ -9,12 +9,14 @@ build_preset=${2:-$preset}
 
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
-          libsqlite3-dev dbus-daemon dbus-bin libcli11-dev nlohmann-json3-dev dpkg-dev)
+          libsqlite3-dev dbus-daemon dbus-bin libcli11-dev nlohmann-json3-dev dpkg-dev
+          libmicrohttpd-dev curl)
 # The programs alone build and run without these: the demo's first run on a fresh machine
 # saves their download and installation.
 [ "$build_preset" = programs ] ||
   packages+=(libboost-filesystem-dev libgtest-dev libgmock-dev libbenchmark-dev python3 procps
-             systemd sqlite3 clang libclang-rt-14-dev librsvg2-bin)
+             systemd sqlite3 clang libclang-rt-14-dev librsvg2-bin clang-format clang-tidy
+             chromium chromium-driver python3-selenium lintian help2man man-db)
 
 missing=()
 for p in "${packages[@]}"; do
