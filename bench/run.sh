@@ -74,6 +74,7 @@ out=bench/results.md
   echo "|---|---|---|---|"
   "$bin/system_bench" "/" 1600 3600 "$churn" "$(xpath_rows cost)"
   "$bin/signal_bench" 100000
+  /usr/bin/python3 bench/gateway_bench.py "$bin" "$(date -u -d 2024-01-01 +%s)"
   xpath_rows rows
 } > "$out.tmp"
 mv "$out.tmp" "$out"
