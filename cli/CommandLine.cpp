@@ -29,6 +29,8 @@ const char* kExitCodes =
     "  5    recording_search answered a status error (status 1: microseconds out of range)\n"
     "  6    recording_search (or the bus) went away during the search\n"
     "  7    state/end: no search with that job id\n"
+    "  8    this user may not call recording_search (root and members of the group\n"
+    "       recording-search-clients may)\n"
     "  130  interrupted by Ctrl-C (the search is ended first); 143 SIGTERM, 129 SIGHUP\n";
 
 const CLI::Validator kTime(

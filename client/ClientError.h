@@ -15,6 +15,7 @@ enum class ErrorKind : int {
     StatusError = 5,  // the service answered a nonzero status or failed the request
     ServiceGone = 6,  // the service (or the bus) went away during the search
     UnknownJob = 7,   // state/end of a job id that the service does not know
+    AccessDenied = 8, // the bus's policy does not let this user call the service
 };
 
 class ClientError : public std::runtime_error {

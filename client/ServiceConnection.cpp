@@ -39,6 +39,13 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
 
 ClientError classify(const std::string& what, const sdbus::Error& error)
 {
+    if (error.getName() == "org.freedesktop.DBus.Error.AccessDenied") {
+        return ClientError(ErrorKind::AccessDenied,
+                           "the bus does not let this user call recording_search: only root and "
+                           "members of the group recording-search-clients may search (an "
+                           "administrator adds a user with `usermod -aG recording-search-clients "
+                           "USER`; the user then logs in again)");
+    }
     const kavro_core_status status = kavro::bus::statusFromError(error);
     const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
     if (origin == kavro::bus::ErrorOrigin::ServiceStatus) {
