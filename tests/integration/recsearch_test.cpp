@@ -204,8 +204,11 @@ TEST(RecsearchResults, PrintExactlyWhatTheServiceSendsForTheSameSearch)
 
 TEST(RecsearchCutShort, CtrlCEndsTheSearchAndADepartureEndsRecsearchWithAClearMessage)
 {
-    enum Way { CtrlC, ServiceStops, ServiceCrashes, BusGoes };
-    for (Way way : {CtrlC, ServiceStops, ServiceCrashes, BusGoes}) {
+    // The stop signals exit with 128 + their number, as a shell and a supervisor read it.
+    enum Way { CtrlC = SIGINT, Terminate = SIGTERM, HangUp = SIGHUP, ServiceStops = -1,
+               ServiceCrashes = -2, BusGoes = -3 };
+    for (Way way : {CtrlC, Terminate, HangUp, ServiceStops, ServiceCrashes, BusGoes}) {
+        const bool signalled = way > 0;
         SCOPED_TRACE(way);
         rstest::ServiceStack stack(sampleStack());
         // Every document matches: a search of the whole hour runs for seconds, streaming results.
@@ -214,7 +217,9 @@ TEST(RecsearchCutShort, CtrlCEndsTheSearchAndADepartureEndsRecsearchWithAClearMe
         rs.start();
         ASSERT_TRUE(rs.waitForStdout("metadata match\n", 10s)) << rs.stderrText();
         switch (way) {
-        case CtrlC: rs.sendSignal(SIGINT); break;
+        case CtrlC:
+        case Terminate:
+        case HangUp: rs.sendSignal(way); break;
         case ServiceStops: stack.service().sendSignal(SIGTERM); break;
         case ServiceCrashes: stack.service().sendSignal(SIGKILL); break;
         case BusGoes: stack.bus().kill(); break;
@@ -222,8 +227,8 @@ TEST(RecsearchCutShort, CtrlCEndsTheSearchAndADepartureEndsRecsearchWithAClearMe
         const auto status = rs.waitForExit(20s);
         ASSERT_TRUE(status && status->exited);
         const std::string err = rs.stderrText();
-        EXPECT_EQ(status->code, way == CtrlC ? 130 : 6) << err;
-        if (way != CtrlC) {
+        EXPECT_EQ(status->code, signalled ? 128 + way : 6) << err;
+        if (!signalled) {
             EXPECT_NE(err.find(way == BusGoes ? "recsearch: lost the bus"
                                               : "recsearch: recording_search went away"),
                       std::string::npos)

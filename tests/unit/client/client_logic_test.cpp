@@ -11,7 +11,9 @@
 
 #include "client/MetadataFilter.h"
 #include "cli/TerminalTimeline.h"
+#include "client/Coverage.h"
 #include "client/Svg.h"
+#include "client/TimeText.h"
 #include "store/AnalyticsFrame.h"
 #include "support/PlainXPath.h"
 #include "support/ProcessRunner.h"
@@ -64,6 +66,40 @@ std::vector<std::string> documents()
         }
     }
     return docs;
+}
+
+// Both forms, with every number of fraction digits from none to six (microseconds); the store's
+// importer reads its times through the same function.
+TEST(ClientTimes, EveryFractionLengthUpToMicroseconds)
+{
+    const std::string iso = "2024-01-01T00:00:07", seconds = "1704067207";
+    const std::string digits = "123456";
+    for (std::size_t n = 0; n <= digits.size(); ++n) {
+        const std::string fraction = n == 0 ? "" : "." + digits.substr(0, n);
+        const uint32_t usec = n == 0 ? 0 : uint32_t(std::stoul((digits.substr(0, n) + "00000").substr(0, 6)));
+        for (const std::string& text : {iso + fraction + "Z", seconds + fraction}) {
+            std::string why;
+            const auto t = parseTime(text, &why);
+            ASSERT_TRUE(t) << text << ": " << why;
+            EXPECT_EQ(t->sec, 1704067207u) << text;
+            EXPECT_EQ(t->usec, usec) << text;
+        }
+    }
+}
+
+// Buckets from the range's start; a range of whole buckets has exactly that many, otherwise one
+// short bucket more ends at the range's end.
+TEST(ClientCoverage, BucketsCoverTheRangeExactly)
+{
+    const Micros from = std::chrono::hours(1), to = from + minutes(60);
+    const Picture picture{from, to, false, {Row{"recording", {Segment{from, to, State::On}}}}};
+    for (const auto& [size, count] : {std::pair{minutes(10), 6u}, std::pair{minutes(7), 9u}}) {
+        const auto buckets = coverage(picture, size);
+        ASSERT_EQ(buckets.size(), count) << size.count();
+        EXPECT_EQ(buckets.front().from, from);
+        EXPECT_EQ(buckets.back().to, to);
+        EXPECT_EQ(buckets.back().recordingOn, buckets.back().to - buckets.back().from);
+    }
 }
 
 struct FilterCase {
