@@ -1,0 +1,237 @@
+#!/usr/bin/python3
+"""The search page in headless Chromium against the real programs on a private bus.
+   page_test.py BIN_DIR"""
+import json
+import os
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.request
+
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
+
+BIN = sys.argv.pop(1) if len(sys.argv) > 1 else "build/default/bin"
+TOKEN = "page-test-token"
+HOUR = ("2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z")
+WAIT = 20  # seconds: every wait is bounded and says what it waited for
+
+
+def wait_until(what, check, timeout=WAIT):
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        result = check()
+        if result:
+            return result
+        time.sleep(0.05)
+    raise AssertionError(f"waited {timeout} s for {what}")
+
+
+class Stack:
+    """dbus-daemon, recording_store serving a generated hour, recording_search, the gateway."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="rs-page-")
+        self.processes = []
+        path = f"{self.dir}/recording.db"
+        subprocess.run([f"{BIN}/recording_store", "generate", path, "--seed", "7", "--start", HOUR[0],
+                        "--duration", "1h", "--recording-on", "900", "--recording-off", "60",
+                        "--track-on", "300", "--track-off", "30"], check=True, capture_output=True)
+        with open(f"{self.dir}/bus.conf", "w") as f:
+            f.write(f"""<busconfig><type>system</type><listen>unix:path={self.dir}/bus</listen>
+<auth>EXTERNAL</auth><policy context="default"><allow user="*"/><allow own="*"/>
+<allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>""")
+        with open(f"{self.dir}/tokens", "w") as f:
+            f.write(TOKEN + "\n")
+        self.start(["dbus-daemon", "--nofork", f"--config-file={self.dir}/bus.conf"])
+        wait_until("the bus", lambda: os.path.exists(f"{self.dir}/bus"))
+        os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.dir}/bus"
+        os.environ["KAVRO_LOG_FILE"] = f"{self.dir}/log"
+        self.start([f"{BIN}/recording_store", "serve", path])
+        self.wait_for_name("kavro.recording_data_access")
+        self.start([f"{BIN}/recording_search"])
+        self.wait_for_name("kavro.recording_search")
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            port = s.getsockname()[1]
+        self.url = f"http://127.0.0.1:{port}"
+        self.start([f"{BIN}/recording_search_web", "--listen", f"127.0.0.1:{port}",
+                    "--token-file", f"{self.dir}/tokens"])
+        wait_until("the gateway", self.serving)
+
+    def start(self, command):
+        self.processes.append(subprocess.Popen(command, stdout=subprocess.DEVNULL,
+                                               stderr=subprocess.DEVNULL))
+
+    def wait_for_name(self, name):
+        def owned():
+            r = subprocess.run(["busctl", "--address", os.environ["DBUS_SYSTEM_BUS_ADDRESS"],
+                                "status", name], capture_output=True)
+            return r.returncode == 0
+        wait_until(name, owned)
+
+    def serving(self):
+        try:
+            return urllib.request.urlopen(self.url + "/").status == 200
+        except OSError:
+            return False
+
+    def api(self, path, body):
+        """The lines the API answers for a request, as objects."""
+        request = urllib.request.Request(
+            f"{self.url}/api/v1/{path}", data=json.dumps(body).encode(),
+            headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "application/json"})
+        with urllib.request.urlopen(request, timeout=WAIT) as response:
+            return [json.loads(line) for line in response.read().decode().splitlines()]
+
+    def open_stream(self, body):
+        """A metadata search of every document of the hour, left streaming."""
+        request = urllib.request.Request(
+            f"{self.url}/api/v1/metadata", data=json.dumps(body).encode(),
+            headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "application/json"})
+        response = urllib.request.urlopen(request, timeout=WAIT)
+        response.readline()
+        return response
+
+    def search_state(self, job):
+        out = subprocess.run([f"{BIN}/recsearch", "state", str(job), "--json"],
+                             capture_output=True, text=True).stdout
+        return json.loads(out)["state_name"]
+
+    def stop(self):
+        for p in reversed(self.processes):
+            p.send_signal(signal.SIGTERM)
+            try:
+                p.wait(10)
+            except subprocess.TimeoutExpired:
+                p.kill()
+
+
+class PageTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.stack = Stack()
+        options = Options()
+        for argument in ["--headless=new", "--no-sandbox", "--window-size=1280,1000"]:
+            options.add_argument(argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        cls.driver = webdriver.Chrome(options=options)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.driver.quit()
+        cls.stack.stop()
+
+    def setUp(self):
+        self.driver.get(self.stack.url + "/")
+        self.driver.execute_script("sessionStorage.clear()")
+        self.driver.get(self.stack.url + "/")
+        self.driver.get_log("browser")  # what earlier tests left
+
+    def el(self, id_):
+        return self.driver.find_element(By.ID, id_)
+
+    def sign_in(self, token=TOKEN):
+        self.el("token").clear()
+        self.el("token").send_keys(token + "\n")
+
+    def search(self, view, start, end):
+        self.sign_in()
+        wait_until("the search form", lambda: self.el("app").is_displayed())
+        self.el(f"tab-{view}").click()
+        self.el("start").send_keys(start)
+        self.el("end").send_keys(end)
+
+    def finished(self):
+        return wait_until("the search to finish", lambda: self.el("run").is_enabled()
+                          and self.el("message").text)
+
+    def test_loads_clean_and_asks_for_nothing_off_the_gateway(self):
+        self.search("events", *HOUR)
+        self.el("end").send_keys("\n")  # Enter runs the search
+        self.finished()
+        errors = [e for e in self.driver.get_log("browser") if e["level"] == "SEVERE"]
+        self.assertEqual(errors, [])
+        origins = self.driver.execute_script(
+            "return performance.getEntriesByType('resource').map(e => new URL(e.name).origin)")
+        self.assertEqual(set(origins) - {self.stack.url}, set())
+
+    def test_a_wrong_token_is_said_and_a_right_one_is_kept_for_the_tab(self):
+        self.sign_in("not-the-token")
+        message = wait_until("the refusal", lambda: self.el("token-error").text)
+        self.assertIn("not accepted", message)
+        self.sign_in()
+        wait_until("the search form", lambda: self.el("app").is_displayed())
+        self.driver.refresh()
+        wait_until("the form again without a token", lambda: self.el("app").is_displayed())
+
+    def test_a_drawn_region_and_a_class_give_the_appearances_of_the_api(self):
+        self.search("appearances", "2024-01-01T00:00:00Z", "2024-01-01T00:20:00Z")
+        self.el("start").click()
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        frame = self.el("frame")
+        width, height = frame.size["width"], frame.size["height"]
+        ActionChains(self.driver).move_to_element_with_offset(frame, -width // 2 + 1, -height // 2 + 1) \
+            .click_and_hold().move_by_offset(width // 2, height - 2).release().perform()
+        region = [self.el(f"region-{e}").get_attribute("value") for e in ("left", "top", "right", "bottom")]
+        self.assertEqual(region[0], "0")
+        wait_until("the expression", lambda: "BoundingBox" in self.el("xpath").get_attribute("value"))
+        self.el("run").click()
+        self.finished()
+        rows = [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
+                for tr in self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr")]
+        lines = self.stack.api("metadata", {"start": "2024-01-01T00:00:00Z", "end": "2024-01-01T00:20:00Z",
+                                            "class": ["person"], "region": region, "spans": "2s"})
+        spans = [[l["start"], l["end"], str(l["matches"])] for l in lines if l.get("kind") == "span"]
+        self.assertGreater(len(spans), 0)
+        self.assertEqual([[r[0], r[1], r[3]] for r in rows], spans)
+
+    def test_stop_ends_the_search_on_the_service_and_says_how_far_it_got(self):
+        self.search("appearances", *HOUR)
+        self.el("xpath").send_keys("/")
+        self.el("run").click()
+        wait_until("a result", lambda: self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr"))
+        self.el("stop").click()
+        message = self.finished()
+        self.assertRegex(message, r"^Stopped after \d+ results: searched through 2024-01-01T00:")
+        job = self.driver.execute_script("return performance.getEntriesByType('resource')"
+                                         ".map(e => e.name).filter(n => n.includes('/searches/'))")
+        self.assertEqual(len(job), 1)
+        self.assertEqual(self.stack.search_state(job[0].rsplit("/", 1)[1]), "unknown")
+
+    def test_a_third_search_while_two_run_says_so(self):
+        running = [self.stack.open_stream({"start": HOUR[0], "end": HOUR[1], "xpath": ""}) for _ in range(2)]
+        try:
+            self.search("events", *HOUR)
+            self.el("run").click()
+            message = wait_until("the limit", lambda: self.el("problem").text)
+            self.assertIn("Two searches are already running", message)
+        finally:
+            for r in running:
+                r.close()
+
+    def test_the_events_picture_and_the_coverage_bars_appear(self):
+        self.search("events", "2024-01-01T00:00:00Z", "2024-01-01T00:10:00Z")
+        self.el("run").click()
+        picture = wait_until("the picture", lambda: self.el("picture").is_displayed() and self.el("picture"))
+        wait_until("the picture to load", lambda: self.driver.execute_script(
+            "return arguments[0].complete && arguments[0].naturalWidth > 0", picture))
+        self.el("tab-coverage").click()
+        self.el("end").clear()
+        self.el("end").send_keys(HOUR[1])
+        self.el("run").click()
+        self.finished()
+        bars = self.driver.find_elements(By.CSS_SELECTOR, "#bars .bar")
+        self.assertEqual(len(bars), 4)  # an hour in buckets of 15 minutes
+        self.assertTrue(self.driver.find_elements(By.CSS_SELECTOR, "#gaps li"))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
