@@ -1,6 +1,7 @@
 #include "ResultPrinter.h"
 
 #include "client/ResultJson.h"
+#include "kavro/contract.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -141,7 +142,7 @@ void ResultPrinter::state(uint32_t jobId, uint32_t state)
         return;
     }
     out_ << "job " << jobId << ": " << stateName(state);
-    if (state == 0) out_ << " (no such search)";
+    if (state == kavro::contract::kStateUnknown) out_ << " (no such search)";
     out_ << '\n' << std::flush;
 }
 

@@ -21,6 +21,7 @@
 #include "client/SearchSession.h"
 #include "client/ServiceConnection.h"
 #include "client/Svg.h"
+#include "kavro/contract.h"
 
 namespace recsearch {
 
@@ -156,13 +157,13 @@ int showState(const Command& c, ServiceConnection& service)
 {
     const uint32_t state = service.searchState(c.jobId);
     ResultPrinter(std::cout, std::cerr, c.json).state(c.jobId, state);
-    return state == 0 ? int(ErrorKind::UnknownJob) : int(ExitCode::Ok);
+    return state == kavro::contract::kStateUnknown ? int(ErrorKind::UnknownJob) : int(ExitCode::Ok);
 }
 
 int endOther(const Command& c, ServiceConnection& service)
 {
     // The end call cannot tell an unknown id from a search that got nowhere; the state can.
-    if (service.searchState(c.jobId) == 0) {
+    if (service.searchState(c.jobId) == kavro::contract::kStateUnknown) {
         throw ClientError(ErrorKind::UnknownJob, "no search with job id " + std::to_string(c.jobId));
     }
     const EndReply end = service.endSearch(c.jobId);

@@ -1,5 +1,7 @@
 #include "client/ResultJson.h"
 
+#include "kavro/contract.h"
+
 namespace rsclient {
 
 namespace {
@@ -32,9 +34,9 @@ double secondsOf(Micros d) { return double(d.count()) / 1e6; }
 const char* stateName(uint32_t state)
 {
     switch (state) {
-    case 1: return "searching";
-    case 2: return "completed";
-    case 0: return "unknown";
+    case kavro::contract::kStateSearching: return "searching";
+    case kavro::contract::kStateCompleted: return "completed";
+    case kavro::contract::kStateUnknown: return "unknown";
     default: return "invalid";
     }
 }

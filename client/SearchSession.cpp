@@ -6,6 +6,7 @@
 
 #include "client/ClientError.h"
 #include "client/ServiceConnection.h"
+#include "kavro/contract.h"
 
 namespace rsclient {
 
@@ -43,7 +44,7 @@ std::optional<uint32_t> SearchSession::start(const std::function<bool()>& stoppe
     service_.watchService();
     if (stopped && stopped()) return std::nullopt;
     const int32_t id = create();
-    if (id == -1) {
+    if (id == kavro::contract::kRefusedJobId) {
         throw ClientError(ErrorKind::Refused, std::string("recording_search refused the ") +
                                                   searchName(request_.kind) +
                                                   " (job id -1): two searches are already running");
@@ -149,7 +150,7 @@ void SearchSession::conclude(TimePoint reached)
 // signal 0: the search completed by itself, or someone else ended it.
 int SearchSession::finish(int signal)
 {
-    if (signal == 0 && service_.searchState(jobId_) == 0) {
+    if (signal == 0 && service_.searchState(jobId_) == kavro::contract::kStateUnknown) {
         // Ended elsewhere: there is no position left to ask for; the last result is as far as
         // anything is known.
         conclude(results_ > 0 ? last_ : request_.start);

@@ -9,6 +9,7 @@
 #include "client/ClientError.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/contract.h"
 #include "kavro/bus/ServiceProxy.h"
 #include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
@@ -33,7 +34,7 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
 {
     const auto blank = message.find(' ');
     if (blank != std::string::npos) return message.substr(blank + 1);
-    if (status == 1) return "microseconds out of range (0 to 999999)";
+    if (status == kavro::contract::kStatusUsecOutOfRange) return "microseconds out of range (0 to 999999)";
     return "";
 }
 

@@ -1,3 +1,4 @@
+#include "kavro/contract.h"
 #include "jobs/EventSearchJob.h"
 
 #include "jobs/EndOfSearchException.h"
@@ -177,10 +178,10 @@ void EventSearchJob::_queueProperties(const std::vector<EventProperty>& properti
     data.startState = 0;
     for (const EventProperty& property : properties) {
         data.state = property.value != 0 ? 1 : 0;
-        if (property.key == 1) {
+        if (property.key == kavro::contract::kTrackKey) {
             data.eventType = TrackStateEventSearchResult;
             data.trackName = property.name;
-        } else if (property.key == 0) {
+        } else if (property.key == kavro::contract::kRecordingKey) {
             data.eventType = RecordingStateEventSearchResult;
             data.trackName.clear();
         } else {

@@ -1,3 +1,4 @@
+#include "kavro/contract.h"
 #include "jobs/MetadataSearchJob.h"
 
 #include <string_view>
@@ -70,7 +71,7 @@ void MetadataSearchJob::_narrowToMetadataTrack(void* informationHandle)
     unsigned int endSec = 0;
     unsigned int endUsec = 0;
     const kavro_core_status status = kavro_api_recording_information_get_track_summary_send(
-        informationHandle, "recording_information", "META001", &startSec, &startUsec, &endSec,
+        informationHandle, "recording_information", kavro::contract::kMetadataTrack, &startSec, &startUsec, &endSec,
         &endUsec);
     if (status != 0) {
         // The track's bounds are unknown: the walk keeps the range as fitted to the recording,

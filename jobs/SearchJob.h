@@ -1,5 +1,7 @@
 #pragma once
 
+#include "kavro/contract.h"
+
 #include <cstdint>
 
 #include <boost/thread/mutex.hpp>
@@ -9,8 +11,8 @@ class RecordingSearchTargetImpl;
 
 // A job's state. A job never holds any other value; the target reports 0 for an unknown id.
 enum searchState : std::uint32_t {
-    Searching = 1,
-    Completed = 2,
+    Searching = kavro::contract::kStateSearching,
+    Completed = kavro::contract::kStateCompleted,
 };
 
 // One search. The target creates it on a request thread; startSearch runs performSearch on

@@ -7,6 +7,8 @@
 // `documents` are the metadata track's documents.
 #pragma once
 
+#include "kavro/contract.h"
+
 #include <cstdint>
 
 namespace store {
@@ -17,7 +19,7 @@ namespace schema {
 
 constexpr int32_t kApplicationId = 0x4b565243;  // "KVRC"
 constexpr int kVersion = 1;
-constexpr const char* kMetadataTrack = "META001";
+constexpr const char* kMetadataTrack = kavro::contract::kMetadataTrack;
 
 // Makes the tables of an empty database; a database that is already a recording is checked
 // instead and left as it is.

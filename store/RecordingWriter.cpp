@@ -1,3 +1,4 @@
+#include "kavro/contract.h"
 #include "store/RecordingWriter.h"
 
 #include <sqlite3.h>
@@ -79,8 +80,8 @@ void RecordingWriter::addEvent(StoreTime time, const std::vector<EventProperty>&
     const int64_t eventId = sqlite3_last_insert_rowid(db_.handle());
     int64_t position = 0;
     for (const EventProperty& property : properties) {
-        if (property.key > 1) throw StoreError("unknown property key " + std::to_string(property.key));
-        const int64_t trackId = property.key == 1 ? addTrack(property.name) : 0;
+        if (property.key > kavro::contract::kTrackKey) throw StoreError("unknown property key " + std::to_string(property.key));
+        const int64_t trackId = property.key == kavro::contract::kTrackKey ? addTrack(property.name) : 0;
         insertProperty_.reset()
             .bind(1, eventId)
             .bind(2, position++)

@@ -1,3 +1,4 @@
+#include "kavro/contract.h"
 #include "store/SampleGenerator.h"
 
 #include <algorithm>
@@ -134,8 +135,8 @@ public:
     {
         while (next_ < timeline_.events.size() && timeline_.events[next_].first <= t) {
             for (const EventProperty& property : timeline_.events[next_].second) {
-                if (property.key == 0) recording_ = property.value != 0;
-                if (property.key == 1 && property.name == schema::kMetadataTrack) {
+                if (property.key == kavro::contract::kRecordingKey) recording_ = property.value != 0;
+                if (property.key == kavro::contract::kTrackKey && property.name == schema::kMetadataTrack) {
                     metadata_ = property.value != 0;
                 }
             }

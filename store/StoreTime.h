@@ -2,6 +2,8 @@
 // compared lexicographically. 0.0 stands for "no such time" in answers.
 #pragma once
 
+#include "kavro/contract.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,7 +14,7 @@ struct StoreTime {
     uint32_t sec = 0;
     uint32_t usec = 0;
 
-    static constexpr uint32_t kMaxUsec = 999999;
+    static constexpr uint32_t kMaxUsec = kavro::contract::kMaxUsec;
 
     // Stored times have microseconds up to 999999, so a single number orders them exactly.
     // Asked-for times may carry more; clamping keeps every comparison with stored times

@@ -1,3 +1,4 @@
+#include "kavro/contract.h"
 #include "target/RecordingSearchTargetImpl.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ namespace {
 
 bool usecOutOfRange(unsigned int startUsec, unsigned int endUsec)
 {
-    return startUsec > 999999 || endUsec > 999999;
+    return startUsec > kavro::contract::kMaxUsec || endUsec > kavro::contract::kMaxUsec;
 }
 
 }  // namespace
@@ -108,7 +109,7 @@ bool RecordingSearchTargetImpl::_reserveJobId(bool running, int* jobId, unsigned
 {
     boost::lock_guard<boost::mutex> lock(jobMapMutex);
     if ((running && !_canCreateJob()) || !_makeRoom()) {
-        *jobId = -1;
+        *jobId = kavro::contract::kRefusedJobId;
         return false;
     }
     ++reservedJobs;
@@ -164,7 +165,7 @@ int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned
             "Tried to start an event search with invalid times (microseconds out of range) "
             "%u.%06u to %u.%06u",
             startSec, startUsec, endSec, endUsec);
-        return 1;
+        return kavro::contract::kStatusUsecOutOfRange;
     }
     return _createSearch("initiateEventSearch", true, [&](unsigned int id) {
         return new EventSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
@@ -183,7 +184,7 @@ int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec,
             "Tried to start a metadata search with invalid times (microseconds out of range) "
             "%u.%06u to %u.%06u",
             startSec, startUsec, endSec, endUsec);
-        return 1;
+        return kavro::contract::kStatusUsecOutOfRange;
     }
     return _createSearch("initiateMetadataSearch", true, [&](unsigned int id) {
         return new MetadataSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
@@ -232,7 +233,7 @@ int RecordingSearchTargetImpl::getSearchState(unsigned int jobId, unsigned int* 
     if (job) {
         *stateOut = job->getSearchState();
     } else {
-        *stateOut = 0;
+        *stateOut = kavro::contract::kStateUnknown;
         log(5, "getSearchState(): jobId %d was not found", jobId);
     }
     log(7, "getSearchState(): jobId %d, state %d", jobId, *stateOut);

@@ -16,6 +16,7 @@
 #include "client/ClientError.h"
 #include "client/ResultJson.h"
 #include "client/ServiceConnection.h"
+#include "kavro/contract.h"
 #include "kavro/core.h"
 #include "web/ApiRequest.h"
 #include "web/PageAssets.h"
@@ -415,7 +416,7 @@ Reply HttpGateway::endSearch(const std::string& idText)
     // Someone else's search (recsearch's, another gateway's): ended as `recsearch end` ends it.
     rsclient::EventInbox inbox;
     rsclient::ServiceConnection service(inbox);
-    if (service.searchState(id) == 0) {
+    if (service.searchState(id) == kavro::contract::kStateUnknown) {
         return errorReply(MHD_HTTP_NOT_FOUND, "no search with job id " + idText);
     }
     service.endSearch(id);
