@@ -15,13 +15,13 @@
 #include "ExitCode.h"
 #include "Progress.h"
 #include "ResultPrinter.h"
-#include "StopSignals.h"
 #include "TerminalTimeline.h"
 #include "client/ClientError.h"
 #include "client/SearchSession.h"
 #include "client/ServiceConnection.h"
 #include "client/Svg.h"
 #include "kavro/contract.h"
+#include "kavro/tools/StopSignals.h"
 
 namespace recsearch {
 
@@ -141,12 +141,12 @@ private:
     std::ofstream svg_;
 };
 
-int runSearch(const Command& command, EventInbox& inbox, StopSignals& stops,
+int runSearch(const Command& command, EventInbox& inbox, const kavro::tools::StopRequest& stop,
               ServiceConnection& service)
 {
     TerminalOutput output(command, service);
     SearchSession session(command.search, service, inbox, output);
-    if (!session.start([&stops] { return stops.requested(); })) {
+    if (!session.start([&stop] { return stop.requested(); })) {
         return int(ExitCode::Interrupted);
     }
     const int signal = session.stream();
@@ -180,12 +180,21 @@ int runCommand(const Command& command)
         return int(ExitCode::Ok);
     }
     EventInbox inbox;
-    StopSignals stops(inbox);  // before the bus loop's thread, which must inherit the mask
+    // The first stop signal ends the search on the service before recsearch exits.
+    kavro::tools::StopRequest stop;
+    const kavro::tools::StopSignals signals(
+        stop, "recsearch: stopped again; leaving without waiting for the service\n");
+    const kavro::tools::StopWatch watch(stop, [&inbox, &stop] {
+        ClientEvent event;
+        event.kind = ClientEvent::Kind::Interrupted;
+        event.signal = stop.signal();
+        inbox.push(std::move(event));
+    });
     ServiceConnection service(inbox);
     switch (command.kind) {
     case Command::Kind::State: return showState(command, service);
     case Command::Kind::End: return endOther(command, service);
-    default: return runSearch(command, inbox, stops, service);
+    default: return runSearch(command, inbox, stop, service);
     }
 }
 

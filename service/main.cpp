@@ -15,6 +15,7 @@
 #include "kavro/KavroApiException.h"
 #include "kavro/KavroApiRecordingSearchTargetRun.h"
 #include "kavro/core.h"
+#include "kavro/tools/StopSignals.h"
 #include "target/RecordingSearchTargetImpl.h"
 
 namespace {
@@ -37,38 +38,6 @@ void check(kavro_core_status status, const char* call)
     }
 }
 
-// The stop signals and an ignored SIGPIPE for its lifetime; the previous actions come back
-// when it ends, also when the run ends by an exception, so that the handler never runs once
-// the target may be gone.
-class StopSignals {
-public:
-    StopSignals()
-    {
-        struct sigaction action {};
-        action.sa_handler = signalHandler;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = 0;
-        sigaction(SIGHUP, &action, &previous_[0]);
-        sigaction(SIGINT, &action, &previous_[1]);
-        sigaction(SIGTERM, &action, &previous_[2]);
-        action.sa_handler = SIG_IGN;
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGPIPE, &action, &previous_[3]);
-    }
-    ~StopSignals()
-    {
-        sigaction(SIGHUP, &previous_[0], nullptr);
-        sigaction(SIGINT, &previous_[1], nullptr);
-        sigaction(SIGTERM, &previous_[2], nullptr);
-        sigaction(SIGPIPE, &previous_[3], nullptr);
-    }
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-private:
-    struct sigaction previous_[4] {};
-};
-
 void run(void*& logCookie)
 {
     check(kavro_core_init(), "Failed kavro api call: kavro_core_init()");
@@ -81,7 +50,9 @@ void run(void*& logCookie)
     KavroApiRecordingSearchTargetRun runner(
         std::string("recording_search"), logCookie,
         boost::shared_ptr<KavroApiRecordingSearchTargetImplBase>(searchTarget));
-    StopSignals stopSignals;
+    // The previous actions come back at the end of the run, also by an exception, so that the
+    // handler never runs once the target may be gone.
+    kavro::tools::StopSignals stopSignals(signalHandler, 0);
     sd_notify(0, "READY=1");
     searchTarget->processEventLoop();
     searchTarget->endAllSearchJobs();

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,9 +50,8 @@ void fatal(void* logCookie, const std::string& message)
 
 int StoreDaemon::run()
 {
-    // Blocked before any thread exists, so that only the signalfd below ever sees them.
-    const sigset_t signals = kavro::tools::blockStopSignals();
-    ::signal(SIGPIPE, SIG_IGN);
+    kavro::tools::StopRequest stop;
+    const kavro::tools::StopSignals stopSignals(stop);
 
     kavro_core_init();
     void* logCookie = nullptr;
@@ -64,8 +62,7 @@ int StoreDaemon::run()
     }
     int status = 1;
     try {
-        Fd signalFd(::signalfd(-1, &signals, SFD_CLOEXEC), "signalfd");
-        status = serve(logCookie, signalFd.get());
+        status = serve(logCookie, stop);
     } catch (const StoreError& e) {
         fatal(logCookie, e.what());
     } catch (const sdbus::Error& e) {
@@ -78,7 +75,7 @@ int StoreDaemon::run()
     return status;
 }
 
-int StoreDaemon::serve(void* logCookie, int signalFd)
+int StoreDaemon::serve(void* logCookie, const kavro::tools::StopRequest& stop)
 {
     Recording recording(path_);
     Fd lostFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
@@ -103,14 +100,12 @@ int StoreDaemon::serve(void* logCookie, int signalFd)
     sd_notify(0, "READY=1");
     kavro_core_logging_log(logCookie, 6, "Serving %s", path_.c_str());
 
-    pollfd fds[2] = {{signalFd, POLLIN, 0}, {lostFd.get(), POLLIN, 0}};
+    pollfd fds[2] = {{stop.fd(), POLLIN, 0}, {lostFd.get(), POLLIN, 0}};
     while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
     }
-    if (fds[0].revents & POLLIN) {
-        signalfd_siginfo info{};
-        [[maybe_unused]] ssize_t got = ::read(signalFd, &info, sizeof info);
+    if (stop.requested()) {
         sd_notify(0, "STOPPING=1");
-        kavro_core_logging_log(logCookie, 6, "Stopping on signal %u", info.ssi_signo);
+        kavro_core_logging_log(logCookie, 6, "Stopping on signal %d", stop.signal());
     }
     // Joined here, so that the objects and the connection are left to this thread alone.
     loop.stop();

@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "kavro/tools/StopSignals.h"
+
 namespace store {
 
 class StoreDaemon {
@@ -19,7 +21,7 @@ public:
     int run();
 
 private:
-    int serve(void* logCookie, int signalFd);
+    int serve(void* logCookie, const kavro::tools::StopRequest& stop);
 
     std::string path_;
 };

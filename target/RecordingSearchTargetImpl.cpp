@@ -383,7 +383,12 @@ void RecordingSearchTargetImpl::processEventLoop()
     if (stopRequest.requested()) {
         return;
     }
-    StopRequest::Watch watch(stopRequest, eventQueueMutex, eventAvailable);
+    // A request made just before the wait below is not missed: the watch takes the queue's
+    // mutex before it notifies.
+    kavro::tools::StopWatch watch(stopRequest, [this] {
+        { boost::lock_guard<boost::mutex> lock(eventQueueMutex); }
+        eventAvailable.notify_all();
+    });
     std::deque<RecordingSearchEventData> batch;  // kept, so that its storage is reused
     for (;;) {
         const bool expiryNow = _waitForEvents(batch);

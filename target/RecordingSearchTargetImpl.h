@@ -16,7 +16,7 @@
 
 #include "kavro/KavroApiRecordingSearchTargetImplBase.h"
 #include "target/RecordingSearchEventData.h"
-#include "target/StopRequest.h"
+#include "kavro/tools/StopSignals.h"
 
 class SearchJob;
 
@@ -123,5 +123,5 @@ private:
     std::uint64_t creations = 0;
     // Under eventQueueMutex: when the loop next looks for searches never begun.
     boost::optional<Clock::time_point> expiryDue;
-    StopRequest stopRequest;
+    kavro::tools::StopRequest stopRequest;
 };

@@ -1,5 +1,5 @@
 // recording_search_web: the search over HTTP, for programs and for a person at a browser.
-#include <signal.h>
+#include <poll.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 
@@ -29,10 +29,8 @@ int main(int argc, char** argv)
     if (const int* exitCode = std::get_if<int>(&parsed)) return *exitCode;
     const auto& options = std::get<web::GatewayOptions>(parsed);
 
-    // Before any thread starts, so that every thread inherits the mask and sigwait below
-    // is the only one to see them.
-    sigset_t stops = kavro::tools::blockStopSignals();
-    signal(SIGPIPE, SIG_IGN);
+    kavro::tools::StopRequest stop;
+    const kavro::tools::StopSignals stopSignals(stop);
     void* log = nullptr;
     kavro_core_logging_init("recording_search_web", &log);
     try {
@@ -47,11 +45,10 @@ int main(int argc, char** argv)
         kavro_core_logging_log(log, LOG_INFO, "serving on %s",
                                socket >= 0 ? "the socket from systemd" : options.listen.c_str());
         sd_notify(0, "READY=1");
-        int signal = 0;
-        while (sigwait(&stops, &signal) != 0) {
-        }
+        pollfd stopped{stop.fd(), POLLIN, 0};
+        while (!stop.requested()) ::poll(&stopped, 1, -1);
         sd_notify(0, "STOPPING=1");
-        kavro_core_logging_log(log, LOG_INFO, "stopping on signal %d", signal);
+        kavro_core_logging_log(log, LOG_INFO, "stopping on signal %d", stop.signal());
     } catch (const std::exception& e) {
         std::cerr << "recording_search_web: " << e.what() << std::endl;
         kavro_core_logging_log(log, LOG_ERR, "cannot start: %s", e.what());
