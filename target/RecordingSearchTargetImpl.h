@@ -15,13 +15,14 @@
 #include <boost/thread/mutex.hpp>
 
 #include "kavro/KavroApiRecordingSearchTargetImplBase.h"
-#include "target/RecordingSearchEventData.h"
 #include "kavro/tools/StopSignals.h"
+#include "target/RecordingSearchEventData.h"
 
 class SearchJob;
 
 // The service's one target: the table of searches, the requests on it, and the queue of
-// result events with the loop that sends them.
+// result events with the loop that sends them (RecordingSearchTargetImpl.cpp holds the table
+// and the requests, RecordingSearchTargetEvents.cpp the queue and the loop).
 //
 // Threads: the framework's request threads call the request operations, several at once, and
 // the handler of a departed client; job workers and request threads call queueEventData; the
@@ -104,6 +105,9 @@ private:
 
     using BuildJob = std::function<SearchJob*(unsigned int id)>;
     int _createSearch(const char* requestName, bool running, const BuildJob& build, int* jobId);
+    // False, with a priority-4 line, when a microseconds field is out of range.
+    bool _timesValid(const char* search, unsigned int startSec, unsigned int startUsec,
+                     unsigned int endSec, unsigned int endUsec) const;
     bool _reserveJobId(bool running, int* jobId, unsigned int* id);
     bool _makeRoom();
     void _registerJob(unsigned int id, const boost::shared_ptr<SearchJob>& job, bool running,
