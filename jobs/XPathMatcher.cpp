@@ -84,7 +84,7 @@ bool XPathMatcher::matches(std::string_view document)
 
 xmlDocPtr XPathMatcher::parse(std::string_view document)
 {
-    if (document.empty() || document.size() > kMaxDocumentBytes) return nullptr;
+    if (!readableSize(document.size())) return nullptr;
     if (xmlDictSize(parser_->dict) > kMaxDictionaryEntries) renewParser();
     // xmlCtxtReadMemory on a reused parser stands in for xmlParseDoc: the same parse of an
     // in-memory text, without network access, and with the DOCTYPE hook installed.
@@ -92,7 +92,7 @@ xmlDocPtr XPathMatcher::parse(std::string_view document)
     xmlDocPtr doc = xmlCtxtReadMemory(parser_, document.data(), static_cast<int>(document.size()),
                                       nullptr, nullptr, kParseOptions);
     const bool refused = parser_->_private == &dtdRefused;
-    if (doc != nullptr && (refused || doc->intSubset != nullptr || doc->extSubset != nullptr)) {
+    if (doc != nullptr && (refused || carriesDocumentType(*doc))) {
         xmlFreeDoc(doc);
         doc = nullptr;
     }

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include <libxml/tree.h>
+
 // Once, from main before any thread starts (later calls do nothing): initialises libxml2 and
 // routes its messages away from standard error, which belongs to the fatal-error line alone.
 // The handlers are installed as this thread's and as the default of every later thread, since
@@ -13,3 +15,10 @@ void initialiseXmlLibrary();
 // one that does not parse: a small DTD can define an entity that, referenced often enough,
 // makes one XPath string() take seconds and gigabytes.
 constexpr std::size_t kMaxDocumentBytes = 1024 * 1024;
+
+// The rule above, for everything that parses such documents (the search, the store's importer).
+inline bool readableSize(std::size_t bytes) { return bytes > 0 && bytes <= kMaxDocumentBytes; }
+inline bool carriesDocumentType(const xmlDoc& doc)
+{
+    return doc.intSubset != nullptr || doc.extSubset != nullptr;
+}

@@ -11,6 +11,8 @@
 #include <sstream>
 
 #include <libxml/parser.h>
+
+#include "jobs/XmlLibrary.h"
 #include <nlohmann/json.hpp>
 
 #include "store/RecordingSchema.h"
@@ -63,10 +65,10 @@ std::string flagProblem(const std::string& name, const std::string& text, uint32
 // the search parses it, minus the network, and silently: the errors go into the report.
 std::string documentProblem(const std::string& body)
 {
-    if (body.empty()) return "the document is empty";
-    if (body.size() > Importer::kMaxDocumentBytes) {
-        return "the document has " + std::to_string(body.size()) + " bytes (at most " +
-               std::to_string(Importer::kMaxDocumentBytes) + ")";
+    if (!readableSize(body.size())) {
+        return body.empty() ? "the document is empty"
+                            : "the document has " + std::to_string(body.size()) +
+                                  " bytes (at most " + std::to_string(kMaxDocumentBytes) + ")";
     }
     xmlParserCtxtPtr context = xmlNewParserCtxt();
     if (!context) throw std::bad_alloc();
@@ -79,7 +81,7 @@ std::string documentProblem(const std::string& body)
         while (!message.empty() && message.back() == '\n') message.pop_back();
         problem = "the document is not well-formed XML (line " + std::to_string(error.line) +
                   ": " + message + ")";
-    } else if (doc->intSubset || doc->extSubset) {
+    } else if (carriesDocumentType(*doc)) {
         problem = "the document carries a DTD, which the search treats as unreadable";
     }
     xmlFreeDoc(doc);

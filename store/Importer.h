@@ -9,7 +9,8 @@
 // Documents, JSON lines: {"time": "TIME" or whole seconds, "document": "<...>"} or
 // {"sec": N, "usec": N, "document": "<...>"}.
 // Documents, a directory: one file per document, named "TIME.xml".
-// A document must be well-formed XML without a DTD and at most kMaxDocumentBytes.
+// A document must be readable as the search reads it (jobs/XmlLibrary.h): well-formed XML
+// without a DTD, at most kMaxDocumentBytes.
 //
 // Safe to repeat: an event or document whose time the recording already holds is skipped
 // when it is the same, and a problem when it differs. One instant holds one event and one
@@ -48,7 +49,6 @@ struct ImportReport {
 
 class Importer {
 public:
-    static constexpr size_t kMaxDocumentBytes = 1 << 20;
     static constexpr size_t kMaxReported = 100;
 
     explicit Importer(RecordingWriter& writer);

@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "jobs/XmlLibrary.h"
 #include "store/Importer.h"
 #include "store/Recording.h"
 #include "store/RecordingWriter.h"
@@ -185,7 +186,7 @@ TEST(Importer, ReportsEveryBadLineAndFileByItsPlaceAndLoadsNothing)
     sources.documentFiles = {badFile("d.jsonl", "{\"time\": \"100\", \"document\": \"<a/>\"}", badDocuments)};
     sources.documentDirectories = {
         framesDirectory(dir, {{"soon.xml", "<a/>"}, {"400.xml", "<a>"},
-                              {"500.xml", std::string(Importer::kMaxDocumentBytes + 1, 'x')}})};
+                              {"500.xml", std::string(kMaxDocumentBytes + 1, 'x')}})};
     expected.insert(expected.begin() + badEvents.size(), dir.file("missing.csv") + ": cannot read");
     expected.push_back(dir.file("frames/400.xml") + ": the document is not well-formed");
     expected.push_back(dir.file("frames/500.xml") + ": the document has 1048577 bytes (at most 1048576)");
