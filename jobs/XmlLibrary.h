@@ -14,7 +14,7 @@ void initialiseXmlLibrary();
 // and expands no entity; a document larger than this, or one that carries a DTD, is treated as
 // one that does not parse: a small DTD can define an entity that, referenced often enough,
 // makes one XPath string() take seconds and gigabytes.
-constexpr std::size_t kMaxDocumentBytes = 1024 * 1024;
+constexpr std::size_t kMaxDocumentBytes = std::size_t{1} << 20;
 
 // The rule above, for everything that parses such documents (the search, the store's importer).
 inline bool readableSize(std::size_t bytes) { return bytes > 0 && bytes <= kMaxDocumentBytes; }

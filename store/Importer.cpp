@@ -292,7 +292,9 @@ void Importer::readDocumentDirectory(const std::string& path)
     ::closedir(dir);
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-        const std::string file = path + "/" + name;
+        std::string file = path;
+        file += '/';
+        file += name;
         struct stat info {};
         if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
             problem(file, "not a regular file");

@@ -53,7 +53,7 @@ std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> spanReply(const TimeSpan& spa
 
 }  // namespace
 
-class RecordingStoreServices::Control
+class RecordingStoreServices::Control final
     : public sdbus::AdaptorInterfaces<kavro::recording_control_adaptor>, private Answerer {
 public:
     Control(sdbus::IConnection& connection, Recording& recording, void* logCookie)
@@ -71,7 +71,7 @@ private:
     }
 };
 
-class RecordingStoreServices::Information
+class RecordingStoreServices::Information final
     : public sdbus::AdaptorInterfaces<kavro::recording_information_adaptor>, private Answerer {
 public:
     Information(sdbus::IConnection& connection, Recording& recording, void* logCookie)
@@ -112,7 +112,7 @@ private:
     }
 };
 
-class RecordingStoreServices::DataAccess
+class RecordingStoreServices::DataAccess final
     : public sdbus::AdaptorInterfaces<kavro::recording_data_access_adaptor>, private Answerer {
 public:
     DataAccess(sdbus::IConnection& connection, Recording& recording, void* logCookie)

@@ -80,13 +80,13 @@ std::vector<std::string> trackNames(const SampleOptions& options)
     char name[32];
     for (unsigned i = 1; i <= options.videoTracks; ++i) {
         std::snprintf(name, sizeof name, "VIDEO%03u", i);
-        names.push_back(name);
+        names.emplace_back(name);
     }
     for (unsigned i = 1; i <= options.audioTracks; ++i) {
         std::snprintf(name, sizeof name, "AUDIO%03u", i);
-        names.push_back(name);
+        names.emplace_back(name);
     }
-    names.push_back(schema::kMetadataTrack);
+    names.emplace_back(schema::kMetadataTrack);
     return names;
 }
 
@@ -115,7 +115,7 @@ Timeline makeTimeline(const SampleOptions& options, int64_t start, int64_t end)
         // Distinct times keep one event per position on the timeline.
         const int64_t t = std::max(change.t, timeline.events.back().first + 1);
         if (t >= end) break;
-        on[size_t(change.stream + 1)] = change.on;
+        on[size_t(change.stream) + 1] = change.on;
         timeline.events.emplace_back(t, std::vector<EventProperty>{propertyOf(timeline, change.stream, change.on)});
     }
     std::vector<EventProperty> last;
@@ -350,7 +350,7 @@ SampleSummary SampleGenerator::generate(RecordingWriter& writer,
     frame.source = timeline.tracks.front();
     int64_t lastDocument = 0;
     for (int64_t slot = start; slot < end; slot += interval) {
-        const int64_t t = slot + int64_t(jitter.uniform() * double(interval / 4));
+        const int64_t t = slot + int64_t(jitter.uniform() * double(interval) / 4);
         if (t >= end || !cursor.recordingMetadata(t)) continue;
         scene.advanceTo(t);
         frame.time = StoreTime::fromKey(t);

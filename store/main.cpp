@@ -1,5 +1,7 @@
 // recording_store: stands in for the device's recording services, answering from a
 // recording kept in an SQLite file, and makes or loads such recordings.
+#include <cstdio>
+#include <exception>
 #include <CLI/CLI.hpp>
 
 #include "store/StoreCommands.h"
@@ -22,7 +24,9 @@ CLI::Option* addParsed(CLI::App* app, const std::string& name, T& target,
 
 }  // namespace
 
-int main(int argc, char** argv)
+namespace {
+
+int run(int argc, char** argv)
 {
     CLI::App app{"Stand-in for the recording services, answering from a recording in an SQLite file"};
     app.require_subcommand(1);
@@ -71,4 +75,16 @@ int main(int argc, char** argv)
         return 1;
     }
     return store::importCommand(path, sources);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "recording_store: %s\n", e.what());
+        return 1;
+    }
 }

@@ -76,7 +76,7 @@ bool RecordingSearchTargetImpl::_waitForEvents(std::deque<RecordingSearchEventDa
 
 // What a stop leaves unsent stays queued, ahead of what came meanwhile, as if never taken.
 void RecordingSearchTargetImpl::_putBack(std::deque<RecordingSearchEventData>& batch,
-                                         std::deque<RecordingSearchEventData>::iterator from)
+                                         const std::deque<RecordingSearchEventData>::iterator& from)
 {
     boost::lock_guard<boost::mutex> lock(eventQueueMutex);
     eventQueue.insert(eventQueue.begin(), std::make_move_iterator(from),

@@ -118,7 +118,7 @@ private:
     void _scheduleExpiry(Clock::time_point due);
     bool _waitForEvents(std::deque<RecordingSearchEventData>& batch);
     void _putBack(std::deque<RecordingSearchEventData>& batch,
-                  std::deque<RecordingSearchEventData>::iterator from);
+                  const std::deque<RecordingSearchEventData>::iterator& from);
     void _dispatch(const RecordingSearchEventData& data) const;
 
     const Limits limits;

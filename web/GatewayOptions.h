@@ -12,12 +12,12 @@
 namespace web {
 
 struct Limits {
-    std::size_t bodyBytes = 64 * 1024;
+    std::size_t bodyBytes = std::size_t{64} << 10;
     unsigned connections = 64;
     unsigned connectionsPerClient = 16;
     std::size_t streams = 8;
     std::chrono::seconds idle{60};
-    std::size_t bufferedBytes = 1024 * 1024;  // results waiting for one slow reader
+    std::size_t bufferedBytes = std::size_t{1} << 20;  // results waiting for one slow reader
 };
 
 struct GatewayOptions {

@@ -32,9 +32,9 @@ constexpr const char* kContentSecurityPolicy =
     "default-src 'self'; img-src 'self' blob: data:; style-src 'self'; script-src 'self'; "
     "connect-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'self'";
 constexpr const char* kRetryAfterSeconds = "5";
-constexpr std::size_t kStreamChunk = 32 * 1024;
-constexpr std::size_t kThreadStack = 512 * 1024;
-constexpr std::size_t kSocketSendBuffer = 128 * 1024;
+constexpr std::size_t kStreamChunk = std::size_t{32} << 10;
+constexpr std::size_t kThreadStack = std::size_t{512} << 10;
+constexpr std::size_t kSocketSendBuffer = std::size_t{128} << 10;
 
 struct Route {
     const char* path;  // a trailing '/' takes a numeric id after it

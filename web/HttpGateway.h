@@ -42,7 +42,7 @@ private:
                 RequestState& state);
     Reply api(MHD_Connection* connection, const std::string& path, const std::string& method,
               RequestState& state);
-    Reply search(MHD_Connection* connection, const std::string& path, const std::string& body);
+    Reply search(MHD_Connection* connection, const std::string& path, const std::string& text);
     Reply endSearch(const std::string& id);
     Reply status();
     int send(MHD_Connection* connection, const std::string& method, const std::string& url,

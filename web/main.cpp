@@ -21,9 +21,7 @@ int socketFromSystemd()
     return passed >= 1 ? SD_LISTEN_FDS_START : -1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     auto parsed = web::parseGatewayOptions(argc, argv);
     if (const int* exitCode = std::get_if<int>(&parsed)) return *exitCode;
@@ -57,4 +55,16 @@ int main(int argc, char** argv)
     }
     kavro_core_logging_deinit(log);
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::cerr << "recording_search_web: " << e.what() << std::endl;
+        return 1;
+    }
 }

@@ -23,7 +23,7 @@ using Target = KavroApiRecordingSearchTargetImplBase;
 
 // Method handlers run on the bus loop thread and must not block it: each request is handed to
 // the pool, and its reply is posted back to the loop thread.
-class SearchAdaptor : public sdbus::AdaptorInterfaces<kavro::recording_search_adaptor> {
+class SearchAdaptor final : public sdbus::AdaptorInterfaces<kavro::recording_search_adaptor> {
 public:
     SearchAdaptor(sdbus::IConnection& connection, const std::string& path, Target& target,
                   void* logCookie, kavro::detail::RequestPool& pool, kavro::bus::BusLoop& loop,
@@ -100,7 +100,7 @@ private:
     // On the loop thread; `answered` runs there too, right after the reply is sent.
     template <typename... Outs, typename Request>
     void serve(const char* name, sdbus::Result<Outs...>&& result, Request request,
-               std::function<void()> answered = {})
+               const std::function<void()>& answered = {})
     {
         auto reply = std::make_shared<sdbus::Result<Outs...>>(std::move(result));
         const bool accepted = pool_.submit([this, name, reply, request, answered]() {

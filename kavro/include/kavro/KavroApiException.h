@@ -16,6 +16,8 @@ public:
     KavroApiException(const std::string& call, kavro_core_status status);
     ~KavroApiException() override;
 
+    kavro_core_status status() const { return status_; }
+
 private:
     static std::string buildMessage(const std::string& call, kavro_core_status status);
 
