@@ -31,7 +31,8 @@ public:
         std::unique_lock<std::mutex> lock(mutex_);
         size_t seen = received_;
         while (received_ < count) {
-            if (!arrived_.wait_for(lock, quietLimit, [&] { return received_ != seen; })) return false;
+            if (!arrived_.wait_for(lock, quietLimit, [&] { return received_ != seen; }))
+                return false;
             seen = received_;
         }
         return true;
@@ -102,9 +103,11 @@ int main(int argc, char** argv)
     dispatcher.join();
     loop.stop();
 
-    std::printf("| signals received by one client | %.0f /s (%zu of %zu, %zu lost) | goal 50000 /s, none lost | %.2fx%s |\n",
-                double(received) / seconds, received, count, count - received,
-                double(received) / seconds / 50000.0, all ? "" : ", gave up waiting");
+    std::printf(
+        "| signals received by one client | %.0f /s (%zu of %zu, %zu lost) | goal 50000 /s, none "
+        "lost | %.2fx%s |\n",
+        double(received) / seconds, received, count, count - received,
+        double(received) / seconds / 50000.0, all ? "" : ", gave up waiting");
     kavro_core_logging_deinit(logCookie);
     return received == count ? 0 : 1;
 }

@@ -81,7 +81,8 @@ void measureLookups(benchmark::State& state, Lookup lookup)
     std::vector<double> micros;
     micros.reserve(1 << 20);
     for (auto _ : state) {
-        const store::StoreTime t = store::StoreTime::fromKey(first + int64_t(random() % uint64_t(width)));
+        const store::StoreTime t =
+            store::StoreTime::fromKey(first + int64_t(random() % uint64_t(width)));
         const auto begin = Clock::now();
         benchmark::DoNotOptimize(lookup(recording, t));
         micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
@@ -124,7 +125,11 @@ void Generate(benchmark::State& state)
 }
 
 BENCHMARK(GetMetadata)->Arg(10000)->Arg(1000000)->Iterations(200000)->Unit(benchmark::kMicrosecond);
-BENCHMARK(GetRecordingHistoryEvent)->Arg(10000)->Arg(1000000)->Iterations(200000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(GetRecordingHistoryEvent)
+    ->Arg(10000)
+    ->Arg(1000000)
+    ->Iterations(200000)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(Generate)->Arg(100000)->Iterations(3)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

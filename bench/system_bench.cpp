@@ -1,6 +1,10 @@
 // Measures the running service and store on one bus, from inside one process: bus round
 // trips, walk speed against the ceiling the 500 µs pause allows, request latency under load,
 // and resident memory. Prints Markdown table rows; bench/run.sh starts the processes.
+#include <sys/prctl.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -9,17 +13,13 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <sys/prctl.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -80,17 +80,20 @@ private:
         jobs_[jobId].completedAt = Clock::now();
         changed_.notify_all();
     }
-    void onMetadataSearchResult(const uint32_t& jobId, const uint32_t& sec, const uint32_t& usec) override
+    void onMetadataSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                const uint32_t& usec) override
     {
         record(jobId, sec, usec, false);
     }
-    void onTrackStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec, const uint32_t& usec,
-                                       const std::string&, const uint8_t&, const uint8_t& startState) override
+    void onTrackStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                       const uint32_t& usec, const std::string&, const uint8_t&,
+                                       const uint8_t& startState) override
     {
         record(jobId, sec, usec, startState != 0);
     }
-    void onRecordingStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec, const uint32_t& usec,
-                                           const uint8_t&, const uint8_t& startState) override
+    void onRecordingStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
+                                           const uint32_t& usec, const uint8_t&,
+                                           const uint8_t& startState) override
     {
         record(jobId, sec, usec, startState != 0);
     }
@@ -282,7 +285,8 @@ Pace bareLoop(bool metadata, const Range& r)
         if (next <= at) break;
         at = next;
     }
-    pace.stepsPerSec = double(pace.steps) / std::chrono::duration<double>(Clock::now() - start).count();
+    pace.stepsPerSec =
+        double(pace.steps) / std::chrono::duration<double>(Clock::now() - start).count();
     pace.cpuPerStep = (threadCpuMicros() - cpuStart) / double(pace.steps);
     return pace;
 }
@@ -291,7 +295,8 @@ Pace bareLoops(int count, bool metadata, const Range& r)
 {
     std::vector<Pace> paces(static_cast<size_t>(count));
     std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) threads.emplace_back([&, i] { paces[size_t(i)] = bareLoop(metadata, r); });
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&, i] { paces[size_t(i)] = bareLoop(metadata, r); });
     for (auto& t : threads) t.join();
     Pace all;
     double cpu = 0;
@@ -304,7 +309,8 @@ Pace bareLoops(int count, bool metadata, const Range& r)
     return all;
 }
 
-void row(const char* what, const std::string& value, const std::string& anchor, const std::string& ratio)
+void row(const char* what, const std::string& value, const std::string& anchor,
+         const std::string& ratio)
 {
     std::printf("| %s | %s | %s | %s |\n", what, value.c_str(), anchor.c_str(), ratio.c_str());
 }
@@ -343,7 +349,8 @@ int main(int argc, char** argv)
     const double pingP50 = percentile(ping, 0.5);
     const auto store = storeLatencies(*calls, recording, 3000);
 
-    row("bare Peer.Ping round trip p50 / p99 (back to back, hot)", fmt("%.0f", pingP50) + " / " + fmt("%.0f µs", percentile(ping, 0.99)), "", "");
+    row("bare Peer.Ping round trip p50 / p99 (back to back, hot)",
+        fmt("%.0f", pingP50) + " / " + fmt("%.0f µs", percentile(ping, 0.99)), "", "");
     row("store GetMetadata round trip p50 / p99",
         fmt("%.0f", percentile(store, 0.5)) + " / " + fmt("%.0f µs", percentile(store, 0.99)),
         fmt("Ping p50 %.0f µs", pingP50), fmt("%.2fx", percentile(store, 0.5) / pingP50));
@@ -357,8 +364,10 @@ int main(int argc, char** argv)
         const double cpuStart = processCpuMicros(pid);
         for (int i = 0; i < count; ++i) {
             auto [id] = std::tuple<int32_t>(
-                metadata ? search.CreateMetadataSearch(r.startSec, r.startUsec, r.endSec, r.endUsec, -1, xpath)
-                         : search.CreateEventSearch(r.startSec, r.startUsec, r.endSec, r.endUsec, -1, 0, 0, 0));
+                metadata ? search.CreateMetadataSearch(r.startSec, r.startUsec, r.endSec, r.endUsec,
+                                                       -1, xpath)
+                         : search.CreateEventSearch(r.startSec, r.startUsec, r.endSec, r.endUsec,
+                                                    -1, 0, 0, 0));
             begun.push_back(beginWalk(search, id));
         }
         Pace pace;
@@ -380,7 +389,8 @@ int main(int argc, char** argv)
         row(what,
             fmt("%.0f steps/s", walk.stepsPerSec) + fmt(", %.0f µs CPU/step", walk.cpuPerStep) +
                 fmt(" (%.0f steps)", double(walk.steps)),
-            fmt("bare loop %.0f steps/s", loop.stepsPerSec) + fmt(", %.0f µs CPU/step", loop.cpuPerStep),
+            fmt("bare loop %.0f steps/s", loop.stepsPerSec) +
+                fmt(", %.0f µs CPU/step", loop.cpuPerStep),
             fmt("speed %.2f, ", walk.stepsPerSec / loop.stepsPerSec) +
                 fmt("CPU %.2fx", walk.cpuPerStep / (loop.cpuPerStep + extraCpu)));
     };
@@ -415,7 +425,8 @@ int main(int argc, char** argv)
     // idle service never touched (file-backed, shared); the rest must not grow anything.
     auto churn = [&](int count) {
         for (int i = 0; i < count; ++i) {
-            auto [id] = std::tuple<int32_t>(search.CreateEventSearch(rs, ru, rs + 1, 0, -1, 0, 0, 0));
+            auto [id] =
+                std::tuple<int32_t>(search.CreateEventSearch(rs, ru, rs + 1, 0, -1, 0, 0, 0));
             if (id < 0) continue;
             search.BeginSearch(uint32_t(id));
             search.EndSearch(uint32_t(id));
@@ -427,15 +438,20 @@ int main(int argc, char** argv)
     churn(searchesForMemory);
     const double churnSec = std::chrono::duration<double>(Clock::now() - churnStart).count();
     const long after = residentKiB(pid), afterAnon = residentKiB(pid, true);
-    row("resident memory idle, before any search", fmt("%.1f MiB", idle / 1024.0) + fmt(" (%.1f MiB anonymous)", idleAnon / 1024.0),
+    row("resident memory idle, before any search",
+        fmt("%.1f MiB", idle / 1024.0) + fmt(" (%.1f MiB anonymous)", idleAnon / 1024.0),
         "goal < 8 MiB", fmt("%.2f of goal", idle / 1024.0 / 8));
-    row("resident memory, two searches walking", fmt("%.1f MiB", walking / 1024.0), "idle", fmt("%.2fx", double(walking) / double(idle)));
-    row("resident memory after 100 searches", fmt("%.1f MiB", warm / 1024.0) + fmt(" (%.1f MiB anonymous)", warmAnon / 1024.0), "idle",
+    row("resident memory, two searches walking", fmt("%.1f MiB", walking / 1024.0), "idle",
+        fmt("%.2fx", double(walking) / double(idle)));
+    row("resident memory after 100 searches",
+        fmt("%.1f MiB", warm / 1024.0) + fmt(" (%.1f MiB anonymous)", warmAnon / 1024.0), "idle",
         fmt("%+.1f%%", 100.0 * double(warm - idle) / double(idle)));
     row(("resident memory after " + std::to_string(searchesForMemory) + " more searches").c_str(),
-        fmt("%.1f MiB", after / 1024.0) + fmt(" (%.1f MiB anonymous; ", afterAnon / 1024.0) + fmt("%.1f s)", churnSec),
-        "after 100 searches", fmt("%+.1f%%", 100.0 * double(after - warm) / double(warm)) +
-        fmt(" (anonymous %+.1f%%)", 100.0 * double(afterAnon - warmAnon) / double(warmAnon)));
+        fmt("%.1f MiB", after / 1024.0) + fmt(" (%.1f MiB anonymous; ", afterAnon / 1024.0) +
+            fmt("%.1f s)", churnSec),
+        "after 100 searches",
+        fmt("%+.1f%%", 100.0 * double(after - warm) / double(warm)) +
+            fmt(" (anonymous %+.1f%%)", 100.0 * double(afterAnon - warmAnon) / double(warmAnon)));
     loop.stop();
     return 0;
 }

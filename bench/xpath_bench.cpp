@@ -4,13 +4,14 @@
 //
 //   xpath_bench [--benchmark_repetitions=5 --benchmark_report_aggregates_only=true]
 
+#include <libxml/parser.h>
+#include <libxml/xpath.h>
+
 #include <random>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <libxml/parser.h>
-#include <libxml/xpath.h>
 
 #include "jobs/XPathMatcher.h"
 #include "jobs/XmlLibrary.h"

@@ -60,9 +60,8 @@ Micros durationOf(const std::string& text) { return *parseDuration(text, nullptr
 void addRange(CLI::App* sub, std::string& start, std::string& end, SearchRequest& c,
               bool required = true)
 {
-    auto* first = sub->add_option("START", start, "where the search begins")
-                      ->check(kTime)
-                      ->type_name("TIME");
+    auto* first =
+        sub->add_option("START", start, "where the search begins")->check(kTime)->type_name("TIME");
     auto* last = sub->add_option("END", end, "where it ends; before START searches backward")
                      ->check(kTime)
                      ->type_name("TIME");
@@ -87,9 +86,9 @@ void addOutput(CLI::App* sub, Command& c, bool progress)
 
 void addPictures(CLI::App* sub, Command& c, const char* rows)
 {
-    sub->add_option("--svg", c.svgPath,
-                    std::string("after the search, write a picture of the range to FILE (SVG): ") +
-                        rows)
+    sub->add_option(
+           "--svg", c.svgPath,
+           std::string("after the search, write a picture of the range to FILE (SVG): ") + rows)
         ->type_name("FILE");
     sub->add_flag("--timeline", c.timeline,
                   "after the results, draw the same rows in the terminal (to standard error "
@@ -186,10 +185,11 @@ void addMetadata(CLI::App& app, Parsed& p)
     auto* metadata = app.add_subcommand(
         "metadata", "times of the metadata documents that match an XPath expression or filters");
     addRange(metadata, p.start, p.end, p.c.search, false);
-    p.xpath = metadata->add_option("XPATH", p.c.search.xpath,
-                                   "evaluated as a boolean on each document; empty matches "
-                                   "every document. Optional when a filter is given; with "
-                                   "both, both must hold")
+    p.xpath = metadata
+                  ->add_option("XPATH", p.c.search.xpath,
+                               "evaluated as a boolean on each document; empty matches "
+                               "every document. Optional when a filter is given; with "
+                               "both, both must hold")
                   ->type_name("XPATH");
     addFilters(metadata, p.filters);
     metadata->add_flag("--show-xpath", p.c.showXPath,
@@ -221,21 +221,24 @@ void addMetadata(CLI::App& app, Parsed& p)
 void addSummary(CLI::App& app, Parsed& p)
 {
     auto* summary = app.add_subcommand(
-        "summary", "coverage: how long the recording and each track were on, per time bucket, "
-                   "and the gaps");
+        "summary",
+        "coverage: how long the recording and each track were on, per time bucket, "
+        "and the gaps");
     summary->add_option("START", p.start, "where the summary begins")
         ->required()
         ->check(kTime)
         ->type_name("TIME");
     summary->add_option("END", p.end, "where it ends")->required()->check(kTime)->type_name("TIME");
-    summary->add_option("--bucket", p.bucket,
-                        "the bucket size, such as 30s, 5m, 1h or 1d (default: a round size "
-                        "that gives 10 to 40 buckets)")
+    summary
+        ->add_option("--bucket", p.bucket,
+                     "the bucket size, such as 30s, 5m, 1h or 1d (default: a round size "
+                     "that gives 10 to 40 buckets)")
         ->type_name("DURATION")
         ->check(kDuration);
     addOutput(summary, p.c, true);
-    addPictures(summary, p.c, "one row for the recording and one per track, drawn where they "
-                              "were on");
+    addPictures(summary, p.c,
+                "one row for the recording and one per track, drawn where they "
+                "were on");
     summary->footer(std::string(kTimeHelp) +
                     "\nRuns one event search with the start state. Prints per bucket the seconds "
                     "and percent\nthe recording and each track were on, then every gap (the "
@@ -281,8 +284,9 @@ std::optional<int> finishMetadata(Parsed& p)
     if (!p.filters.region.empty()) p.filters.filter.region = parseRegion(p.filters.region);
     p.filters.filter.minLikelihood = p.filters.likelihood;
     if (p.xpath->count() == 0 && p.filters.filter.empty()) {
-        return usageError("XPATH is required unless a filter (--class, --colour, "
-                          "--min-likelihood, --region, --motion) is given");
+        return usageError(
+            "XPATH is required unless a filter (--class, --colour, "
+            "--min-likelihood, --region, --motion) is given");
     }
     s.xpath = filterXPath(p.filters.filter, s.xpath);
     if (!p.c.showXPath && p.end.empty()) {
@@ -334,7 +338,7 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     }
 
     Command& c = p.c;
-    c.kind = p.state->parsed() ? Command::Kind::State
+    c.kind = p.state->parsed()  ? Command::Kind::State
              : p.end_->parsed() ? Command::Kind::End
                                 : Command::Kind::Search;
     c.search.kind = searchKind(p);

@@ -1,12 +1,11 @@
 #include "ResultPrinter.h"
 
-#include "client/ResultJson.h"
-#include "kavro/contract.h"
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
 
+#include "client/ResultJson.h"
+#include "kavro/contract.h"
 
 namespace recsearch {
 
@@ -84,8 +83,7 @@ void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vect
     if (buckets.empty()) return;
     // A table: a bucket a line, a column per row of the picture, each wide enough for its name.
     out_ << rangeText(buckets.front().from, buckets.back().to) << " in buckets of "
-         << durationText(buckets.front().to - buckets.front().from)
-         << ": how long each was on\n";
+         << durationText(buckets.front().to - buckets.front().from) << ": how long each was on\n";
     std::vector<std::string> names{"recording"};
     for (const auto& entry : buckets.front().tracksOn) names.push_back(printable(entry.first));
     auto column = [&](const std::string& text, const std::string& name) {

@@ -67,8 +67,8 @@ public:
         if (!command.svgPath.empty()) {
             svg_.open(command.svgPath, std::ios::out | std::ios::trunc);
             if (!svg_) {
-                throw ClientError(ErrorKind::Failure, "cannot write " + command.svgPath + ": " +
-                                                          std::strerror(errno));
+                throw ClientError(ErrorKind::Failure,
+                                  "cannot write " + command.svgPath + ": " + std::strerror(errno));
             }
         }
     }
@@ -164,7 +164,8 @@ int endOther(const Command& c, ServiceConnection& service)
 {
     // The end call cannot tell an unknown id from a search that got nowhere; the state can.
     if (service.searchState(c.jobId) == kavro::contract::kStateUnknown) {
-        throw ClientError(ErrorKind::UnknownJob, "no search with job id " + std::to_string(c.jobId));
+        throw ClientError(ErrorKind::UnknownJob,
+                          "no search with job id " + std::to_string(c.jobId));
     }
     const EndReply end = service.endSearch(c.jobId);
     ResultPrinter(std::cout, std::cerr, c.json).ended(c.jobId, end.reached);

@@ -9,13 +9,13 @@ namespace rsclient {
 
 // The numbers are recsearch's exit codes for them.
 enum class ErrorKind : int {
-    Failure = 1,      // anything not listed below
-    Unreachable = 3,  // no bus, service not on it, or no answer in time
-    Refused = 4,      // the service answered job id -1
-    StatusError = 5,  // the service answered a nonzero status or failed the request
-    ServiceGone = 6,  // the service (or the bus) went away during the search
-    UnknownJob = 7,   // state/end of a job id that the service does not know
-    AccessDenied = 8, // the bus's policy does not let this user call the service
+    Failure = 1,       // anything not listed below
+    Unreachable = 3,   // no bus, service not on it, or no answer in time
+    Refused = 4,       // the service answered job id -1
+    StatusError = 5,   // the service answered a nonzero status or failed the request
+    ServiceGone = 6,   // the service (or the bus) went away during the search
+    UnknownJob = 7,    // state/end of a job id that the service does not know
+    AccessDenied = 8,  // the bus's policy does not let this user call the service
 };
 
 class ClientError : public std::runtime_error {

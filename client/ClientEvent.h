@@ -27,10 +27,10 @@ struct SearchResult {
 struct ClientEvent {
     enum class Kind { Result, Completed, ServiceGone, BusLost, Interrupted };
     Kind kind = Kind::Result;
-    uint32_t jobId = 0;    // Result, Completed
-    SearchResult result;   // Result
-    int signal = 0;        // Interrupted
-    std::string detail;    // BusLost
+    uint32_t jobId = 0;   // Result, Completed
+    SearchResult result;  // Result
+    int signal = 0;       // Interrupted
+    std::string detail;   // BusLost
 };
 
 // Filled by the bus loop thread and the signal thread, drained by the main thread. Until the

@@ -55,8 +55,8 @@ std::vector<Segment> recordingGaps(const Picture& events, Micros longer)
 
 Micros defaultBucket(Micros range)
 {
-    static const int64_t kRound[] = {1,    2,    5,     10,    15,    30,    60,
-                                     120,  300,  600,   900,   1800,  3600,  7200,
+    static const int64_t kRound[] = {1,     2,     5,     10,    15,     30,    60,
+                                     120,   300,   600,   900,   1800,   3600,  7200,
                                      10800, 21600, 43200, 86400, 172800, 604800};
     for (int64_t s : kRound) {
         if (seconds(s) * 40 >= range) return seconds(s);

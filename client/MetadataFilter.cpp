@@ -118,8 +118,9 @@ std::string filterXPath(const MetadataFilter& filter, const std::string& xpath)
     if (!xpath.empty()) all.push_back(filter.empty() ? xpath : "(" + xpath + ")");
     if (!object.empty()) all.push_back("//Object[" + joined(object, " and ") + "]");
     if (filter.motion) {
-        all.emplace_back("//NotificationMessage[@Topic=\"VideoSource/MotionAlarm\" and "
-                      "Data/SimpleItem[@Name=\"State\" and @Value=\"true\"]]");
+        all.emplace_back(
+            "//NotificationMessage[@Topic=\"VideoSource/MotionAlarm\" and "
+            "Data/SimpleItem[@Name=\"State\" and @Value=\"true\"]]");
     }
     return joined(all, " and ");
 }

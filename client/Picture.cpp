@@ -8,7 +8,7 @@ namespace rsclient {
 namespace {
 
 struct Range {
-    Micros lo, hi;            // the picture
+    Micros lo, hi;              // the picture
     Micros knownFrom, knownTo;  // the part the search walked
 };
 

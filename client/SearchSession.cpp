@@ -94,9 +94,9 @@ int SearchSession::stream()
                                   std::to_string(jobId_) + " after " + std::to_string(results_) +
                                   " results");
         case ClientEvent::Kind::BusLost:
-            throw ClientError(ErrorKind::ServiceGone, "lost the bus during search " +
-                                                          std::to_string(jobId_) + ": " +
-                                                          event->detail);
+            throw ClientError(
+                ErrorKind::ServiceGone,
+                "lost the bus during search " + std::to_string(jobId_) + ": " + event->detail);
         }
     }
 }
@@ -140,8 +140,8 @@ void SearchSession::conclude(TimePoint reached)
                                 ? matchPicture(marks_, r.start, r.end, reached)
                                 : eventPicture(kept_, r.start, r.end, reached);
     if (r.kind == SearchRequest::Kind::Summary) {
-        const Micros size = r.bucket.count() > 0 ? r.bucket
-                                                 : defaultBucket(picture.to - picture.from);
+        const Micros size =
+            r.bucket.count() > 0 ? r.bucket : defaultBucket(picture.to - picture.from);
         output_.coverage(rsclient::coverage(picture, size), recordingGaps(picture, kLongGap));
     }
     if (r.picture) output_.picture(picture);

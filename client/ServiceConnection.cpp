@@ -9,8 +9,8 @@
 #include "client/ClientError.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
-#include "kavro/contract.h"
 #include "kavro/bus/ServiceProxy.h"
+#include "kavro/contract.h"
 #include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 
@@ -34,7 +34,8 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
 {
     const auto blank = message.find(' ');
     if (blank != std::string::npos) return message.substr(blank + 1);
-    if (status == kavro::contract::kStatusUsecOutOfRange) return "microseconds out of range (0 to 999999)";
+    if (status == kavro::contract::kStatusUsecOutOfRange)
+        return "microseconds out of range (0 to 999999)";
     return "";
 }
 
@@ -50,33 +51,34 @@ ClientError classify(const std::string& what, const sdbus::Error& error)
     const kavro_core_status status = kavro::bus::statusFromError(error);
     const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
     if (origin == kavro::bus::ErrorOrigin::ServiceStatus) {
-        std::string text = "recording_search answered " + what + " with status " +
-                           std::to_string(int(status));
+        std::string text =
+            "recording_search answered " + what + " with status " + std::to_string(int(status));
         const std::string meaning = statusMeaning(status, error.getMessage());
         if (!meaning.empty()) text += ": " + meaning;
         return ClientError(ErrorKind::StatusError, text);
     }
     if (origin == kavro::bus::ErrorOrigin::ServiceFailure) {
         return ClientError(ErrorKind::StatusError,
-                        "recording_search failed " + what + ": " + error.getMessage());
+                           "recording_search failed " + what + ": " + error.getMessage());
     }
     if (status == KAVRO_STATUS_SERVICE_UNKNOWN) {
         return ClientError(ErrorKind::Unreachable, "recording_search is not running on " +
-                                                   busAddress() + " (" + error.getName() + ")");
+                                                       busAddress() + " (" + error.getName() + ")");
     }
     if (status == KAVRO_STATUS_TIMEOUT) {
-        return ClientError(ErrorKind::Unreachable,
-                        "recording_search did not answer " + what + " within " +
-                            std::to_string(kCallTimeout.count()) + " s");
+        return ClientError(ErrorKind::Unreachable, "recording_search did not answer " + what +
+                                                       " within " +
+                                                       std::to_string(kCallTimeout.count()) + " s");
     }
     return ClientError(ErrorKind::Failure,
-                    what + " failed: " + error.getName() + ": " + error.getMessage());
+                       what + " failed: " + error.getName() + ": " + error.getMessage());
 }
 
 }  // namespace
 
 // The service's signals, into the inbox.
-class ServiceConnection::SearchSignals : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
+class ServiceConnection::SearchSignals
+    : public kavro::bus::ServiceProxy<kavro::recording_search_proxy> {
 public:
     SearchSignals(sdbus::IConnection& connection, EventInbox& inbox)
         : ServiceProxy(connection, kService), inbox_(inbox)
@@ -95,23 +97,32 @@ protected:
     void onMetadataSearchResult(const uint32_t& jobId, const uint32_t& sec,
                                 const uint32_t& usec) override
     {
-        pushResult(SearchResult{SearchResult::Kind::Metadata, jobId, {sec, usec}, {}, false, false});
+        pushResult(
+            SearchResult{SearchResult::Kind::Metadata, jobId, {sec, usec}, {}, false, false});
     }
 
     void onTrackStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
                                        const uint32_t& usec, const std::string& trackName,
                                        const uint8_t& state, const uint8_t& startState) override
     {
-        pushResult(SearchResult{SearchResult::Kind::TrackState, jobId, {sec, usec}, trackName,
-                                state != 0, startState != 0});
+        pushResult(SearchResult{SearchResult::Kind::TrackState,
+                                jobId,
+                                {sec, usec},
+                                trackName,
+                                state != 0,
+                                startState != 0});
     }
 
     void onRecordingStateEventSearchResult(const uint32_t& jobId, const uint32_t& sec,
                                            const uint32_t& usec, const uint8_t& state,
                                            const uint8_t& startState) override
     {
-        pushResult(SearchResult{SearchResult::Kind::RecordingState, jobId, {sec, usec}, {},
-                                state != 0, startState != 0});
+        pushResult(SearchResult{SearchResult::Kind::RecordingState,
+                                jobId,
+                                {sec, usec},
+                                {},
+                                state != 0,
+                                startState != 0});
     }
 
 private:
@@ -134,15 +145,16 @@ ServiceConnection::ServiceConnection(EventInbox& inbox) : inbox_(inbox)
         connection = kavro::bus::connectToBus();
     } catch (const sdbus::Error& e) {
         throw ClientError(ErrorKind::Unreachable,
-                       "cannot connect to " + busAddress() + ": " + e.getMessage());
+                          "cannot connect to " + busAddress() + ": " + e.getMessage());
     }
     connection->setMethodCallTimeout(kCallTimeout);
     search_ = std::make_unique<kavro::bus::Registered<SearchSignals>>(*connection, inbox_);
     busDaemon_ = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
     busDaemon_->uponSignal("NameOwnerChanged")
         .onInterface("org.freedesktop.DBus")
-        .call([this](const std::string& name, const std::string& oldOwner,
-                     const std::string& newOwner) { onNameOwnerChanged(name, oldOwner, newOwner); });
+        .call(
+            [this](const std::string& name, const std::string& oldOwner,
+                   const std::string& newOwner) { onNameOwnerChanged(name, oldOwner, newOwner); });
     busDaemon_->finishRegistration();
 
     loop_ = std::make_unique<kavro::bus::BusLoop>(std::move(connection));
@@ -166,7 +178,8 @@ ServiceConnection::~ServiceConnection()
 void ServiceConnection::onNameOwnerChanged(const std::string& name, const std::string& oldOwner,
                                            const std::string&)
 {
-    if (name != kavro::bus::busName(kService) || watchedOwner_.empty() || oldOwner != watchedOwner_) {
+    if (name != kavro::bus::busName(kService) || watchedOwner_.empty() ||
+        oldOwner != watchedOwner_) {
         return;
     }
     watchedOwner_.clear();
@@ -231,13 +244,13 @@ int32_t ServiceConnection::createEventSearch(TimePoint start, TimePoint end, int
     return jobId;
 }
 
-int32_t ServiceConnection::createMetadataSearch(TimePoint start, TimePoint end,
-                                                int32_t maxResults, const std::string& xpath)
+int32_t ServiceConnection::createMetadataSearch(TimePoint start, TimePoint end, int32_t maxResults,
+                                                const std::string& xpath)
 {
     int32_t jobId = -1;
     call("CreateMetadataSearch", [&] {
-        jobId = search_->CreateMetadataSearch(start.sec, start.usec, end.sec, end.usec,
-                                              maxResults, xpath);
+        jobId = search_->CreateMetadataSearch(start.sec, start.usec, end.sec, end.usec, maxResults,
+                                              xpath);
     });
     return jobId;
 }

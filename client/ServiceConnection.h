@@ -14,13 +14,13 @@
 namespace sdbus {
 class IConnection;
 class IProxy;
-}
+}  // namespace sdbus
 namespace kavro {
 namespace bus {
 class BusLoop;
 template <typename Proxy>
 class Registered;
-}
+}  // namespace bus
 }  // namespace kavro
 
 namespace rsclient {

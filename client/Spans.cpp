@@ -2,7 +2,6 @@
 
 namespace rsclient {
 
-
 std::optional<Span> SpanGrouper::add(TimePoint match)
 {
     std::optional<Span> closed;

@@ -109,9 +109,8 @@ std::string number(double v)
 
 void rect(std::ostream& out, double x0, double x1, double y, const std::string& fill)
 {
-    out << "<rect x=\"" << number(x0) << "\" y=\"" << number(y) << "\" width=\""
-        << number(x1 - x0) << "\" height=\"" << number(SvgLayout::kRowHeight) << "\" fill=\""
-        << fill << "\"/>\n";
+    out << "<rect x=\"" << number(x0) << "\" y=\"" << number(y) << "\" width=\"" << number(x1 - x0)
+        << "\" height=\"" << number(SvgLayout::kRowHeight) << "\" fill=\"" << fill << "\"/>\n";
 }
 
 // Pieces closer than a pixel are drawn as one, which bounds the file's size; marks of no
@@ -142,8 +141,8 @@ void drawMerged(std::ostream& out, const Picture& p, const Row& row, State state
 // A round step that gives the axis at most eight labels.
 seconds tickStep(Micros range)
 {
-    static const int64_t kSteps[] = {1,    2,     5,     10,    15,    30,     60,
-                                     120,  300,   600,   900,   1800,  3600,   7200,
+    static const int64_t kSteps[] = {1,     2,     5,     10,    15,     30,     60,
+                                     120,   300,   600,   900,   1800,   3600,   7200,
                                      10800, 21600, 43200, 86400, 172800, 604800, 2592000};
     for (int64_t s : kSteps) {
         if (seconds(s) * 8 >= range) return seconds(s);
@@ -157,7 +156,7 @@ void drawAxis(std::ostream& out, const Picture& p, double y)
     out << "<line x1=\"" << left << "\" y1=\"" << y << "\" x2=\"" << right << "\" y2=\"" << y
         << "\" stroke=\"#444\"/>\n";
     const seconds step = tickStep(p.to - p.from);
-    const char* format = step >= seconds(86400) ? "%Y-%m-%d"
+    const char* format = step >= seconds(86400)             ? "%Y-%m-%d"
                          : step % seconds(60) == seconds(0) ? "%H:%M"
                                                             : "%H:%M:%S";
     std::string lastDate;
@@ -166,8 +165,8 @@ void drawAxis(std::ostream& out, const Picture& p, double y)
         const double x = SvgLayout::x(p, t);
         out << "<line x1=\"" << number(x) << "\" y1=\"" << y << "\" x2=\"" << number(x)
             << "\" y2=\"" << y + 5 << "\" stroke=\"#444\"/>\n";
-        out << "<text x=\"" << number(x) << "\" y=\"" << y + 18
-            << "\" text-anchor=\"middle\">" << utcText(t, format) << "</text>\n";
+        out << "<text x=\"" << number(x) << "\" y=\"" << y + 18 << "\" text-anchor=\"middle\">"
+            << utcText(t, format) << "</text>\n";
         const std::string date = utcText(t, "%Y-%m-%d");
         if (date != lastDate && step < seconds(86400)) {
             out << "<text x=\"" << number(x) << "\" y=\"" << y + 32

@@ -29,7 +29,7 @@ void writeSvg(std::ostream& out, const Picture& picture, const std::string& titl
 std::string sanitized(const std::string& text);
 // At most `limit` characters of sanitized text, with an ellipsis when cut.
 std::string shortened(const std::string& text, std::size_t limit);
-std::size_t charCount(const std::string& text);  // of UTF-8 text
+std::size_t charCount(const std::string& text);     // of UTF-8 text
 std::string utcText(Micros t, const char* format);  // strftime in UTC
 
 // For text that goes into XML: markup characters escaped, control characters and bytes that

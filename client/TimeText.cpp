@@ -48,8 +48,9 @@ std::optional<TimePoint> parseSeconds(const std::string& text, std::string* why)
     const auto dot = text.find('.');
     const std::string whole = text.substr(0, dot);
     if (!allDigits(whole)) {
-        *why = "expected SECONDS[.MICROSECONDS] or an ISO 8601 UTC time such as "
-               "2026-11-23T10:00:00Z";
+        *why =
+            "expected SECONDS[.MICROSECONDS] or an ISO 8601 UTC time such as "
+            "2026-11-23T10:00:00Z";
         return std::nullopt;
     }
     auto sec = toUint32(whole);

@@ -55,8 +55,9 @@ std::string ReplayedRecordingServices::document()
     const uint8_t mode = in_.byte();
     std::string text = in_.text(mode % 4 == 3 ? 4096 : 256);
     switch (mode % 4) {
-    case 0: return "<MetadataStream><VideoAnalytics><Frame><Object><Class><Type>" + text +
-                   "</Type></Class></Object></Frame></VideoAnalytics></MetadataStream>";
+    case 0:
+        return "<MetadataStream><VideoAnalytics><Frame><Object><Class><Type>" + text +
+               "</Type></Class></Object></Frame></VideoAnalytics></MetadataStream>";
     case 1: return "<Frame ObjectCount='" + text + "'/>";
     default: return text;
     }

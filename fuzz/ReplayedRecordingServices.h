@@ -27,7 +27,8 @@ public:
     kavro_core_status tracks(std::vector<std::string>& names) override;
     kavro_core_status summary(SearchTime& start, SearchTime& end) override;
     kavro_core_status trackSummary(const std::string&, SearchTime& start, SearchTime& end) override;
-    kavro_core_status state(SearchTime, unsigned char& state, std::vector<std::string>& on) override;
+    kavro_core_status state(SearchTime, unsigned char& state,
+                            std::vector<std::string>& on) override;
     kavro_core_status firstEvent(SearchTime& at) override;
     kavro_core_status historyEvent(SearchTime, fake::HistoryAnswer& answer) override;
     kavro_core_status metadata(SearchTime, fake::MetadataAnswer& answer) override;

@@ -74,14 +74,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzInput input(data, size);
     const uint8_t kind = input.byte();
     const bool metadata = (kind & 1) != 0;
-    const Time start{ReplayedRecordingServices::seconds(input), ReplayedRecordingServices::microseconds(input)};
-    const Time end{ReplayedRecordingServices::seconds(input), ReplayedRecordingServices::microseconds(input)};
+    const Time start{ReplayedRecordingServices::seconds(input),
+                     ReplayedRecordingServices::microseconds(input)};
+    const Time end{ReplayedRecordingServices::seconds(input),
+                   ReplayedRecordingServices::microseconds(input)};
     ReplayedRecordingServices services(input);
     const int maxResults = static_cast<int8_t>(input.byte()) / 16;  // -8..7: no limit, or small
     const bool startState = (kind & 2) != 0;
     const uint8_t pick = input.byte();
-    const std::string xpath = pick < 240 ? kExpressions[pick % (sizeof kExpressions / sizeof *kExpressions)]
-                                         : input.text(128);
+    const std::string xpath =
+        pick < 240 ? kExpressions[pick % (sizeof kExpressions / sizeof *kExpressions)]
+                   : input.text(128);
 
     fake::install(&services);
     int jobId = -1;

@@ -1,8 +1,8 @@
-#include "kavro/contract.h"
 #include "jobs/EventSearchJob.h"
 
 #include "jobs/EndOfSearchException.h"
 #include "jobs/InitiatorResults.h"
+#include "kavro/contract.h"
 #include "kavro/recording_initiators.h"
 #include "target/RecordingSearchEventData.h"
 #include "target/RecordingSearchTargetImpl.h"
@@ -26,8 +26,7 @@ EventSearchJob::EventSearchJob(unsigned int jobId, void* logCookie,
                                unsigned int startUsec, unsigned int endSec, unsigned int endUsec,
                                int maxResults, bool requestFlag1, bool requestFlag2,
                                bool includeStartStateEvents)
-    : TimelineSearchJob(jobId, logCookie, target, startSec, startUsec, endSec, endUsec,
-                        maxResults),
+    : TimelineSearchJob(jobId, logCookie, target, startSec, startUsec, endSec, endUsec, maxResults),
       requestFlag1(requestFlag1),
       requestFlag2(requestFlag2),
       includeStartStateEvents(includeStartStateEvents),
@@ -41,8 +40,8 @@ EventSearchJob::~EventSearchJob() = default;
 void EventSearchJob::_fetchAllTracks()
 {
     void* handle = nullptr;
-    if (kavro_api_recording_control_initiator_init(nullptr, logCookie, &handle, nullptr,
-                                                   nullptr) != 0) {
+    if (kavro_api_recording_control_initiator_init(nullptr, logCookie, &handle, nullptr, nullptr) !=
+        0) {
         kavro_core_logging_log(logCookie, 3, "Could not connect to Recording Control service");
         return;
     }
@@ -78,8 +77,7 @@ void EventSearchJob::performTimelineSearch(void* informationHandle, void* dataAc
     _walk(
         "Successful completion of search range",
         [&] { _getNextEvents(dataAccessHandle, properties); },
-        [&] { _queueProperties(properties); },
-        [&] { return getSearchState() == Completed; });
+        [&] { _queueProperties(properties); }, [&] { return getSearchState() == Completed; });
 
     if (includeStartStateEvents && !forward) {
         _findStateEventsAt(informationHandle, rangeStart.sec, rangeStart.usec);
@@ -111,8 +109,7 @@ void EventSearchJob::_startAtFirstEvent(void* dataAccessHandle)
     }
 }
 
-void EventSearchJob::_getNextEvents(void* dataAccessHandle,
-                                    std::vector<EventProperty>& properties)
+void EventSearchJob::_getNextEvents(void* dataAccessHandle, std::vector<EventProperty>& properties)
 {
     properties.clear();
     step.enter(_inRange(searchPoint.sec, searchPoint.usec), searchPoint, rangeStart, rangeEnd);

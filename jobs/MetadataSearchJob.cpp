@@ -1,4 +1,3 @@
-#include "kavro/contract.h"
 #include "jobs/MetadataSearchJob.h"
 
 #include <string_view>
@@ -6,6 +5,7 @@
 #include "jobs/EndOfSearchException.h"
 #include "jobs/InitiatorResults.h"
 #include "jobs/XPathMatcher.h"
+#include "kavro/contract.h"
 #include "kavro/recording_initiators.h"
 #include "target/RecordingSearchEventData.h"
 #include "target/RecordingSearchTargetImpl.h"
@@ -29,8 +29,7 @@ MetadataSearchJob::MetadataSearchJob(unsigned int jobId, void* logCookie,
                                      RecordingSearchTargetImpl* target, unsigned int startSec,
                                      unsigned int startUsec, unsigned int endSec,
                                      unsigned int endUsec, int maxResults, std::string xpath)
-    : TimelineSearchJob(jobId, logCookie, target, startSec, startUsec, endSec, endUsec,
-                        maxResults),
+    : TimelineSearchJob(jobId, logCookie, target, startSec, startUsec, endSec, endUsec, maxResults),
       xpath(xpath.empty() ? std::string("/") : std::move(xpath)),
       step(logCookie, kMetadataStepTexts)
 {
@@ -45,8 +44,8 @@ void MetadataSearchJob::performTimelineSearch(void* informationHandle, void* dat
     kavro_core_logging_log(logCookie, 6, "Starting metadata job %d with xpath %s", jobId,
                            xpath.c_str());
     kavro_core_logging_log(logCookie, 7, "%s search %d from %d.%06d to %d.%06d ",
-                           forward ? "Forward" : "Backward", jobId, rangeStart.sec,
-                           rangeStart.usec, rangeEnd.sec, rangeEnd.usec);
+                           forward ? "Forward" : "Backward", jobId, rangeStart.sec, rangeStart.usec,
+                           rangeEnd.sec, rangeEnd.usec);
     {
         // An expression that does not compile is accepted: the walk then matches nothing.
         XPathMatcher matcher(xpath);
@@ -71,8 +70,8 @@ void MetadataSearchJob::_narrowToMetadataTrack(void* informationHandle)
     unsigned int endSec = 0;
     unsigned int endUsec = 0;
     const kavro_core_status status = kavro_api_recording_information_get_track_summary_send(
-        informationHandle, "recording_information", kavro::contract::kMetadataTrack, &startSec, &startUsec, &endSec,
-        &endUsec);
+        informationHandle, "recording_information", kavro::contract::kMetadataTrack, &startSec,
+        &startUsec, &endSec, &endUsec);
     if (status != 0) {
         // The track's bounds are unknown: the walk keeps the range as fitted to the recording,
         // and the data-access service's answers alone decide what lies in it.
@@ -111,8 +110,8 @@ std::optional<OwnedText> MetadataSearchJob::_getNextMetadataDoc(void* dataAccess
     OwnedText ownedText(text);
     if (status != 0) {
         kavro_core_logging_log(logCookie, 3,
-                               "Bad return %d call while getting metadata at time %d.%06d",
-                               status, searchPoint.sec, searchPoint.usec);
+                               "Bad return %d call while getting metadata at time %d.%06d", status,
+                               searchPoint.sec, searchPoint.usec);
         throw EndOfSearchException();
     }
 

@@ -1,7 +1,6 @@
 #include "jobs/NoOpSearchJob.h"
 
-NoOpSearchJob::NoOpSearchJob(unsigned int jobId, void* logCookie,
-                             RecordingSearchTargetImpl* target)
+NoOpSearchJob::NoOpSearchJob(unsigned int jobId, void* logCookie, RecordingSearchTargetImpl* target)
     : SearchJob(jobId, logCookie, target, -1)
 {
 }

@@ -91,8 +91,7 @@ void SearchJob::_searchWrapper()
         kavro_core_logging_log(logCookie, 3, "%d - Search ended by an exception: %s", jobId,
                                e.what());
     } catch (...) {
-        kavro_core_logging_log(logCookie, 3, "%d - Search ended by an unknown exception",
-                               jobId);
+        kavro_core_logging_log(logCookie, 3, "%d - Search ended by an unknown exception", jobId);
     }
     setSearchState(Completed);
 }

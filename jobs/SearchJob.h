@@ -1,11 +1,11 @@
 #pragma once
 
-#include "kavro/contract.h"
-
 #include <cstdint>
 
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
+
+#include "kavro/contract.h"
 
 class RecordingSearchTargetImpl;
 

@@ -12,8 +12,8 @@ class WalkHandles {
 public:
     explicit WalkHandles(void* logCookie)
     {
-        kavro_api_recording_information_initiator_init(nullptr, logCookie, &information,
-                                                       nullptr, nullptr);
+        kavro_api_recording_information_initiator_init(nullptr, logCookie, &information, nullptr,
+                                                       nullptr);
         kavro_api_recording_data_access_initiator_init(nullptr, logCookie, &dataAccess, nullptr,
                                                        nullptr);
     }
@@ -46,9 +46,8 @@ TimelineSearchJob::TimelineSearchJob(unsigned int jobId, void* logCookie,
     kavro_core_logging_log(logCookie, 6,
                            "%d - Created new %s search from %d.%06d to %d.%06d. Starting at "
                            "%d.%06d",
-                           jobId, forward ? "forward" : "backward", rangeStart.sec,
-                           rangeStart.usec, rangeEnd.sec, rangeEnd.usec, current.sec,
-                           current.usec);
+                           jobId, forward ? "forward" : "backward", rangeStart.sec, rangeStart.usec,
+                           rangeEnd.sec, rangeEnd.usec, current.sec, current.usec);
 }
 
 TimelineSearchJob::~TimelineSearchJob()

@@ -5,8 +5,8 @@
 
 #include "jobs/EndOfSearchException.h"
 
-void TimelineStep::enter(bool pointInRange, const SearchTime& point,
-                         const SearchTime& rangeStart, const SearchTime& rangeEnd) const
+void TimelineStep::enter(bool pointInRange, const SearchTime& point, const SearchTime& rangeStart,
+                         const SearchTime& rangeEnd) const
 {
     kavro_core_logging_log(logCookie_, 7, texts_.searchPoint, point.sec, point.usec);
     if (!pointInRange) {

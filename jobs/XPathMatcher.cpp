@@ -1,10 +1,10 @@
 #include "jobs/XPathMatcher.h"
 
-#include <new>
-
 #include <libxml/dict.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xmlerror.h>
+
+#include <new>
 
 #include "jobs/XmlLibrary.h"
 

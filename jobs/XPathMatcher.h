@@ -1,10 +1,10 @@
 #pragma once
 
-#include <string>
-#include <string_view>
-
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
+
+#include <string>
+#include <string_view>
 
 // One XPath expression, compiled once, tested as a boolean against one document after another.
 // Each document is parsed, evaluated and released within matches(), so at most one tree exists

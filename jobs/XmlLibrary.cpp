@@ -1,10 +1,10 @@
 #include "jobs/XmlLibrary.h"
 
-#include <mutex>
-
 #include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
+
+#include <mutex>
 
 namespace {
 

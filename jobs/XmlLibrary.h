@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cstddef>
-
 #include <libxml/tree.h>
+
+#include <cstddef>
 
 // Once, from main before any thread starts (later calls do nothing): initialises libxml2 and
 // routes its messages away from standard error, which belongs to the fatal-error line alone.

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Sets up what is missing and runs every test: the whole suite in the default build with the
-# demo, the Debian packages (contents, units and their hardening, bus configuration, a search
-# with the shipped programs) and a short fuzzing run; then the whole suite again under
+# formatting and lint checks, the demo, the Debian packages (contents, units and their
+# hardening, bus configuration, a search with the shipped programs) and a short fuzzing run; then the whole suite again under
 # ASan+UBSan and under TSan (soak and load scaled down there). Pass preset names to run only
 # those, e.g. `scripts/test.sh default`.
 set -euo pipefail
@@ -24,6 +24,8 @@ run_preset() {
 for preset in "${presets[@]}"; do
   run_preset "$preset"
   if [ "$preset" = default ]; then
+    echo "== default: formatting and lint" >&2
+    scripts/lint.sh
     echo "== default: Debian packages" >&2
     scripts/check-packages.sh
     echo "== default: demo" >&2

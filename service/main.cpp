@@ -2,7 +2,6 @@
 // sends its events from the main thread until a stop signal, and takes everything down again.
 
 #include <signal.h>
-
 #include <systemd/sd-daemon.h>
 
 #include <exception>

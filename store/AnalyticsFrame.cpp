@@ -68,8 +68,9 @@ std::string renderFrame(const AnalyticsFrame& frame)
     appendf(out, "<Frame UtcTime=\"%s\" Source=\"%s\" Sequence=\"%llu\" ObjectCount=\"%zu\">",
             when.c_str(), frame.source.c_str(), static_cast<unsigned long long>(frame.sequence),
             frame.objects.size());
-    out += "<Transformation><Translate x=\"-1.0\" y=\"-1.0\"/>"
-           "<Scale x=\"0.001042\" y=\"0.001852\"/></Transformation>";
+    out +=
+        "<Transformation><Translate x=\"-1.0\" y=\"-1.0\"/>"
+        "<Scale x=\"0.001042\" y=\"0.001852\"/></Transformation>";
     for (const DetectedObject& object : frame.objects) renderObject(out, object);
     out += "</Frame></VideoAnalytics><Event>";
     appendf(out, "<NotificationMessage Topic=\"VideoSource/MotionAlarm\" UtcTime=\"%s\">",

@@ -1,6 +1,7 @@
 #include "store/Importer.h"
 
 #include <dirent.h>
+#include <libxml/parser.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,11 +11,9 @@
 #include <optional>
 #include <sstream>
 
-#include <libxml/parser.h>
-
-#include "jobs/XmlLibrary.h"
 #include <nlohmann/json.hpp>
 
+#include "jobs/XmlLibrary.h"
 #include "store/RecordingSchema.h"
 #include "store/RecordingWriter.h"
 #include "store/StoreError.h"
@@ -79,8 +78,8 @@ std::string documentProblem(const std::string& body)
         const xmlError& error = context->lastError;
         std::string message = error.message ? trim(error.message) : "unknown error";
         while (!message.empty() && message.back() == '\n') message.pop_back();
-        problem = "the document is not well-formed XML (line " + std::to_string(error.line) +
-                  ": " + message + ")";
+        problem = "the document is not well-formed XML (line " + std::to_string(error.line) + ": " +
+                  message + ")";
     } else if (carriesDocumentType(*doc)) {
         problem = "the document carries a DTD, which the search treats as unreadable";
     }
@@ -152,7 +151,8 @@ void Importer::readEvents(const std::string& path)
         if (why.empty()) why = flagProblem("key", fields[1], property.key);
         if (why.empty()) why = flagProblem("value", fields[2], property.value);
         if (why.empty()) property.name = fields.size() == 4 ? fields[3] : "";
-        if (why.empty() && property.key == 1 && property.name.empty()) why = "key 1 needs a track name";
+        if (why.empty() && property.key == 1 && property.name.empty())
+            why = "key 1 needs a track name";
         if (why.empty() && property.key == 0 && !property.name.empty()) {
             why = "key 0 is the recording itself and takes no track name";
         }

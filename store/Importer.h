@@ -40,7 +40,7 @@ struct ImportReport {
     uint64_t events = 0;
     uint64_t properties = 0;
     uint64_t documents = 0;
-    uint64_t skippedEvents = 0;     // already in the recording, the same
+    uint64_t skippedEvents = 0;  // already in the recording, the same
     uint64_t skippedDocuments = 0;
     std::vector<std::string> problems;  // "FILE:LINE: what is wrong", in input order
     uint64_t problemCount = 0;          // problems beyond kMaxReported are counted only
@@ -60,7 +60,8 @@ private:
     void readEvents(const std::string& path);
     void readDocumentLines(const std::string& path);
     void readDocumentDirectory(const std::string& path);
-    void addEvent(const std::string& where, StoreTime time, const std::vector<EventProperty>& properties);
+    void addEvent(const std::string& where, StoreTime time,
+                  const std::vector<EventProperty>& properties);
     void addDocument(const std::string& where, StoreTime time, const std::string& body);
     void problem(const std::string& where, const std::string& what);
     bool writing() const { return report_.problemCount == 0; }

@@ -13,7 +13,8 @@ namespace store {
 // The three neighbour queries of one timeline (history events or metadata documents).
 struct Recording::TimeLookup {
     TimeLookup(SqliteDb& db, const std::string& table)
-        : atOrBefore(db, ("SELECT t FROM " + table + " WHERE t <= ?1 ORDER BY t DESC LIMIT 1").c_str()),
+        : atOrBefore(db,
+                     ("SELECT t FROM " + table + " WHERE t <= ?1 ORDER BY t DESC LIMIT 1").c_str()),
           before(db, ("SELECT t FROM " + table + " WHERE t < ?1 ORDER BY t DESC LIMIT 1").c_str()),
           after(db, ("SELECT t FROM " + table + " WHERE t > ?1 ORDER BY t LIMIT 1").c_str())
     {
@@ -85,8 +86,7 @@ constexpr int64_t kTrackKey = 1;
 
 }  // namespace
 
-Recording::Recording(const std::string& path)
-    : db_(requireFile(path), SqliteDb::Mode::ReadOnly)
+Recording::Recording(const std::string& path) : db_(requireFile(path), SqliteDb::Mode::ReadOnly)
 {
     schema::check(db_);
     db_.exec("PRAGMA query_only = 1; PRAGMA mmap_size = 1073741824");
@@ -124,9 +124,9 @@ std::optional<TimeSpan> Recording::summary()
     const auto lastDocument = bound(statements_->lastDocument.reset());
     TimeSpan span;
     span.start = !firstDocument || (firstEvent && *firstEvent < *firstDocument) ? *firstEvent
-                                                                               : *firstDocument;
-    span.end = !lastDocument || (lastEvent && *lastDocument < *lastEvent) ? *lastEvent
-                                                                         : *lastDocument;
+                                                                                : *firstDocument;
+    span.end =
+        !lastDocument || (lastEvent && *lastDocument < *lastEvent) ? *lastEvent : *lastDocument;
     return span;
 }
 
@@ -191,9 +191,8 @@ std::optional<HistoryEvent> Recording::historyEventAt(StoreTime t)
     event.times = *times;
     Statement& query = statements_->properties.reset().bind(1, times->cur.key());
     while (query.step()) {
-        event.properties.push_back(EventProperty{uint32_t(query.columnInt(0)),
-                                                 uint32_t(query.columnInt(1)),
-                                                 query.columnText(2)});
+        event.properties.push_back(EventProperty{
+            uint32_t(query.columnInt(0)), uint32_t(query.columnInt(1)), query.columnText(2)});
     }
     return event;
 }

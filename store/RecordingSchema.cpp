@@ -75,9 +75,8 @@ void check(SqliteDb& db)
 
 void createOrCheck(SqliteDb& db)
 {
-    const bool empty =
-        readPragma(db, "application_id") == 0 &&
-        db.queryInt("SELECT count(*) FROM sqlite_schema") == 0;
+    const bool empty = readPragma(db, "application_id") == 0 &&
+                       db.queryInt("SELECT count(*) FROM sqlite_schema") == 0;
     if (!empty) {
         check(db);
         return;

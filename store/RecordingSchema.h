@@ -7,9 +7,9 @@
 // `documents` are the metadata track's documents.
 #pragma once
 
-#include "kavro/contract.h"
-
 #include <cstdint>
+
+#include "kavro/contract.h"
 
 namespace store {
 

@@ -20,7 +20,9 @@ namespace {
 // the client receives. sdbus-c++ passes on only sdbus::Error, so nothing else may escape.
 class Answerer {
 public:
-    Answerer(Recording& recording, void* logCookie) : recording_(recording), logCookie_(logCookie) {}
+    Answerer(Recording& recording, void* logCookie) : recording_(recording), logCookie_(logCookie)
+    {
+    }
 
 protected:
     template <typename Fn>
@@ -54,7 +56,8 @@ std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> spanReply(const TimeSpan& spa
 }  // namespace
 
 class RecordingStoreServices::Control final
-    : public sdbus::AdaptorInterfaces<kavro::recording_control_adaptor>, private Answerer {
+    : public sdbus::AdaptorInterfaces<kavro::recording_control_adaptor>,
+      private Answerer {
 public:
     Control(sdbus::IConnection& connection, Recording& recording, void* logCookie)
         : AdaptorInterfaces(connection, kavro::bus::objectPath("recording_control")),
@@ -72,7 +75,8 @@ private:
 };
 
 class RecordingStoreServices::Information final
-    : public sdbus::AdaptorInterfaces<kavro::recording_information_adaptor>, private Answerer {
+    : public sdbus::AdaptorInterfaces<kavro::recording_information_adaptor>,
+      private Answerer {
 public:
     Information(sdbus::IConnection& connection, Recording& recording, void* logCookie)
         : AdaptorInterfaces(connection, kavro::bus::objectPath("recording_information")),
@@ -93,7 +97,7 @@ private:
     }
 
     std::tuple<uint8_t, std::vector<std::string>> GetRecordingState(const uint32_t& sec,
-                                                                     const uint32_t& usec) override
+                                                                    const uint32_t& usec) override
     {
         return answer("GetRecordingState", [&] {
             RecordingState state = recording_.stateAt(StoreTime{sec, usec});
@@ -101,19 +105,22 @@ private:
         });
     }
 
-    std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> GetTrackSummary(const std::string& track) override
+    std::tuple<uint32_t, uint32_t, uint32_t, uint32_t> GetTrackSummary(
+        const std::string& track) override
     {
         return answer("GetTrackSummary", [&] {
             const auto span = recording_.trackSummary(track);
             if (span) return spanReply(*span);
-            if (!recording_.hasTrack(track)) refuse("GetTrackSummary", kStatusUnknownTrack, "unknown track");
+            if (!recording_.hasTrack(track))
+                refuse("GetTrackSummary", kStatusUnknownTrack, "unknown track");
             refuse("GetTrackSummary", kStatusNoData, "the track has no data");
         });
     }
 };
 
 class RecordingStoreServices::DataAccess final
-    : public sdbus::AdaptorInterfaces<kavro::recording_data_access_adaptor>, private Answerer {
+    : public sdbus::AdaptorInterfaces<kavro::recording_data_access_adaptor>,
+      private Answerer {
 public:
     DataAccess(sdbus::IConnection& connection, Recording& recording, void* logCookie)
         : AdaptorInterfaces(connection, kavro::bus::objectPath("recording_data_access")),
@@ -128,7 +135,8 @@ private:
     {
         return answer("GetFirstRecordingHistoryEventTime", [&] {
             const auto first = recording_.firstHistoryEventTime();
-            if (!first) refuse("GetFirstRecordingHistoryEventTime", kStatusNoData, "no history events");
+            if (!first)
+                refuse("GetFirstRecordingHistoryEventTime", kStatusNoData, "no history events");
             return std::make_tuple(first->sec, first->usec);
         });
     }
@@ -149,7 +157,8 @@ private:
             }
             const Neighbours& t = event->times;
             return std::make_tuple(t.cur.sec, t.cur.usec, t.prev.sec, t.prev.usec, t.next.sec,
-                                   t.next.usec, std::move(names), std::move(keys), std::move(values));
+                                   t.next.usec, std::move(names), std::move(keys),
+                                   std::move(values));
         });
     }
 

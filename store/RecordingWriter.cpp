@@ -1,8 +1,8 @@
-#include "kavro/contract.h"
 #include "store/RecordingWriter.h"
 
 #include <sqlite3.h>
 
+#include "kavro/contract.h"
 #include "store/RecordingSchema.h"
 #include "store/StoreError.h"
 
@@ -80,8 +80,10 @@ void RecordingWriter::addEvent(StoreTime time, const std::vector<EventProperty>&
     const int64_t eventId = sqlite3_last_insert_rowid(db_.handle());
     int64_t position = 0;
     for (const EventProperty& property : properties) {
-        if (property.key > kavro::contract::kTrackKey) throw StoreError("unknown property key " + std::to_string(property.key));
-        const int64_t trackId = property.key == kavro::contract::kTrackKey ? addTrack(property.name) : 0;
+        if (property.key > kavro::contract::kTrackKey)
+            throw StoreError("unknown property key " + std::to_string(property.key));
+        const int64_t trackId =
+            property.key == kavro::contract::kTrackKey ? addTrack(property.name) : 0;
         insertProperty_.reset()
             .bind(1, eventId)
             .bind(2, position++)
@@ -105,7 +107,8 @@ std::vector<EventProperty> RecordingWriter::propertiesAt(StoreTime time)
     findProperties_.reset().bind(1, time.key());
     while (findProperties_.step()) {
         properties.push_back({uint32_t(findProperties_.columnInt(0)),
-                              uint32_t(findProperties_.columnInt(1)), findProperties_.columnText(2)});
+                              uint32_t(findProperties_.columnInt(1)),
+                              findProperties_.columnText(2)});
     }
     return properties;
 }

@@ -1,10 +1,10 @@
-#include "kavro/contract.h"
 #include "store/SampleGenerator.h"
 
 #include <algorithm>
 #include <cmath>
 #include <random>
 
+#include "kavro/contract.h"
 #include "store/AnalyticsFrame.h"
 #include "store/RecordingSchema.h"
 #include "store/RecordingWriter.h"
@@ -109,14 +109,16 @@ Timeline makeTimeline(const SampleOptions& options, int64_t start, int64_t end)
     // Everything starts on together, and whatever is on is switched off together at the end.
     std::vector<bool> on(timeline.tracks.size() + 1, true);
     std::vector<EventProperty> first{propertyOf(timeline, -1, true)};
-    for (size_t i = 0; i < timeline.tracks.size(); ++i) first.push_back(propertyOf(timeline, int(i), true));
+    for (size_t i = 0; i < timeline.tracks.size(); ++i)
+        first.push_back(propertyOf(timeline, int(i), true));
     timeline.events.emplace_back(start, std::move(first));
     for (const Switch& change : switches) {
         // Distinct times keep one event per position on the timeline.
         const int64_t t = std::max(change.t, timeline.events.back().first + 1);
         if (t >= end) break;
         on[size_t(change.stream) + 1] = change.on;
-        timeline.events.emplace_back(t, std::vector<EventProperty>{propertyOf(timeline, change.stream, change.on)});
+        timeline.events.emplace_back(
+            t, std::vector<EventProperty>{propertyOf(timeline, change.stream, change.on)});
     }
     std::vector<EventProperty> last;
     for (size_t i = 0; i < on.size(); ++i) {
@@ -135,8 +137,10 @@ public:
     {
         while (next_ < timeline_.events.size() && timeline_.events[next_].first <= t) {
             for (const EventProperty& property : timeline_.events[next_].second) {
-                if (property.key == kavro::contract::kRecordingKey) recording_ = property.value != 0;
-                if (property.key == kavro::contract::kTrackKey && property.name == schema::kMetadataTrack) {
+                if (property.key == kavro::contract::kRecordingKey)
+                    recording_ = property.value != 0;
+                if (property.key == kavro::contract::kTrackKey &&
+                    property.name == schema::kMetadataTrack) {
                     metadata_ = property.value != 0;
                 }
             }
@@ -174,7 +178,7 @@ ClassShape shapeOf(const std::string& type)
 }
 
 const std::vector<std::pair<std::string, double>> kColours{
-    {"black", 20}, {"white", 20}, {"grey", 14}, {"silver", 8}, {"blue", 12},
+    {"black", 20}, {"white", 20}, {"grey", 14},  {"silver", 8}, {"blue", 12},
     {"red", 12},   {"green", 7},  {"yellow", 5}, {"brown", 2}};
 const std::vector<std::pair<std::string, double>> kVehicleTypes{
     {"Car", 70}, {"Truck", 12}, {"Bus", 6}, {"Motorcycle", 12}};
@@ -202,7 +206,8 @@ public:
                        objects_.end());
         while (nextArrival_ <= t) {
             objects_.push_back(spawn(nextArrival_));
-            nextArrival_ += std::max<int64_t>(1, int64_t(random_.exponential(arrivalMean_) * kUsecPerSec));
+            nextArrival_ +=
+                std::max<int64_t>(1, int64_t(random_.exponential(arrivalMean_) * kUsecPerSec));
         }
         objects_.erase(std::remove_if(objects_.begin(), objects_.end(),
                                       [t](const SceneObject& o) { return o.leaves <= t; }),
@@ -243,7 +248,8 @@ private:
         object.y = random_.between(height / 2, 1 - height / 2);
         object.baseLikelihood = random_.between(0.5, 0.97);
         object.born = born;
-        object.leaves = born + std::max<int64_t>(1, int64_t(random_.exponential(lifeMean_) * kUsecPerSec));
+        object.leaves =
+            born + std::max<int64_t>(1, int64_t(random_.exponential(lifeMean_) * kUsecPerSec));
         return object;
     }
 
@@ -339,10 +345,12 @@ SampleSummary SampleGenerator::generate(RecordingWriter& writer,
     SampleSummary summary;
     summary.tracks = timeline.tracks;
     for (const std::string& track : timeline.tracks) writer.addTrack(track);
-    for (const auto& [t, properties] : timeline.events) writer.addEvent(StoreTime::fromKey(t), properties);
+    for (const auto& [t, properties] : timeline.events)
+        writer.addEvent(StoreTime::fromKey(t), properties);
     summary.events = timeline.events.size();
 
-    const int64_t interval = std::max<int64_t>(1, int64_t(kUsecPerSec / options_.documentsPerSecond));
+    const int64_t interval =
+        std::max<int64_t>(1, int64_t(kUsecPerSec / options_.documentsPerSecond));
     Random jitter(options_.seed * 1000003);
     RecordingCursor cursor(timeline);
     Scene scene(options_, start);
@@ -365,7 +373,8 @@ SampleSummary SampleGenerator::generate(RecordingWriter& writer,
         summary.documentBytes += body.size();
         ++summary.documents;
         lastDocument = t;
-        if (progress && summary.documents % 4096 == 0) progress(double(t - start) / double(end - start));
+        if (progress && summary.documents % 4096 == 0)
+            progress(double(t - start) / double(end - start));
     }
     transaction->commit();
     if (progress) progress(1.0);

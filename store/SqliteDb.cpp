@@ -23,8 +23,8 @@ int openFlags(SqliteDb::Mode mode)
 SqliteDb::SqliteDb(const std::string& path, Mode mode) : path_(path)
 {
     // NOMUTEX: each connection has one owner thread, so SQLite's own locking is wasted time.
-    const int rc = sqlite3_open_v2(path.c_str(), &db_, openFlags(mode) | SQLITE_OPEN_NOMUTEX,
-                                   nullptr);
+    const int rc =
+        sqlite3_open_v2(path.c_str(), &db_, openFlags(mode) | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
         sqlite3_close(db_);
@@ -99,8 +99,7 @@ bool Statement::step()
 
 void Statement::run()
 {
-    while (step()) {
-    }
+    while (step()) {}
 }
 
 int64_t Statement::columnInt(int column) const { return sqlite3_column_int64(stmt_, column); }

@@ -65,7 +65,8 @@ std::string isoTime(StoreTime time)
 int generateCommand(const std::string& path, const SampleOptions& options, bool overwrite)
 {
     if (!overwrite && exists(path)) {
-        std::fprintf(stderr, "recording_store: %s already exists (--force to replace it)\n", path.c_str());
+        std::fprintf(stderr, "recording_store: %s already exists (--force to replace it)\n",
+                     path.c_str());
         return 1;
     }
     // Written beside the target and renamed into place: a failed run leaves no half recording.
@@ -82,13 +83,15 @@ int generateCommand(const std::string& path, const SampleOptions& options, bool 
             throw StoreError(path + ": cannot write: " + std::strerror(errno));
         }
         std::string tracks;
-        for (const std::string& track : summary.tracks) tracks += (tracks.empty() ? "" : " ") + track;
-        std::printf("%s: %llu history events, %llu metadata documents (%.1f MB of XML), tracks %s, "
-                    "from %s (%s) to %s (%s)\n",
-                    path.c_str(), static_cast<unsigned long long>(summary.events),
-                    static_cast<unsigned long long>(summary.documents), double(summary.documentBytes) / 1e6,
-                    tracks.c_str(), summary.first.toString().c_str(), isoTime(summary.first).c_str(),
-                    summary.last.toString().c_str(), isoTime(summary.last).c_str());
+        for (const std::string& track : summary.tracks)
+            tracks += (tracks.empty() ? "" : " ") + track;
+        std::printf(
+            "%s: %llu history events, %llu metadata documents (%.1f MB of XML), tracks %s, "
+            "from %s (%s) to %s (%s)\n",
+            path.c_str(), static_cast<unsigned long long>(summary.events),
+            static_cast<unsigned long long>(summary.documents), double(summary.documentBytes) / 1e6,
+            tracks.c_str(), summary.first.toString().c_str(), isoTime(summary.first).c_str(),
+            summary.last.toString().c_str(), isoTime(summary.last).c_str());
         return 0;
     } catch (const StoreError& e) {
         ::unlink(temporary.c_str());
@@ -108,23 +111,27 @@ int importCommand(const std::string& path, const ImportSources& sources)
             report = importer.run(sources);
         }
         if (!report.loaded()) {
-            for (const std::string& problem : report.problems) std::fprintf(stderr, "%s\n", problem.c_str());
+            for (const std::string& problem : report.problems)
+                std::fprintf(stderr, "%s\n", problem.c_str());
             if (report.problemCount > report.problems.size()) {
-                std::fprintf(stderr, "... and %llu more\n",
-                             static_cast<unsigned long long>(report.problemCount - report.problems.size()));
+                std::fprintf(
+                    stderr, "... and %llu more\n",
+                    static_cast<unsigned long long>(report.problemCount - report.problems.size()));
             }
-            std::fprintf(stderr, "recording_store: %llu bad input lines; nothing was loaded into %s\n",
+            std::fprintf(stderr,
+                         "recording_store: %llu bad input lines; nothing was loaded into %s\n",
                          static_cast<unsigned long long>(report.problemCount), path.c_str());
             if (!existed) ::unlink(path.c_str());
             return 1;
         }
-        std::printf("%s: loaded %llu history events (%llu properties) and %llu metadata documents; "
-                    "skipped %llu history events and %llu metadata documents already present\n",
-                    path.c_str(), static_cast<unsigned long long>(report.events),
-                    static_cast<unsigned long long>(report.properties),
-                    static_cast<unsigned long long>(report.documents),
-                    static_cast<unsigned long long>(report.skippedEvents),
-                    static_cast<unsigned long long>(report.skippedDocuments));
+        std::printf(
+            "%s: loaded %llu history events (%llu properties) and %llu metadata documents; "
+            "skipped %llu history events and %llu metadata documents already present\n",
+            path.c_str(), static_cast<unsigned long long>(report.events),
+            static_cast<unsigned long long>(report.properties),
+            static_cast<unsigned long long>(report.documents),
+            static_cast<unsigned long long>(report.skippedEvents),
+            static_cast<unsigned long long>(report.skippedDocuments));
         return 0;
     } catch (const StoreError& e) {
         if (!existed) ::unlink(path.c_str());

@@ -3,14 +3,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
-
-#include <systemd/sd-daemon.h>
 
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
@@ -101,8 +100,7 @@ int StoreDaemon::serve(void* logCookie, const kavro::tools::StopRequest& stop)
     kavro_core_logging_log(logCookie, 6, "Serving %s", path_.c_str());
 
     pollfd fds[2] = {{stop.fd(), POLLIN, 0}, {lostFd.get(), POLLIN, 0}};
-    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {
-    }
+    while (::poll(fds, 2, -1) < 0 && errno == EINTR) {}
     if (stop.requested()) {
         sd_notify(0, "STOPPING=1");
         kavro_core_logging_log(logCookie, 6, "Stopping on signal %d", stop.signal());

@@ -7,10 +7,7 @@
 
 namespace store {
 
-int64_t StoreTime::key() const
-{
-    return int64_t(sec) * 1000000 + std::min(usec, kMaxUsec);
-}
+int64_t StoreTime::key() const { return int64_t(sec) * 1000000 + std::min(usec, kMaxUsec); }
 
 StoreTime StoreTime::fromKey(int64_t key)
 {

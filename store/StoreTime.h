@@ -2,11 +2,11 @@
 // compared lexicographically. 0.0 stands for "no such time" in answers.
 #pragma once
 
-#include "kavro/contract.h"
-
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include "kavro/contract.h"
 
 namespace store {
 

@@ -31,7 +31,9 @@ void RecordingSearchTargetImpl::processEventLoop()
     // A request made just before the wait below is not missed: the watch takes the queue's
     // mutex before it notifies.
     kavro::tools::StopWatch watch(stopRequest, [this] {
-        { boost::lock_guard<boost::mutex> lock(eventQueueMutex); }
+        {
+            boost::lock_guard<boost::mutex> lock(eventQueueMutex);
+        }
         eventAvailable.notify_all();
     });
     std::deque<RecordingSearchEventData> batch;  // kept, so that its storage is reused
@@ -88,9 +90,7 @@ void RecordingSearchTargetImpl::stopProcessEvents() { stopRequest.request(); }
 void RecordingSearchTargetImpl::_dispatch(const RecordingSearchEventData& data) const
 {
     switch (data.eventType) {
-    case SearchCompleted:
-        sendEventSearchCompleted(data.jobId);
-        break;
+    case SearchCompleted: sendEventSearchCompleted(data.jobId); break;
     case MetadataSearchResult:
         sendEventMetadataSearchResult(data.jobId, data.sec, data.usec);
         break;
@@ -102,9 +102,7 @@ void RecordingSearchTargetImpl::_dispatch(const RecordingSearchEventData& data) 
         sendEventRecordingStateEventSearchResult(data.jobId, data.sec, data.usec, data.state,
                                                  data.startState);
         break;
-    default:
-        log(4, "RecordingSearchEventData object passed with unknown event type");
-        break;
+    default: log(4, "RecordingSearchEventData object passed with unknown event type"); break;
     }
 }
 
@@ -129,8 +127,9 @@ void RecordingSearchTargetImpl::_endUnbegunSearches()
         } else if (entry.created + limits.unbegunTime <= now) {
             log(5, "Search jobId=%d was not begun within %d s of its creation; ending it",
                 it->first,
-                static_cast<int>(boost::chrono::duration_cast<boost::chrono::seconds>(
-                                     limits.unbegunTime).count()));
+                static_cast<int>(
+                    boost::chrono::duration_cast<boost::chrono::seconds>(limits.unbegunTime)
+                        .count()));
             it = _endJob(it, &sec, &usec);
         } else {
             const Clock::time_point due = entry.created + limits.unbegunTime;

@@ -57,8 +57,8 @@ bool RecordingSearchTargetImpl::_canCreateJob() const
         }
     }
     if (running >= maxRunningJobs) {
-        log(5, "Cannot create new search job because %d jobs are already running (max %d)",
-            running, maxRunningJobs);
+        log(5, "Cannot create new search job because %d jobs are already running (max %d)", running,
+            maxRunningJobs);
         return false;
     }
     return true;
@@ -77,8 +77,10 @@ bool RecordingSearchTargetImpl::_makeRoom()
         }
     }
     if (oldest == JobMap.end()) {
-        log(5, "Cannot create new search job because the table holds %d searches and none has "
-               "completed", static_cast<int>(JobMap.size()));
+        log(5,
+            "Cannot create new search job because the table holds %d searches and none has "
+            "completed",
+            static_cast<int>(JobMap.size()));
         return false;
     }
     log(5, "The table holds %d searches (max %d); ending the oldest completed one, jobId=%d",
@@ -110,8 +112,8 @@ bool RecordingSearchTargetImpl::_reserveJobId(bool running, int* jobId, unsigned
 }
 
 void RecordingSearchTargetImpl::_registerJob(unsigned int id,
-                                             const boost::shared_ptr<SearchJob>& job,
-                                             bool running, const char* requestName)
+                                             const boost::shared_ptr<SearchJob>& job, bool running,
+                                             const char* requestName)
 {
     JobEntry entry{job, requestingClient(), 0, Clock::now(), false};
     {
@@ -149,8 +151,7 @@ bool RecordingSearchTargetImpl::_timesValid(const char* search, unsigned int sta
                                             unsigned int endUsec) const
 {
     if (startUsec <= kavro::contract::kMaxUsec && endUsec <= kavro::contract::kMaxUsec) return true;
-    log(4,
-        "Tried to start %s with invalid times (microseconds out of range) %u.%06u to %u.%06u",
+    log(4, "Tried to start %s with invalid times (microseconds out of range) %u.%06u to %u.%06u",
         search, startSec, startUsec, endSec, endUsec);
     return false;
 }
@@ -159,41 +160,48 @@ int RecordingSearchTargetImpl::createEventSearch(unsigned int startSec, unsigned
                                                  unsigned int endSec, unsigned int endUsec,
                                                  int maxResults, unsigned char requestFlag1,
                                                  unsigned char requestFlag2,
-                                                 unsigned char includeStartStateEvents,
-                                                 int* jobId)
+                                                 unsigned char includeStartStateEvents, int* jobId)
 {
     if (!_timesValid("an event search", startSec, startUsec, endSec, endUsec)) {
         return kavro::contract::kStatusUsecOutOfRange;
     }
-    return _createSearch("initiateEventSearch", true, [&](unsigned int id) {
-        return new EventSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
-                                  maxResults, requestFlag1 != 0, requestFlag2 != 0,
-                                  includeStartStateEvents != 0);
-    }, jobId);
+    return _createSearch(
+        "initiateEventSearch", true,
+        [&](unsigned int id) {
+            return new EventSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
+                                      maxResults, requestFlag1 != 0, requestFlag2 != 0,
+                                      includeStartStateEvents != 0);
+        },
+        jobId);
 }
 
-int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec,
-                                                    unsigned int startUsec, unsigned int endSec,
-                                                    unsigned int endUsec, int maxResults,
-                                                    const char* xpath, int* jobId)
+int RecordingSearchTargetImpl::createMetadataSearch(unsigned int startSec, unsigned int startUsec,
+                                                    unsigned int endSec, unsigned int endUsec,
+                                                    int maxResults, const char* xpath, int* jobId)
 {
     if (!_timesValid("a metadata search", startSec, startUsec, endSec, endUsec)) {
         return kavro::contract::kStatusUsecOutOfRange;
     }
-    return _createSearch("initiateMetadataSearch", true, [&](unsigned int id) {
-        return new MetadataSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
-                                     maxResults, std::string(xpath));
-    }, jobId);
+    return _createSearch(
+        "initiateMetadataSearch", true,
+        [&](unsigned int id) {
+            return new MetadataSearchJob(id, logCookie, this, startSec, startUsec, endSec, endUsec,
+                                         maxResults, std::string(xpath));
+        },
+        jobId);
 }
 
 // A no-op search completes inside its create: it takes a place in the table, never a slot.
 int RecordingSearchTargetImpl::createNoopSearch(int* jobId)
 {
-    return _createSearch("createNoopSearch", false, [this](unsigned int id) {
-        SearchJob* job = new NoOpSearchJob(id, logCookie, this);
-        job->setSearchState(Completed);
-        return job;
-    }, jobId);
+    return _createSearch(
+        "createNoopSearch", false,
+        [this](unsigned int id) {
+            SearchJob* job = new NoOpSearchJob(id, logCookie, this);
+            job->setSearchState(Completed);
+            return job;
+        },
+        jobId);
 }
 
 // An unknown id is answered like endSearch answers one: a priority-4 line and status 0, so a
@@ -274,8 +282,9 @@ RecordingSearchTargetImpl::JobTable::iterator RecordingSearchTargetImpl::_endJob
 void RecordingSearchTargetImpl::_endSearchesOf(const std::string& client)
 {
     boost::lock_guard<boost::mutex> lock(jobMapMutex);
-    const auto owned = std::count_if(JobMap.begin(), JobMap.end(),
-                                     [&](const auto& entry) { return entry.second.client == client; });
+    const auto owned = std::count_if(JobMap.begin(), JobMap.end(), [&](const auto& entry) {
+        return entry.second.client == client;
+    });
     if (owned == 0) return;
     log(6, "Client %s left the bus with %d searches; ending them", client.c_str(),
         static_cast<int>(owned));

@@ -62,8 +62,7 @@ public:
                              int* jobId) override;
     int createNoopSearch(int* jobId) override;
     int beginSearch(unsigned int jobId, unsigned int* jobIdOut) override;
-    int getSearchState(unsigned int jobId, unsigned int* jobIdOut,
-                       unsigned int* stateOut) override;
+    int getSearchState(unsigned int jobId, unsigned int* jobIdOut, unsigned int* stateOut) override;
     int endSearch(unsigned int jobId, unsigned int* jobIdOut, unsigned int* secOut,
                   unsigned int* usecOut) override;
 
@@ -81,7 +80,7 @@ public:
 private:
     struct JobEntry {
         boost::shared_ptr<SearchJob> job;
-        std::string client;  // the bus name that created it
+        std::string client;          // the bus name that created it
         std::uint64_t creation = 0;  // orders the entries by age
         Clock::time_point created;
         bool begun = false;

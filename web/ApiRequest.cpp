@@ -60,8 +60,7 @@ int32_t maxResults(const json& body)
 {
     const json* value = field(body, "maxResults");
     if (value == nullptr) return -1;
-    if (!value->is_number_integer() || *value < 0 ||
-        *value > std::numeric_limits<int32_t>::max()) {
+    if (!value->is_number_integer() || *value < 0 || *value > std::numeric_limits<int32_t>::max()) {
         bad("maxResults: " + value->dump() + " not in range 0 to 2147483647");
     }
     return value->get<int32_t>();
@@ -101,7 +100,8 @@ std::optional<rsclient::Region> region(const json& body)
 {
     const json* value = field(body, "region");
     if (value == nullptr) return std::nullopt;
-    if (!value->is_array() || value->size() != 4) bad("region: expected [left, top, right, bottom]");
+    if (!value->is_array() || value->size() != 4)
+        bad("region: expected [left, top, right, bottom]");
     std::string text;
     for (const auto& edge : *value) text += (text.empty() ? "" : ",") + numberText(edge, "region");
     check("region", rsclient::checkRegion(text));

@@ -14,7 +14,9 @@ namespace web {
 // A request the gateway answers with `status` and {"error": message}.
 class ApiError : public std::runtime_error {
 public:
-    ApiError(int status, const std::string& message) : std::runtime_error(message), status_(status) {}
+    ApiError(int status, const std::string& message) : std::runtime_error(message), status_(status)
+    {
+    }
     int status() const { return status_; }
 
 private:

@@ -117,7 +117,8 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     app.add_option("--max-streams", o.limits.streams, "searches streamed at once (default 8)")
         ->check(CLI::Range(1, 256))
         ->group(bounds);
-    app.add_option("--idle-timeout", idle, "seconds before an idle connection is closed (default 60)")
+    app.add_option("--idle-timeout", idle,
+                   "seconds before an idle connection is closed (default 60)")
         ->check(CLI::Range(1, 3600))
         ->group(bounds);
     app.add_option("--max-buffered", o.limits.bufferedBytes,

@@ -42,8 +42,8 @@ struct Route {
 };
 
 const Route kRoutes[] = {
-    {"/api/v1/status", "GET"},     {"/api/v1/events", "POST"},   {"/api/v1/metadata", "POST"},
-    {"/api/v1/summary", "POST"},   {"/api/v1/picture", "POST"},  {"/api/v1/xpath", "POST"},
+    {"/api/v1/status", "GET"},       {"/api/v1/events", "POST"},  {"/api/v1/metadata", "POST"},
+    {"/api/v1/summary", "POST"},     {"/api/v1/picture", "POST"}, {"/api/v1/xpath", "POST"},
     {"/api/v1/searches/", "DELETE"},
 };
 
@@ -51,7 +51,8 @@ bool matches(const Route& route, const std::string& path)
 {
     const std::string pattern = route.path;
     if (pattern.back() != '/') return path == pattern;
-    if (path.compare(0, pattern.size(), pattern) != 0 || path.size() == pattern.size()) return false;
+    if (path.compare(0, pattern.size(), pattern) != 0 || path.size() == pattern.size())
+        return false;
     const std::string id = path.substr(pattern.size());
     return id.size() <= 10 && id.find_first_not_of("0123456789") == std::string::npos;
 }
@@ -161,9 +162,8 @@ void freeStream(void* cls)
     delete holder;
 }
 
-MHD_Result handleRequest(void* cls, MHD_Connection* connection, const char* url,
-                         const char* method, const char*, const char* uploadData,
-                         size_t* uploadSize, void** state)
+MHD_Result handleRequest(void* cls, MHD_Connection* connection, const char* url, const char* method,
+                         const char*, const char* uploadData, size_t* uploadSize, void** state)
 {
     return static_cast<HttpGateway*>(cls)->handle(connection, url, method, uploadData, uploadSize,
                                                   state)
@@ -178,7 +178,8 @@ void requestCompleted(void*, MHD_Connection*, void** state, MHD_RequestTerminati
 }
 
 // The kernel's send buffer counts too: bounded, a slow reader is seen as one quickly.
-void connectionNotified(void*, MHD_Connection* connection, void**, MHD_ConnectionNotificationCode code)
+void connectionNotified(void*, MHD_Connection* connection, void**,
+                        MHD_ConnectionNotificationCode code)
 {
     if (code != MHD_CONNECTION_NOTIFY_STARTED) return;
     const int socket = socketOf(connection);
@@ -201,8 +202,8 @@ HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
                          int listenSocket)
     : options_(options), tokens_(tokens), logCookie_(logCookie)
 {
-    unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD |
-                     MHD_USE_ERROR_LOG;
+    unsigned flags =
+        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ERROR_LOG;
     std::vector<MHD_OptionItem> items = {
         {MHD_OPTION_CONNECTION_LIMIT, options.limits.connections, nullptr},
         {MHD_OPTION_PER_IP_CONNECTION_LIMIT, options.limits.connectionsPerClient, nullptr},
@@ -229,8 +230,8 @@ HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
         items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, tlsKey_.data()});
     }
     items.push_back({MHD_OPTION_END, 0, nullptr});
-    daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &handleRequest, this,
-                               MHD_OPTION_ARRAY, items.data(), MHD_OPTION_END);
+    daemon_ = MHD_start_daemon(flags, 0, nullptr, nullptr, &handleRequest, this, MHD_OPTION_ARRAY,
+                               items.data(), MHD_OPTION_END);
     if (daemon_ == nullptr) {
         throw std::runtime_error(listenSocket >= 0 ? "cannot serve on the socket from systemd"
                                                    : "cannot listen on " + options.listen);
@@ -317,8 +318,8 @@ Reply HttpGateway::api(MHD_Connection* connection, const std::string& path,
     }
     if (found == nullptr) return errorReply(MHD_HTTP_NOT_FOUND, "no such API path: " + path);
     if (method != found->method) {
-        Reply reply = errorReply(MHD_HTTP_METHOD_NOT_ALLOWED,
-                                 path + " answers " + found->method + " only");
+        Reply reply =
+            errorReply(MHD_HTTP_METHOD_NOT_ALLOWED, path + " answers " + found->method + " only");
         reply.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, found->method);
         return reply;
     }
@@ -335,9 +336,9 @@ Reply HttpGateway::api(MHD_Connection* connection, const std::string& path,
     if (method == "GET") return status();
     if (method == "DELETE") return endSearch(path.substr(path.rfind('/') + 1));
     if (state.tooLarge) {
-        return errorReply(MHD_HTTP_CONTENT_TOO_LARGE,
-                          "the body is larger than " +
-                              std::to_string(options_.limits.bodyBytes / 1024) + " KiB");
+        return errorReply(
+            MHD_HTTP_CONTENT_TOO_LARGE,
+            "the body is larger than " + std::to_string(options_.limits.bodyBytes / 1024) + " KiB");
     }
     const std::string type = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
     if (type.compare(0, 16, "application/json") != 0) {
@@ -431,8 +432,8 @@ Reply HttpGateway::status()
     return jsonReply(MHD_HTTP_OK, json{{"service", "running"}});
 }
 
-int HttpGateway::send(MHD_Connection* connection, const std::string& method,
-                      const std::string& url, Reply reply)
+int HttpGateway::send(MHD_Connection* connection, const std::string& method, const std::string& url,
+                      Reply reply)
 {
     MHD_Response* response = nullptr;
     if (reply.stream) {
@@ -457,7 +458,7 @@ int HttpGateway::send(MHD_Connection* connection, const std::string& method,
     }
     const MHD_Result queued = MHD_queue_response(connection, unsigned(reply.status), response);
     MHD_destroy_response(response);
-    const int priority = reply.status >= 500 ? LOG_WARNING
+    const int priority = reply.status >= 500   ? LOG_WARNING
                          : reply.status >= 400 ? LOG_NOTICE
                                                : LOG_DEBUG;
     log(priority, method + " " + url + " " + std::to_string(reply.status) + " from " +

@@ -10,9 +10,13 @@ const char* contentTypeOf(const char* path)
         const char* extension;
         const char* type;
     } kTypes[] = {
-        {".html", "text/html; charset=utf-8"}, {".css", "text/css; charset=utf-8"},
-        {".js", "text/javascript; charset=utf-8"}, {".svg", "image/svg+xml"},
-        {".png", "image/png"}, {".ico", "image/x-icon"}, {".json", "application/json"},
+        {".html", "text/html; charset=utf-8"},
+        {".css", "text/css; charset=utf-8"},
+        {".js", "text/javascript; charset=utf-8"},
+        {".svg", "image/svg+xml"},
+        {".png", "image/png"},
+        {".ico", "image/x-icon"},
+        {".json", "application/json"},
     };
     const char* dot = std::strrchr(path, '.');
     for (const auto& t : kTypes) {

@@ -23,7 +23,8 @@ char** toStringArray(const std::vector<std::string>& strings)
 
 unsigned int** toUintArray(const std::vector<uint32_t>& numbers)
 {
-    auto** array = static_cast<unsigned int**>(std::calloc(numbers.size() + 1, sizeof(unsigned int*)));
+    auto** array =
+        static_cast<unsigned int**>(std::calloc(numbers.size() + 1, sizeof(unsigned int*)));
     if (array == nullptr) throw std::bad_alloc();
     for (size_t i = 0; i < numbers.size(); ++i) {
         array[i] = static_cast<unsigned int*>(std::malloc(sizeof(unsigned int)));

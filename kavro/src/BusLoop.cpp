@@ -103,8 +103,7 @@ void BusLoop::drainOutput(std::unique_lock<std::mutex>& lock)
 
 void BusLoop::processUntilIdle()
 {
-    while (connection_->processPendingRequest()) {
-    }
+    while (connection_->processPendingRequest()) {}
 }
 
 bool BusLoop::runPosted()

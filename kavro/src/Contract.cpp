@@ -86,7 +86,8 @@ ErrorOrigin errorOrigin(const sdbus::Error& error)
 
 kavro_core_status statusFromError(const sdbus::Error& error)
 {
-    if (errorOrigin(error) == ErrorOrigin::ServiceStatus) return parseStatusMessage(error.getMessage());
+    if (errorOrigin(error) == ErrorOrigin::ServiceStatus)
+        return parseStatusMessage(error.getMessage());
     const kavro_core_status status = statusOfName(error.getName());
     return refusesName(status) ? KAVRO_STATUS_TRANSPORT_ERROR : status;
 }

@@ -1,8 +1,8 @@
+#include "kavro/core.h"
+
 #include <atomic>
 #include <mutex>
 #include <string>
-
-#include "kavro/core.h"
 
 namespace {
 
@@ -24,8 +24,7 @@ kavro_core_status kavro_core_deinit(void)
 {
     // A deinit without a matching init is accepted: shut-down paths call it unconditionally.
     int users = coreUsers.load();
-    while (users > 0 && !coreUsers.compare_exchange_weak(users, users - 1)) {
-    }
+    while (users > 0 && !coreUsers.compare_exchange_weak(users, users - 1)) {}
     return KAVRO_STATUS_OK;
 }
 

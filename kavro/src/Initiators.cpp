@@ -126,7 +126,8 @@ extern "C" {
 
 // recording_control
 
-kavro_core_status kavro_api_recording_control_initiator_init(void*, void*, void** handle, void*, void*)
+kavro_core_status kavro_api_recording_control_initiator_init(void*, void*, void** handle, void*,
+                                                             void*)
 {
     return openInitiator<ControlInitiator>(handle);
 }
@@ -187,7 +188,8 @@ kavro_core_status kavro_api_recording_information_get_track_summary_send(
     void* handle, const char* service, const char* track, unsigned int* startSec,
     unsigned int* startUsec, unsigned int* endSec, unsigned int* endUsec)
 {
-    if (!track || !startSec || !startUsec || !endSec || !endUsec) return KAVRO_STATUS_INVALID_ARGUMENT;
+    if (!track || !startSec || !startUsec || !endSec || !endUsec)
+        return KAVRO_STATUS_INVALID_ARGUMENT;
     return callOn<InformationInitiator>(handle, service, [&](auto& proxy) {
         std::tie(*startSec, *startUsec, *endSec, *endUsec) = proxy.GetTrackSummary(track);
         return KAVRO_STATUS_OK;

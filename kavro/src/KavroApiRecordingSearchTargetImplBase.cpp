@@ -27,7 +27,8 @@ kavro_core_status KavroApiRecordingSearchTargetImplBase::withSink(Emit emit) con
     return emit(*sink_);
 }
 
-kavro_core_status KavroApiRecordingSearchTargetImplBase::sendEventSearchCompleted(unsigned int jobId) const
+kavro_core_status KavroApiRecordingSearchTargetImplBase::sendEventSearchCompleted(
+    unsigned int jobId) const
 {
     return withSink([&](auto& sink) { return sink.searchCompleted(jobId); });
 }
@@ -61,7 +62,10 @@ namespace {
 thread_local std::string currentClient;
 }
 
-const std::string& KavroApiRecordingSearchTargetImplBase::requestingClient() { return currentClient; }
+const std::string& KavroApiRecordingSearchTargetImplBase::requestingClient()
+{
+    return currentClient;
+}
 
 void KavroApiRecordingSearchTargetImplBase::onClientLeft(
     std::function<void(const std::string& client)> handler)

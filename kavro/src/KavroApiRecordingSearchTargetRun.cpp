@@ -28,8 +28,12 @@ public:
     SearchAdaptor(sdbus::IConnection& connection, const std::string& path, Target& target,
                   void* logCookie, kavro::detail::RequestPool& pool, kavro::bus::BusLoop& loop,
                   kavro::detail::ClientWatch& clients)
-        : AdaptorInterfaces(connection, path), target_(target), logCookie_(logCookie), pool_(pool),
-          loop_(loop), clients_(clients)
+        : AdaptorInterfaces(connection, path),
+          target_(target),
+          logCookie_(logCookie),
+          pool_(pool),
+          loop_(loop),
+          clients_(clients)
     {
         registerAdaptor();
     }
@@ -41,14 +45,14 @@ private:
                            uint8_t flag2, uint8_t includeStartState) override
     {
         serveCreate("createEventSearch", std::move(result), [=](Target& t, int32_t& jobId) {
-            return t.createEventSearch(startSec, startUsec, endSec, endUsec, maxResults, flag1, flag2,
-                                       includeStartState, &jobId);
+            return t.createEventSearch(startSec, startUsec, endSec, endUsec, maxResults, flag1,
+                                       flag2, includeStartState, &jobId);
         });
     }
 
-    void CreateMetadataSearch(sdbus::Result<int32_t>&& result, uint32_t startSec, uint32_t startUsec,
-                              uint32_t endSec, uint32_t endUsec, int32_t maxResults,
-                              std::string xpath) override
+    void CreateMetadataSearch(sdbus::Result<int32_t>&& result, uint32_t startSec,
+                              uint32_t startUsec, uint32_t endSec, uint32_t endUsec,
+                              int32_t maxResults, std::string xpath) override
     {
         serveCreate("createMetadataSearch", std::move(result), [=](Target& t, int32_t& jobId) {
             return t.createMetadataSearch(startSec, startUsec, endSec, endUsec, maxResults,
@@ -59,7 +63,7 @@ private:
     void CreateNoopSearch(sdbus::Result<int32_t>&& result) override
     {
         serveCreate("createNoopSearch", std::move(result),
-              [](Target& t, int32_t& jobId) { return t.createNoopSearch(&jobId); });
+                    [](Target& t, int32_t& jobId) { return t.createNoopSearch(&jobId); });
     }
 
     void BeginSearch(sdbus::Result<uint32_t>&& result, uint32_t jobId) override
@@ -70,9 +74,10 @@ private:
 
     void GetSearchState(sdbus::Result<uint32_t, uint32_t>&& result, uint32_t jobId) override
     {
-        serve("getSearchState", std::move(result), [=](Target& t, uint32_t& jobIdOut, uint32_t& state) {
-            return t.getSearchState(jobId, &jobIdOut, &state);
-        });
+        serve("getSearchState", std::move(result),
+              [=](Target& t, uint32_t& jobIdOut, uint32_t& state) {
+                  return t.getSearchState(jobId, &jobIdOut, &state);
+              });
     }
 
     void EndSearch(sdbus::Result<uint32_t, uint32_t, uint32_t>&& result, uint32_t jobId) override
@@ -94,7 +99,8 @@ private:
             kavro::detail::RequestScope scope(client);
             return request(t, jobId);
         };
-        serve(name, std::move(result), asClient, [this, client] { clients_.createFinished(client); });
+        serve(name, std::move(result), asClient,
+              [this, client] { clients_.createFinished(client); });
     }
 
     // On the loop thread; `answered` runs there too, right after the reply is sent.
@@ -115,7 +121,8 @@ private:
                 failure = "unknown exception";
             }
             if (failure) {
-                kavro_core_logging_log(logCookie_, 3, "Request %s failed: %s", name, failure->c_str());
+                kavro_core_logging_log(logCookie_, 3, "Request %s failed: %s", name,
+                                       failure->c_str());
             }
             loop_.post([reply, status, outs, failure, answered]() {
                 sendReply(*reply, status, outs, failure);
@@ -136,7 +143,8 @@ private:
     }
 
     template <typename... Outs>
-    static void sendReply(sdbus::Result<Outs...>& reply, int status, const std::tuple<Outs...>& outs,
+    static void sendReply(sdbus::Result<Outs...>& reply, int status,
+                          const std::tuple<Outs...>& outs,
                           const std::optional<std::string>& failure)
     {
         // A client that has gone away cannot be answered; that is no fault of ours.
@@ -162,19 +170,23 @@ private:
 // Events leave in the order they were handed over.
 class SignalSink : public kavro::detail::TargetEventSink {
 public:
-    SignalSink(SearchAdaptor& adaptor, kavro::bus::BusLoop& loop) : adaptor_(adaptor), loop_(loop) {}
+    SignalSink(SearchAdaptor& adaptor, kavro::bus::BusLoop& loop) : adaptor_(adaptor), loop_(loop)
+    {
+    }
 
     kavro_core_status searchCompleted(unsigned int jobId) override
     {
         return emit([=](SearchAdaptor& a) { a.emitSearchCompleted(jobId); });
     }
-    kavro_core_status metadataSearchResult(unsigned int jobId, unsigned int sec, unsigned int usec) override
+    kavro_core_status metadataSearchResult(unsigned int jobId, unsigned int sec,
+                                           unsigned int usec) override
     {
         return emit([=](SearchAdaptor& a) { a.emitMetadataSearchResult(jobId, sec, usec); });
     }
     kavro_core_status trackStateEventSearchResult(unsigned int jobId, unsigned int sec,
                                                   unsigned int usec, std::string trackName,
-                                                  unsigned char state, unsigned char startState) override
+                                                  unsigned char state,
+                                                  unsigned char startState) override
     {
         return emit([=, name = std::move(trackName)](SearchAdaptor& a) {
             a.emitTrackStateEventSearchResult(jobId, sec, usec, name, state, startState);
@@ -215,18 +227,21 @@ private:
 class KavroApiRecordingSearchTargetRun::Impl {
 public:
     Impl(const std::string& serviceName, void* logCookie, boost::shared_ptr<Target> target)
-        : logCookie_(logCookie), target_(std::move(target)),
+        : logCookie_(logCookie),
+          target_(std::move(target)),
           pool_(kRequestThreads, kMaxQueuedRequests)
     {
         if (!target_ || !target_->isRunnable()) {
-            throw kavro::core::KavroApiException("Failed kavro api call: run a target that is not runnable",
-                                                 KAVRO_STATUS_INVALID_ARGUMENT);
+            throw kavro::core::KavroApiException(
+                "Failed kavro api call: run a target that is not runnable",
+                KAVRO_STATUS_INVALID_ARGUMENT);
         }
         loop_ = std::make_unique<kavro::bus::BusLoop>(connect());
         clients_ = std::make_unique<kavro::detail::ClientWatch>(
             loop_->connection(), [this](const std::string& client) { onClientLeft(client); });
-        adaptor_ = std::make_unique<SearchAdaptor>(loop_->connection(), kavro::bus::objectPath(serviceName),
-                                                   *target_, logCookie_, pool_, *loop_, *clients_);
+        adaptor_ = std::make_unique<SearchAdaptor>(loop_->connection(),
+                                                   kavro::bus::objectPath(serviceName), *target_,
+                                                   logCookie_, pool_, *loop_, *clients_);
         sink_ = std::make_unique<SignalSink>(*adaptor_, *loop_);
         // The name last: clients see the service only once it can answer.
         requestName(kavro::bus::busName(serviceName));

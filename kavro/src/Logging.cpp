@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -6,13 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <new>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <string>
 #include <vector>
-
-#include <systemd/sd-journal.h>
 
 #include "kavro/core.h"
 
@@ -50,9 +49,12 @@ std::string oneLine(int priority, const std::string& identity, const char* messa
 {
     std::string line = std::to_string(priority) + " " + identity + ": ";
     for (const char* c = message; *c != '\0'; ++c) {
-        if (*c == '\n') line += "\\n";
-        else if (*c == '\r') line += "\\r";
-        else line += *c;
+        if (*c == '\n')
+            line += "\\n";
+        else if (*c == '\r')
+            line += "\\r";
+        else
+            line += *c;
     }
     line += '\n';
     return line;
@@ -133,7 +135,8 @@ kavro_core_status kavro_core_logging_init(const char* identity, void** logCookie
     if (path != nullptr && *path != '\0') {
         logger->toFile = true;
         logger->fd = openLogFile(path);
-        if (logger->fd < 0) return KAVRO_STATUS_IO_ERROR;  // the unused handle stays in the registry
+        if (logger->fd < 0)
+            return KAVRO_STATUS_IO_ERROR;  // the unused handle stays in the registry
     }
     *logCookie = logger;
     return KAVRO_STATUS_OK;

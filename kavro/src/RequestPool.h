@@ -21,7 +21,7 @@ public:
 
     // False when the queue is full (only if bounded) or shut down.
     bool submit(std::function<void()> request, bool bounded = true);
-    void shutdown();                             // runs what is queued, then joins
+    void shutdown();  // runs what is queued, then joins
 
 private:
     void work();

@@ -19,7 +19,8 @@ public:
                                                           unsigned char state,
                                                           unsigned char startState) = 0;
     virtual kavro_core_status recordingStateEventSearchResult(unsigned int jobId, unsigned int sec,
-                                                              unsigned int usec, unsigned char state,
+                                                              unsigned int usec,
+                                                              unsigned char state,
                                                               unsigned char startState) = 0;
 };
 

@@ -148,18 +148,24 @@ kavro_core_status kavro_api_recording_control_initiator_init(void*, void*, void*
     return fake::init(handle);
 }
 kavro_core_status kavro_api_recording_control_initiator_deinit(void*) { return KAVRO_STATUS_OK; }
-kavro_core_status kavro_api_recording_information_initiator_init(void*, void*, void** handle,
-                                                                 void*, void*)
+kavro_core_status kavro_api_recording_information_initiator_init(void*, void*, void** handle, void*,
+                                                                 void*)
 {
     return fake::init(handle);
 }
-kavro_core_status kavro_api_recording_information_initiator_deinit(void*) { return KAVRO_STATUS_OK; }
-kavro_core_status kavro_api_recording_data_access_initiator_init(void*, void*, void** handle,
-                                                                 void*, void*)
+kavro_core_status kavro_api_recording_information_initiator_deinit(void*)
+{
+    return KAVRO_STATUS_OK;
+}
+kavro_core_status kavro_api_recording_data_access_initiator_init(void*, void*, void** handle, void*,
+                                                                 void*)
 {
     return fake::init(handle);
 }
-kavro_core_status kavro_api_recording_data_access_initiator_deinit(void*) { return KAVRO_STATUS_OK; }
+kavro_core_status kavro_api_recording_data_access_initiator_deinit(void*)
+{
+    return KAVRO_STATUS_OK;
+}
 
 kavro_core_status kavro_api_recording_control_get_tracks_send(void*, const char*, char*** tracks)
 {
@@ -178,7 +184,8 @@ kavro_core_status kavro_api_recording_information_get_recording_summary_send(
     return call([&](RecordingServices& s) {
         SearchTime start, end;
         const kavro_core_status status = s.summary(start, end);
-        if (status == 0) *startSec = start.sec, *startUsec = start.usec, *endSec = end.sec, *endUsec = end.usec;
+        if (status == 0)
+            *startSec = start.sec, *startUsec = start.usec, *endSec = end.sec, *endUsec = end.usec;
         return status;
     });
 }
@@ -201,7 +208,8 @@ kavro_core_status kavro_api_recording_information_get_track_summary_send(
     return call([&](RecordingServices& s) {
         SearchTime start, end;
         const kavro_core_status status = s.trackSummary(track, start, end);
-        if (status == 0) *startSec = start.sec, *startUsec = start.usec, *endSec = end.sec, *endUsec = end.usec;
+        if (status == 0)
+            *startSec = start.sec, *startUsec = start.usec, *endSec = end.sec, *endUsec = end.usec;
         return status;
     });
 }

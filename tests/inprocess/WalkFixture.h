@@ -14,10 +14,10 @@
 #include <gtest/gtest.h>
 
 #include "fake/RecordingServicesFake.h"
-#include "store/Recording.h"
-#include "store/RecordingStoreServices.h"
 #include "jobs/TimelineSearchJob.h"
 #include "kavro/KavroApiRecordingSearchTargetRun.h"
+#include "store/Recording.h"
+#include "store/RecordingStoreServices.h"
 #include "store/RecordingWriter.h"
 #include "support/TempDir.h"
 #include "target/RecordingSearchTargetImpl.h"
@@ -169,15 +169,15 @@ protected:
     int createEvent(SearchTime from, SearchTime to, int maxResults = -1, bool startState = false)
     {
         int id = -1;
-        EXPECT_EQ(0, target->createEventSearch(from.sec, from.usec, to.sec, to.usec, maxResults,
-                                               0, 0, startState, &id));
+        EXPECT_EQ(0, target->createEventSearch(from.sec, from.usec, to.sec, to.usec, maxResults, 0,
+                                               0, startState, &id));
         return id;
     }
     int createMetadata(SearchTime from, SearchTime to, const char* xpath, int maxResults = -1)
     {
         int id = -1;
-        EXPECT_EQ(0, target->createMetadataSearch(from.sec, from.usec, to.sec, to.usec,
-                                                  maxResults, xpath, &id));
+        EXPECT_EQ(0, target->createMetadataSearch(from.sec, from.usec, to.sec, to.usec, maxResults,
+                                                  xpath, &id));
         return id;
     }
 

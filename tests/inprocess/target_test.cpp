@@ -160,10 +160,11 @@ TEST_F(Target, EndAllSearchJobsEndsEverySearchRunningOrNot)
 TEST_F(Target, QueuedRecordsAreSentAsTheirEventsInOrder)
 {
     RecordingSearchEventData r;
-    r.jobId = 4000000001u, r.sec = 3, r.usec = 999999, r.trackName = "V1", r.state = 1, r.startState = 1;
-    for (auto type : {TrackStateEventSearchResult, RecordingStateEventSearchResult,
-                      MetadataSearchResult, static_cast<RecordingSearchEventType>(7),
-                      SearchCompleted}) {
+    r.jobId = 4000000001u, r.sec = 3, r.usec = 999999, r.trackName = "V1", r.state = 1,
+    r.startState = 1;
+    for (auto type :
+         {TrackStateEventSearchResult, RecordingStateEventSearchResult, MetadataSearchResult,
+          static_cast<RecordingSearchEventType>(7), SearchCompleted}) {
         r.eventType = type;
         target->queueEventData(r);
     }

@@ -168,7 +168,8 @@ TEST_F(EventWalk, NeighbourEqualToTheEventIsDroppedAndTheWalkEndsAfterIt)
     services.history = [](SearchTime, fake::HistoryAnswer& a) {
         if (a.times.cur == t(110, 500000)) a.times.next = a.times.cur;
     };
-    EXPECT_THAT(walk(createEvent(t(105), t(125))), ElementsAre(track(t(110, 500000), "AUDIO001", 1)));
+    EXPECT_THAT(walk(createEvent(t(105), t(125))),
+                ElementsAre(track(t(110, 500000), "AUDIO001", 1)));
     services.history = [](SearchTime, fake::HistoryAnswer& a) {
         if (a.times.cur == t(120)) a.times.prev = a.times.cur;
     };
@@ -177,16 +178,17 @@ TEST_F(EventWalk, NeighbourEqualToTheEventIsDroppedAndTheWalkEndsAfterIt)
     services.history = [](SearchTime, fake::HistoryAnswer& a) {
         if (a.times.cur == t(110, 500000)) a.times.next = t(1, 4294967295u);
     };
-    EXPECT_THAT(walk(createEvent(t(105), t(125))), ElementsAre(track(t(110, 500000), "AUDIO001", 1)));
+    EXPECT_THAT(walk(createEvent(t(105), t(125))),
+                ElementsAre(track(t(110, 500000), "AUDIO001", 1)));
 }
 
 TEST_F(EventWalk, MalformedPropertiesAreCutWhereTheShortestArrayEnds)
 {
     services.history = [](SearchTime, fake::HistoryAnswer& a) {
         if (a.times.cur != t(100)) return;
-        a.names->pop_back();          // names for one of two properties
-        a.keys->push_back(1);         // a key without a value
-        a.keys->at(0) = 7;            // unknown: counted, not reported
+        a.names->pop_back();   // names for one of two properties
+        a.keys->push_back(1);  // a key without a value
+        a.keys->at(0) = 7;     // unknown: counted, not reported
     };
     EXPECT_THAT(walk(createEvent(t(100), t(111))),
                 ElementsAre(track(t(110, 500000), "AUDIO001", 1)));

@@ -44,8 +44,9 @@ std::string accountsProblem()
 {
     if (geteuid() != 0) return "not running as root: cannot run processes as the service users";
     const std::string src = RS_SOURCE_DIR;
-    const auto r = rstest::runToEnd("systemd-sysusers", {src + "/service/recording_search.sysusers.conf",
-                                                         src + "/store/recording_store.sysusers.conf"});
+    const auto r =
+        rstest::runToEnd("systemd-sysusers", {src + "/service/recording_search.sysusers.conf",
+                                              src + "/store/recording_store.sysusers.conf"});
     if (!r.status.exited || r.status.code != 0) return "systemd-sysusers: " + r.err;
     return getpwnam(kOutsider.c_str()) == nullptr ? "no user " + kOutsider : "";
 }
@@ -68,7 +69,8 @@ std::string systemBusPolicy(const std::string& includeDir)
            " send_member='UpdateActivationEnvironment'/>"
            "<deny send_destination='org.freedesktop.DBus'"
            " send_interface='org.freedesktop.DBus.Debug.Stats'/></policy>"
-           "<includedir>" + includeDir + "</includedir>";
+           "<includedir>" +
+           includeDir + "</includedir>";
 }
 
 // A directory every user can read, with a copy of our policy files in system.d/.
@@ -93,7 +95,9 @@ bool waitForOwner(const std::string& address, const std::string& name)
     for (const auto deadline = std::chrono::steady_clock::now() + 20s;
          std::chrono::steady_clock::now() < deadline;) {
         bool owned = false;
-        bus->callMethod("NameHasOwner").onInterface("org.freedesktop.DBus").withArguments(name)
+        bus->callMethod("NameHasOwner")
+            .onInterface("org.freedesktop.DBus")
+            .withArguments(name)
             .storeResultsTo(owned);
         if (owned) return true;
         std::this_thread::sleep_for(20ms);  // polling a condition, bounded by the deadline
@@ -137,8 +141,7 @@ BusAnswer dbusSend(const std::string& address, const std::string& user, const st
     return answer;
 }
 
-BusAnswer requestName(const std::string& address, const std::string& user,
-                      const std::string& name)
+BusAnswer requestName(const std::string& address, const std::string& user, const std::string& name)
 {
     return dbusSend(address, user, "",
                     {"--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -147,8 +150,8 @@ BusAnswer requestName(const std::string& address, const std::string& user,
 
 bool deniedAccess(const BusAnswer& answer)
 {
-    return !answer.ok && answer.text.find("org.freedesktop.DBus.Error.AccessDenied") !=
-                             std::string::npos;
+    return !answer.ok &&
+           answer.text.find("org.freedesktop.DBus.Error.AccessDenied") != std::string::npos;
 }
 
 class AccessPolicy : public testing::Test {
@@ -186,7 +189,8 @@ TEST_F(AccessPolicy, OnlyTheServicesOwnUserOwnsItsName)
             EXPECT_NE(answer.text.find("uint32 1"), std::string::npos)
                 << c.user << " is primary owner of " << c.name << ": " << answer.text;
         } else {
-            EXPECT_TRUE(deniedAccess(answer)) << c.user << " owns " << c.name << ": " << answer.text;
+            EXPECT_TRUE(deniedAccess(answer))
+                << c.user << " owns " << c.name << ": " << answer.text;
         }
     }
 }
@@ -206,27 +210,34 @@ TEST_F(AccessPolicy, OnlyAllowedUsersCallEachServiceAndSearchesWorkUnderThePolic
     chmod(recording.c_str(), 0644);
     const std::map<std::string, std::string> env{{"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()},
                                                  {"KAVRO_LOG_FILE", log}};
-    rstest::ProcessRunner store("/usr/bin/setpriv",
-                                asUser(kStoreUser, "", {reliability::bin("recording_store"), "serve", recording}), env);
+    rstest::ProcessRunner store(
+        "/usr/bin/setpriv",
+        asUser(kStoreUser, "", {reliability::bin("recording_store"), "serve", recording}), env);
     store.start();
     ASSERT_TRUE(waitForOwner(bus_->address(), "kavro.recording_data_access")) << store.stderrText();
-    rstest::ProcessRunner service("/usr/bin/setpriv", asUser(kSearchUser, "", {reliability::bin("recording_search")}), env);
+    rstest::ProcessRunner service(
+        "/usr/bin/setpriv", asUser(kSearchUser, "", {reliability::bin("recording_search")}), env);
     service.start();
     ASSERT_TRUE(waitForOwner(bus_->address(), "kavro.recording_search")) << service.stderrText();
 
-    const std::vector<std::string> search{"--dest=kavro.recording_search", "/kavro/recording_search",
+    const std::vector<std::string> search{"--dest=kavro.recording_search",
+                                          "/kavro/recording_search",
                                           "kavro.recording_search.CreateNoopSearch"};
-    const std::vector<std::string> tracks{"--dest=kavro.recording_control", "/kavro/recording_control",
+    const std::vector<std::string> tracks{"--dest=kavro.recording_control",
+                                          "/kavro/recording_control",
                                           "kavro.recording_control.GetTracks"};
-    const std::vector<std::string> data{"--dest=kavro.recording_data_access", "/kavro/recording_data_access",
-                                        "kavro.recording_data_access.GetFirstRecordingHistoryEventTime"};
+    const std::vector<std::string> data{
+        "--dest=kavro.recording_data_access", "/kavro/recording_data_access",
+        "kavro.recording_data_access.GetFirstRecordingHistoryEventTime"};
     const struct {
         std::string user, groups;
         const std::vector<std::string>& call;
         bool allowed;
-    } cases[] = {{"root", "", search, true},          {kOutsider, kClientsGroup, search, true},
+    } cases[] = {{"root", "", search, true},
+                 {kOutsider, kClientsGroup, search, true},
                  {kStoreUser, "", search, false},
-                 {kSearchUser, "", tracks, true},     {"root", "", tracks, true},
+                 {kSearchUser, "", tracks, true},
+                 {"root", "", tracks, true},
                  {kOutsider, "", tracks, false},
                  // the search service's clients do not reach the recording services directly
                  {kOutsider, kClientsGroup, data, false}};
@@ -248,9 +259,9 @@ TEST_F(AccessPolicy, OnlyAllowedUsersCallEachServiceAndSearchesWorkUnderThePolic
         << refused.err;
 
     rstest::SearchClient client(bus_->address());
-    const auto run = reliability::runSearch(client, [&] {
-        return client.createEventSearch(1704067200, 0, 1704067800, 0, -1, 0, 0, 1);
-    }, 30s);
+    const auto run = reliability::runSearch(
+        client, [&] { return client.createEventSearch(1704067200, 0, 1704067800, 0, -1, 0, 0, 1); },
+        30s);
     ASSERT_TRUE(run.completed);
     EXPECT_GT(run.results.size(), 2u) << "the service, as its own user, reached the store";
 
@@ -265,8 +276,9 @@ TEST_F(AccessPolicy, OnlyAllowedUsersCallEachServiceAndSearchesWorkUnderThePolic
 // (an operator would look for one that does not exist).
 TEST_F(AccessPolicy, ServiceStartedAsAnotherUserFailsOnItsFatalPath)
 {
-    rstest::ProcessRunner service("/usr/bin/setpriv", asUser(kOutsider, "", {reliability::bin("recording_search")}),
-                                  {{"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()}, {"KAVRO_LOG_FILE", "/dev/null"}});
+    rstest::ProcessRunner service(
+        "/usr/bin/setpriv", asUser(kOutsider, "", {reliability::bin("recording_search")}),
+        {{"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()}, {"KAVRO_LOG_FILE", "/dev/null"}});
     service.start();
     const auto status = service.waitForExit(15s);
     ASSERT_TRUE(status.has_value());

@@ -17,8 +17,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using reliability::LongRecording;
 using reliability::completionCount;
+using reliability::LongRecording;
 
 int32_t createLongEventSearch(rstest::SearchClient& client)
 {
@@ -81,10 +81,10 @@ TEST(ClientDeparture, RecsearchKilledMidSearchFreesItsSlot)
 {
     rstest::ServiceStack stack(reliability::longRecordingStack());
     rstest::SearchClient observer(stack.address());
-    rstest::ProcessRunner recsearch(reliability::bin("recsearch"),
-                                    {"events", std::to_string(LongRecording::kStart),
-                                     std::to_string(LongRecording::kEnd)},
-                                    stack.clientEnv());
+    rstest::ProcessRunner recsearch(
+        reliability::bin("recsearch"),
+        {"events", std::to_string(LongRecording::kStart), std::to_string(LongRecording::kEnd)},
+        stack.clientEnv());
     recsearch.start();
     ASSERT_TRUE(observer.waitForSignalCount(5, 10s));
     const uint32_t killed = observer.signals().front().jobId;

@@ -19,8 +19,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using reliability::LongRecording;
-using reliability::SearchRun;
 using reliability::referenceSearch;
+using reliability::SearchRun;
 using Stack = rstest::ServiceStack;
 using Clock = std::chrono::steady_clock;
 
@@ -29,7 +29,8 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kCallTimeout = 1500ms;
 Stack::Options faultStack()
 {
-    return reliability::longRecordingStack({{"KAVRO_CALL_TIMEOUT_MS", std::to_string(kCallTimeout.count())}});
+    return reliability::longRecordingStack(
+        {{"KAVRO_CALL_TIMEOUT_MS", std::to_string(kCallTimeout.count())}});
 }
 
 // The same search compares equal whatever id it ran under.
@@ -42,9 +43,10 @@ std::vector<rstest::SearchSignal> withoutIds(std::vector<rstest::SearchSignal> s
 // A search over the whole recording, begun and 20 results into its walk; returns its id.
 uint32_t beginLongSearch(rstest::SearchClient& client, bool metadata)
 {
-    const auto created =
-        metadata ? client.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, "")
-                 : client.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0, 0);
+    const auto created = metadata ? client.createMetadataSearch(LongRecording::kStart, 0,
+                                                                LongRecording::kEnd, 0, -1, "")
+                                  : client.createEventSearch(LongRecording::kStart, 0,
+                                                             LongRecording::kEnd, 0, -1, 0, 0, 0);
     EXPECT_GT(created.value, 0) << created.errorMessage;
     const auto id = static_cast<uint32_t>(created.value);
     EXPECT_TRUE(client.beginSearch(id).ok());
@@ -81,7 +83,8 @@ TEST_P(StoreFaultTest, MidWalkFaultEndsTheSearchAndLaterSearchesAnswerAsBefore)
     EXPECT_LT(Clock::now() - faultAt, kCallTimeout) << "a request waited on the failed store";
 
     ASSERT_TRUE(client.waitForCompleted(id, kCallTimeout + 10s))
-        << "the search must end on its own\n" << log.dump();
+        << "the search must end on its own\n"
+        << log.dump();
     const auto took = Clock::now() - faultAt;
     if (c.stall) {
         EXPECT_GE(took, kCallTimeout - 200ms) << "a stalled store is waited for up to the timeout";
@@ -143,7 +146,8 @@ TEST(StoreFault, StoreGoneOrRestartedWhileIdle)
 {
     Stack stack(faultStack());
     rstest::SearchClient client(stack.address());
-    const SearchRun events = referenceSearch(client, false), documents = referenceSearch(client, true);
+    const SearchRun events = referenceSearch(client, false),
+                    documents = referenceSearch(client, true);
     ASSERT_FALSE(events.results.empty() || documents.results.empty());
 
     ASSERT_EQ(stack.stopStore(), "");

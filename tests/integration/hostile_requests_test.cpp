@@ -39,7 +39,8 @@ std::string writeSmallRecording(const std::string& path)
     w.addTrack("META001");
     for (uint32_t i = 0; i < kEvents; ++i) {
         w.addEvent({kFirst + i, 0}, {{1, i % 2, "Video1"}});
-        w.addDocument({kFirst + i, 500000}, "<Frame n='" + std::to_string(i) + "'><Object/></Frame>");
+        w.addDocument({kFirst + i, 500000},
+                      "<Frame n='" + std::to_string(i) + "'><Object/></Frame>");
     }
     transaction->commit();
     return path;
@@ -66,7 +67,8 @@ protected:
     }
     static void TearDownTestSuite()
     {
-        EXPECT_EQ(stack_->stop(), "") << "the service survives every hostile request and stops cleanly";
+        EXPECT_EQ(stack_->stop(), "")
+            << "the service survives every hostile request and stops cleanly";
         delete stack_;
         delete dir_;
     }
@@ -107,26 +109,26 @@ class HostileTimes : public HostileRequests, public testing::WithParamInterface<
 TEST_P(HostileTimes, CreateAnswersStatusOneOnlyForMicrosecondsOutOfRange)
 {
     const TimeCase c = GetParam();
-    const auto events = client_.createEventSearch(c.startSec, c.startUsec, c.endSec, c.endUsec,
-                                                  -1, 1, 1, 1);
-    const auto documents = client_.createMetadataSearch(c.startSec, c.startUsec, c.endSec,
-                                                        c.endUsec, -1, "//Object");
+    const auto events =
+        client_.createEventSearch(c.startSec, c.startUsec, c.endSec, c.endUsec, -1, 1, 1, 1);
+    const auto documents =
+        client_.createMetadataSearch(c.startSec, c.startUsec, c.endSec, c.endUsec, -1, "//Object");
     for (const auto* created : {&events, &documents}) {
         EXPECT_EQ(created->status, c.status) << created->errorName << " " << created->errorMessage;
         if (c.status == 0) run([created] { return *created; });
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Edges, HostileTimes,
-    testing::Values(TimeCase{"AllOnes", kMax, kMax, kMax, kMax, 1},
-                    TimeCase{"StartUsecAllOnes", 0, kMax, kMax, 999999, 1},
-                    TimeCase{"EndUsecOneMillion", 0, 0, kMax, 1000000, 1},
-                    TimeCase{"LatestTimeBothEnds", kMax, 999999, kMax, 999999, 0},
-                    TimeCase{"ZeroBothEnds", 0, 0, 0, 0, 0},
-                    TimeCase{"WholeRangeBackward", kMax, 999999, 0, 0, 0},
-                    TimeCase{"WholeRangeForward", 0, 0, kMax, 999999, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Edges, HostileTimes,
+                         testing::Values(TimeCase{"AllOnes", kMax, kMax, kMax, kMax, 1},
+                                         TimeCase{"StartUsecAllOnes", 0, kMax, kMax, 999999, 1},
+                                         TimeCase{"EndUsecOneMillion", 0, 0, kMax, 1000000, 1},
+                                         TimeCase{"LatestTimeBothEnds", kMax, 999999, kMax, 999999,
+                                                  0},
+                                         TimeCase{"ZeroBothEnds", 0, 0, 0, 0, 0},
+                                         TimeCase{"WholeRangeBackward", kMax, 999999, 0, 0, 0},
+                                         TimeCase{"WholeRangeForward", 0, 0, kMax, 999999, 0}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct LimitCase {
     const char* name;
@@ -146,7 +148,8 @@ TEST_P(HostileLimits, EveryLimitIsHonouredOverTheWholeTimeRange)
         return client_.createEventSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults, 0, 0, 0);
     });
     const auto documents = run([&] {
-        return client_.createMetadataSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults, "//Object");
+        return client_.createMetadataSearch(fromSec, fromUsec, toSec, toUsec, c.maxResults,
+                                            "//Object");
     });
     std::vector<uint32_t> eventSecs, documentSecs;
     for (const auto& s : events) {
@@ -159,15 +162,14 @@ TEST_P(HostileLimits, EveryLimitIsHonouredOverTheWholeTimeRange)
     EXPECT_EQ(documentSecs, expectedSeconds(c.forward, c.maxResults));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Limits, HostileLimits,
-    testing::Values(LimitCase{"IntMaxForward", true, INT_MAX},
-                    LimitCase{"IntMinForward", true, INT_MIN},
-                    LimitCase{"MinusOneBackward", false, -1},
-                    LimitCase{"ZeroForward", true, 0},
-                    LimitCase{"OneBackward", false, 1},
-                    LimitCase{"IntMaxBackward", false, INT_MAX}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Limits, HostileLimits,
+                         testing::Values(LimitCase{"IntMaxForward", true, INT_MAX},
+                                         LimitCase{"IntMinForward", true, INT_MIN},
+                                         LimitCase{"MinusOneBackward", false, -1},
+                                         LimitCase{"ZeroForward", true, 0},
+                                         LimitCase{"OneBackward", false, 1},
+                                         LimitCase{"IntMaxBackward", false, INT_MAX}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct ExpressionCase {
     const char* name;
@@ -181,9 +183,8 @@ class HostileExpressions : public HostileRequests,
 TEST_P(HostileExpressions, SearchCompletesWithTheExpressionsAnswer)
 {
     const ExpressionCase& c = GetParam();
-    const auto results = run([&] {
-        return client_.createMetadataSearch(0, 0, kMax, 999999, -1, c.xpath);
-    });
+    const auto results =
+        run([&] { return client_.createMetadataSearch(0, 0, kMax, 999999, -1, c.xpath); });
     EXPECT_EQ(results.size(), c.matchesAll ? size_t(kEvents) : 0u);
 }
 
@@ -200,10 +201,11 @@ std::string nested(int depth, const std::string& open, const std::string& core,
 INSTANTIATE_TEST_SUITE_P(
     Expressions, HostileExpressions,
     testing::Values(
-        ExpressionCase{"Empty", "", true},
-        ExpressionCase{"DoesNotCompile", "//Object[", false},
-        ExpressionCase{"MegabyteLiteral", "string-length('" + std::string(1 << 20, 'a') +
-                                              "') = " + std::to_string(1 << 20), true},
+        ExpressionCase{"Empty", "", true}, ExpressionCase{"DoesNotCompile", "//Object[", false},
+        ExpressionCase{
+            "MegabyteLiteral",
+            "string-length('" + std::string(1 << 20, 'a') + "') = " + std::to_string(1 << 20),
+            true},
         ExpressionCase{"LongUnion", nested(20000, "", "//Object", " | //NoSuchElement"), true},
         ExpressionCase{"Nested100Parentheses", nested(100, "(", "//Object", ")"), true},
         ExpressionCase{"Nested100kParentheses", nested(100000, "(", "//Object", ")"), false},
@@ -218,8 +220,9 @@ TEST_F(HostileRequests, UnknownAndExtremeIdsGetTheNotFoundAnswers)
         const auto state = client_.getSearchState(id);
         const auto ended = client_.endSearch(id);
         EXPECT_TRUE(begun.ok() && state.ok() && ended.ok()) << id;
-        EXPECT_EQ(std::make_tuple(begun.value, state.value.jobId, state.value.state, ended.value.jobId),
-                  std::make_tuple(id, id, 0u, id));
+        EXPECT_EQ(
+            std::make_tuple(begun.value, state.value.jobId, state.value.state, ended.value.jobId),
+            std::make_tuple(id, id, 0u, id));
     }
 }
 
@@ -238,7 +241,8 @@ TEST_F(HostileRequests, RefusedCreatesWhileTwoSearchesRunConsumeNoId)
     }
     const auto next = client_.createNoopSearch();
     EXPECT_EQ(next.value, b.value + 1) << "a refused request takes no id";
-    for (auto id : {a.value, b.value, next.value}) EXPECT_TRUE(client_.endSearch(uint32_t(id)).ok());
+    for (auto id : {a.value, b.value, next.value})
+        EXPECT_TRUE(client_.endSearch(uint32_t(id)).ok());
 }
 
 // Calls that no generated client would make: wrong argument types, missing arguments, unknown
@@ -258,14 +262,25 @@ TEST_F(HostileRequests, MalformedCallsGetAnErrorReply)
             EXPECT_FALSE(e.getName().empty()) << what;
         }
     };
-    refused("no arguments", [&] { proxy->callMethod("CreateEventSearch").onInterface(interface).withTimeout(5s); });
+    refused("no arguments",
+            [&] { proxy->callMethod("CreateEventSearch").onInterface(interface).withTimeout(5s); });
     const std::string z = "0";
-    refused("text for numbers", [&] { proxy->callMethod("CreateMetadataSearch").onInterface(interface).withTimeout(5s).withArguments(z, z, z, z, z, z); });
-    refused("signed id", [&] { proxy->callMethod("EndSearch").onInterface(interface).withTimeout(5s).withArguments(-1); });
-    refused("unknown method", [&] { proxy->callMethod("DropAllSearches").onInterface(interface).withTimeout(5s); });
+    refused("text for numbers", [&] {
+        proxy->callMethod("CreateMetadataSearch")
+            .onInterface(interface)
+            .withTimeout(5s)
+            .withArguments(z, z, z, z, z, z);
+    });
+    refused("signed id", [&] {
+        proxy->callMethod("EndSearch").onInterface(interface).withTimeout(5s).withArguments(-1);
+    });
+    refused("unknown method",
+            [&] { proxy->callMethod("DropAllSearches").onInterface(interface).withTimeout(5s); });
     auto elsewhere = sdbus::createProxy(*connection, kavro::bus::busName("recording_search"),
                                         "/kavro/recording_search/none");
-    refused("unknown object", [&] { elsewhere->callMethod("CreateNoopSearch").onInterface(interface).withTimeout(5s); });
+    refused("unknown object", [&] {
+        elsewhere->callMethod("CreateNoopSearch").onInterface(interface).withTimeout(5s);
+    });
 }
 
 }  // namespace

@@ -87,8 +87,10 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
     std::vector<uint32_t> walking;
     for (bool metadata : {false, true}) {
         const auto created =
-            metadata ? observer.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, "//Object")
-                     : observer.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0, -1, 0, 0, 1);
+            metadata ? observer.createMetadataSearch(LongRecording::kStart, 0, LongRecording::kEnd,
+                                                     0, -1, "//Object")
+                     : observer.createEventSearch(LongRecording::kStart, 0, LongRecording::kEnd, 0,
+                                                  -1, 0, 0, 1);
         ASSERT_GT(created.value, 0) << created.errorMessage;
         walking.push_back(uint32_t(created.value));
         ASSERT_TRUE(observer.beginSearch(walking.back()).ok());
@@ -99,7 +101,8 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
     const auto deadline = Clock::now() + duration;
     std::vector<std::thread> threads;
     for (auto& out : outcomes) {
-        threads.emplace_back([&, deadline] { loadClient(stack.address(), walking, deadline, maxRequests, out); });
+        threads.emplace_back(
+            [&, deadline] { loadClient(stack.address(), walking, deadline, maxRequests, out); });
     }
     for (auto& t : threads) t.join();
 
@@ -125,7 +128,8 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
         }
         return n;
     };
-    EXPECT_TRUE(observer.waitUntil([&](const auto& all) { return completions(all).size() >= ids.size(); }, 30s))
+    EXPECT_TRUE(observer.waitUntil(
+        [&](const auto& all) { return completions(all).size() >= ids.size(); }, 30s))
         << "not every search reported SearchCompleted";
     const auto counted = completions(observer.signals());
     for (uint32_t id : ids) EXPECT_EQ(counted.count(id) ? counted.at(id) : 0, 1) << "search " << id;

@@ -128,8 +128,8 @@ SearchSignal signalOf(const json& j, std::string& line)
         return s;
     }
     EXPECT_TRUE(kind == "track" || kind == "recording") << j;
-    s.kind = kind == "track" ? Kind::TrackStateEventSearchResult
-                             : Kind::RecordingStateEventSearchResult;
+    s.kind =
+        kind == "track" ? Kind::TrackStateEventSearchResult : Kind::RecordingStateEventSearchResult;
     s.trackName = j.value("track", "");
     s.state = j.at("on").get<bool>();
     s.startState = j.at("start_state").get<bool>();
@@ -205,8 +205,14 @@ TEST(RecsearchResults, PrintExactlyWhatTheServiceSendsForTheSameSearch)
 TEST(RecsearchCutShort, CtrlCEndsTheSearchAndADepartureEndsRecsearchWithAClearMessage)
 {
     // The stop signals exit with 128 + their number, as a shell and a supervisor read it.
-    enum Way { CtrlC = SIGINT, Terminate = SIGTERM, HangUp = SIGHUP, ServiceStops = -1,
-               ServiceCrashes = -2, BusGoes = -3 };
+    enum Way {
+        CtrlC = SIGINT,
+        Terminate = SIGTERM,
+        HangUp = SIGHUP,
+        ServiceStops = -1,
+        ServiceCrashes = -2,
+        BusGoes = -3
+    };
     for (Way way : {CtrlC, Terminate, HangUp, ServiceStops, ServiceCrashes, BusGoes}) {
         const bool signalled = way > 0;
         SCOPED_TRACE(way);
@@ -454,8 +460,8 @@ TEST(RecsearchUsage, BadCommandLinesExitWithTwoAndBoundaryValuesPass)
         {2, {"metadata", "1", "2", "--spans=soon", "--class", "Person"}},
     };
     for (const auto& [code, args] : cases) {
-        const auto r = rstest::runToEnd(bin("recsearch"), args,
-                                        {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
+        const auto r = rstest::runToEnd(
+            bin("recsearch"), args, {{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus"}});
         EXPECT_EQ(r.status.code, code) << describe(r);
         EXPECT_FALSE(r.err.empty());
     }

@@ -37,7 +37,8 @@ protected:
                                                        std::vector<std::string>{}, env);
     }
 
-    std::unique_ptr<rstest::ProcessRunner> startedService(std::map<std::string, std::string> env = {})
+    std::unique_ptr<rstest::ProcessRunner> startedService(
+        std::map<std::string, std::string> env = {})
     {
         auto process = service(std::move(env));
         process->start();
@@ -50,7 +51,8 @@ protected:
     {
         std::vector<rstest::LogLine> lines;
         std::ifstream in(logPath_);
-        for (std::string text; std::getline(in, text);) lines.push_back(rstest::LogCapture::parse(text));
+        for (std::string text; std::getline(in, text);)
+            lines.push_back(rstest::LogCapture::parse(text));
         return lines;
     }
 
@@ -76,11 +78,13 @@ protected:
         ASSERT_EQ(err.rfind(kStderrPrefix, 0), 0u) << err;
         ASSERT_EQ(err.find('\n'), err.size() - 1) << "exactly one line: " << err;
         EXPECT_EQ(process.stdoutText(), "");
-        const std::string what = err.substr(kStderrPrefix.size(), err.size() - kStderrPrefix.size() - 1);
+        const std::string what =
+            err.substr(kStderrPrefix.size(), err.size() - kStderrPrefix.size() - 1);
         const auto lines = fromStartLines();
-        EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const rstest::LogLine& l) {
-            return l.priority == 3 && l.message == what;
-        })) << "the fatal error is logged at priority 3: " << what;
+        EXPECT_TRUE(std::any_of(
+            lines.begin(), lines.end(),
+            [&](const rstest::LogLine& l) { return l.priority == 3 && l.message == what; }))
+            << "the fatal error is logged at priority 3: " << what;
     }
 
     rstest::TempDir dir_;
@@ -122,8 +126,9 @@ TEST_P(ServiceStopTest, StopSignalEndsEverySearchAndExitsCleanly)
     auto process = startedService();
 
     for (int i = 0; i < c.searches; ++i) {
-        const auto created = client.createEventSearch(reliability::LongRecording::kStart, 0,
-                                                      reliability::LongRecording::kEnd, 0, -1, 0, 0, 0);
+        const auto created =
+            client.createEventSearch(reliability::LongRecording::kStart, 0,
+                                     reliability::LongRecording::kEnd, 0, -1, 0, 0, 0);
         ASSERT_GT(created.value, 0) << created.errorMessage;
         const auto id = static_cast<uint32_t>(created.value);
         ASSERT_TRUE(client.beginSearch(id).ok());
@@ -152,8 +157,10 @@ INSTANTIATE_TEST_SUITE_P(Signals, ServiceStopTest,
                                            StopCase{SIGHUP, 2}),
                          [](const auto& info) {
                              const int s = info.param.signal;
-                             return std::string(s == SIGTERM ? "Sigterm" : s == SIGINT ? "Sigint" : "Sighup") + "With" +
-                                    std::to_string(info.param.searches) + "Searches";
+                             return std::string(s == SIGTERM  ? "Sigterm"
+                                                : s == SIGINT ? "Sigint"
+                                                              : "Sighup") +
+                                    "With" + std::to_string(info.param.searches) + "Searches";
                          });
 
 TEST_F(ServiceProcessTest, StopSignalRightAfterReadinessIsNotLost)

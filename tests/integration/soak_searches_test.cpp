@@ -26,11 +26,14 @@ std::string oneSearch(rstest::SearchClient& client, long i)
 {
     const uint32_t from = LongRecording::kStart + static_cast<uint32_t>(i % 600) * 30;
     const auto created = i % 3 == 0 ? client.createEventSearch(from, 0, from + 5, 0, -1, 0, 0, 1)
-                         : i % 3 == 1 ? client.createMetadataSearch(from, 0, from + 5, 0, -1, "//Object")
-                                      : client.createNoopSearch();
-    if (!created.ok() || created.value < 0) return "search " + std::to_string(i) + " not created: " + created.errorMessage;
+                         : i % 3 == 1
+                             ? client.createMetadataSearch(from, 0, from + 5, 0, -1, "//Object")
+                             : client.createNoopSearch();
+    if (!created.ok() || created.value < 0)
+        return "search " + std::to_string(i) + " not created: " + created.errorMessage;
     const auto id = static_cast<uint32_t>(created.value);
-    if (!client.beginSearch(id).ok() || !client.waitForCompleted(id, 20s)) return "search " + std::to_string(id) + " did not complete";
+    if (!client.beginSearch(id).ok() || !client.waitForCompleted(id, 20s))
+        return "search " + std::to_string(id) + " did not complete";
     return client.endSearch(id).ok() ? "" : "search " + std::to_string(id) + " could not be ended";
 }
 
@@ -85,7 +88,8 @@ TEST(SoakSearches, ThousandsOfSearchesLeaveMemoryDescriptorsAndThreadsFlat)
     } else {
         // Flat, not zero: the allocator keeps some slack. A leak of even 1 kB a search shows as
         // megabytes here, and as growth in the second half of the run.
-        EXPECT_LT(after.rssKb - before.rssKb, 2048) << describe(before) << " -> " << describe(after);
+        EXPECT_LT(after.rssKb - before.rssKb, 2048)
+            << describe(before) << " -> " << describe(after);
         EXPECT_LT(after.rssKb - half.rssKb, 1024) << describe(half) << " -> " << describe(after);
     }
     EXPECT_EQ(stack.stop(), "");

@@ -38,7 +38,8 @@ protected:
     std::string generated(const std::string& name)
     {
         const std::string path = dir_.file(name);
-        const rstest::RunResult run = rstest::runToEnd(kStore, {"generate", path, "--duration", "10m"});
+        const rstest::RunResult run =
+            rstest::runToEnd(kStore, {"generate", path, "--duration", "10m"});
         EXPECT_TRUE(run.status.exited && run.status.code == 0) << run.err;
         return path;
     }
@@ -57,12 +58,15 @@ TEST_F(StoreProcess, ServesAGeneratedRecordingAloneUntilSigterm)
     {
         rstest::ScopedBusAddress address(bus_.address());
         void* data = nullptr;
-        ASSERT_EQ(kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &data, nullptr, nullptr), 0);
+        ASSERT_EQ(kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &data, nullptr,
+                                                                 nullptr),
+                  0);
         unsigned cs = 0, cu = 0, ps = 0, pu = 0, ns = 0, nu = 0;
         char* document = nullptr;
         EXPECT_EQ(kavro_api_recording_data_access_get_metadata_send(data, "recording_data_access",
-                                                                    1704067200, 0, &cs, &cu, &ps, &pu,
-                                                                    &ns, &nu, &document), 0);
+                                                                    1704067200, 0, &cs, &cu, &ps,
+                                                                    &pu, &ns, &nu, &document),
+                  0);
         ASSERT_NE(document, nullptr);
         EXPECT_THAT(document, HasSubstr("<MetadataStream"));
         EXPECT_EQ(cs, 1704067200u);
@@ -101,14 +105,16 @@ TEST_F(StoreProcess, AnUnservableFileIsOneLineOnStandardErrorAndExitStatusOne)
 TEST_F(StoreProcess, GenerateKeepsAnExistingFileUnlessForced)
 {
     const std::string path = generated("demo.db");
-    const rstest::RunResult again = rstest::runToEnd(kStore, {"generate", path, "--duration", "1m"});
+    const rstest::RunResult again =
+        rstest::runToEnd(kStore, {"generate", path, "--duration", "1m"});
     EXPECT_EQ(again.status.code, 1);
     EXPECT_THAT(again.err, HasSubstr("already exists"));
     const rstest::RunResult forced =
         rstest::runToEnd(kStore, {"generate", path, "--duration", "1m", "--force", "--seed", "3"});
     EXPECT_EQ(forced.status.code, 0) << forced.err;
     EXPECT_THAT(forced.out, HasSubstr("2024-01-01T00:01:00Z"));
-    const rstest::RunResult badOption = rstest::runToEnd(kStore, {"generate", path, "--duration", "soon"});
+    const rstest::RunResult badOption =
+        rstest::runToEnd(kStore, {"generate", path, "--duration", "soon"});
     EXPECT_NE(badOption.status.code, 0);
     EXPECT_THAT(badOption.err, HasSubstr("--duration"));
 }
@@ -127,7 +133,8 @@ TEST_F(StoreProcess, ImportReportsBadLinesAndLeavesNoFileBehind)
     const rstest::RunResult good = rstest::runToEnd(kStore, {"import", target, "--events", events});
     EXPECT_EQ(good.status.code, 0) << good.err;
     EXPECT_THAT(good.out, HasSubstr("loaded 1 history events (2 properties)"));
-    const rstest::RunResult again = rstest::runToEnd(kStore, {"import", target, "--events", events});
+    const rstest::RunResult again =
+        rstest::runToEnd(kStore, {"import", target, "--events", events});
     EXPECT_THAT(again.out, HasSubstr("skipped 1 history events and 0 metadata documents"));
 }
 

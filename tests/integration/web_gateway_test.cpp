@@ -68,7 +68,8 @@ public:
     explicit Gateway(std::vector<std::string> extraArgs = {})
         : stack_(sampleStack()), port_(freePort())
     {
-        const std::string tokens = dir_.write("tokens", std::string("# a comment\n") + kToken + "\n");
+        const std::string tokens =
+            dir_.write("tokens", std::string("# a comment\n") + kToken + "\n");
         std::vector<std::string> args = {"--listen", "127.0.0.1:" + std::to_string(port_),
                                          "--token-file", tokens};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
@@ -88,8 +89,9 @@ public:
     std::vector<std::string> curlArgs(const std::string& path, const std::string& body,
                                       std::vector<std::string> extra = {}) const
     {
-        std::vector<std::string> args = {"-sN", "-H", std::string("Authorization: Bearer ") + kToken,
-                                         "-H", "Content-Type: application/json"};
+        std::vector<std::string> args = {"-sN", "-H",
+                                         std::string("Authorization: Bearer ") + kToken, "-H",
+                                         "Content-Type: application/json"};
         if (!body.empty()) args.insert(args.end(), {"--data-binary", body});
         args.insert(args.end(), extra.begin(), extra.end());
         args.push_back(url(path));
@@ -137,14 +139,16 @@ TEST(GatewayAnswers, AreLineForLineWhatRecsearchPrintsForTheSameQuery)
         std::vector<std::string> recsearch;
     };
     const std::vector<Case> cases = {
-        {"/api/v1/events", "{" + kWholeHour + R"(,"startState":true,"maxResults":40})",
+        {"/api/v1/events",
+         "{" + kWholeHour + R"(,"startState":true,"maxResults":40})",
          {"events", "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "-s", "-n", "40"}},
         {"/api/v1/metadata",
          R"({"start":1704067200,"end":"2024-01-01T00:05:00Z","class":["person","vehicle"],)"
          R"("region":[0,0,0.5,1],"spans":"3s"})",
-         {"metadata", "1704067200", "2024-01-01T00:05:00Z", "--class", "person,vehicle",
-          "--region", "0,0,0.5,1", "--spans=3s"}},
-        {"/api/v1/summary", "{" + kWholeHour + R"(,"bucket":"10m"})",
+         {"metadata", "1704067200", "2024-01-01T00:05:00Z", "--class", "person,vehicle", "--region",
+          "0,0,0.5,1", "--spans=3s"}},
+        {"/api/v1/summary",
+         "{" + kWholeHour + R"(,"bucket":"10m"})",
          {"summary", "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "--bucket", "10m"}},
     };
     for (const auto& c : cases) {
@@ -173,7 +177,8 @@ TEST(GatewayAnswers, AreLineForLineWhatRecsearchPrintsForTheSameQuery)
     EXPECT_EQ(picture.out, drawn);
 
     const auto xpath = gateway.post("/api/v1/xpath", R"({"class":"person","motion":true})");
-    const auto shown = gateway.recsearch({"metadata", "--class", "person", "--motion", "--show-xpath"});
+    const auto shown =
+        gateway.recsearch({"metadata", "--class", "person", "--motion", "--show-xpath"});
     EXPECT_EQ(json::parse(xpath.out).at("xpath").get<std::string>() + "\n", shown.out);
 }
 
@@ -190,14 +195,18 @@ TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
     };
     const std::string big(70 * 1024, ' ');
     const std::vector<Case> cases = {
-        {"no token", {"-sN", "-H", "Content-Type: application/json", "-d", good, gateway.url(events)},
-         "401", "a valid bearer token is required"},
+        {"no token",
+         {"-sN", "-H", "Content-Type: application/json", "-d", good, gateway.url(events)},
+         "401",
+         "a valid bearer token is required"},
         {"wrong token",
          {"-sN", "-H", "Authorization: Bearer test-token-2", "-H", "Content-Type: application/json",
           "-d", good, gateway.url(events)},
-         "401", "a valid bearer token is required"},
-        {"another origin", gateway.curlArgs(events, good, {"-H", "Origin: http://elsewhere.example"}),
-         "403", "requests from another origin are refused"},
+         "401",
+         "a valid bearer token is required"},
+        {"another origin",
+         gateway.curlArgs(events, good, {"-H", "Origin: http://elsewhere.example"}), "403",
+         "requests from another origin are refused"},
         {"body too large", gateway.curlArgs(events, big), "413", "the body is larger than 64 KiB"},
         {"not JSON",
          {"-sN", "-H", std::string("Authorization: Bearer ") + kToken, "-d", good,
@@ -207,7 +216,8 @@ TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
         {"method", gateway.curlArgs(events, "", {"-X", "GET"}), "405",
          "/api/v1/events answers POST only"},
         {"bad time", gateway.curlArgs(events, R"({"start":"2024-13-01T00:00:00Z","end":1})"), "400",
-         "start: 2024-13-01T00:00:00Z: not an ISO 8601 time of the form 2026-11-23T10:00:00[.250]Z"},
+         "start: 2024-13-01T00:00:00Z: not an ISO 8601 time of the form "
+         "2026-11-23T10:00:00[.250]Z"},
         {"bad likelihood",
          gateway.curlArgs("/api/v1/metadata", "{" + kWholeHour + R"(,"minLikelihood":1.5})"), "400",
          "minLikelihood: 1.5 is not a likelihood from 0 to 1 (for example 0.8)"},
@@ -257,7 +267,8 @@ TEST(GatewayStreams, EndWithTheirReader)
     ASSERT_TRUE(deleted.waitForStdout("\"kind\":\"metadata\""));
     const json first = json::parse(lines(deleted.stdoutText()).at(0));
     const auto id = std::to_string(first.at("id").get<uint32_t>());
-    const auto end = gateway.post("/api/v1/searches/" + id, "", {"-X", "DELETE", "-w", "%{http_code}"});
+    const auto end =
+        gateway.post("/api/v1/searches/" + id, "", {"-X", "DELETE", "-w", "%{http_code}"});
     EXPECT_EQ(end.out, "204");
     ASSERT_TRUE(deleted.waitForExit(10s));
     const json last = json::parse(lines(deleted.stdoutText()).back());

@@ -7,7 +7,10 @@
 
 namespace rstest {
 
-LogCapture::LogCapture() : LogCapture(std::getenv("KAVRO_LOG_FILE") ? std::getenv("KAVRO_LOG_FILE") : "") {}
+LogCapture::LogCapture()
+    : LogCapture(std::getenv("KAVRO_LOG_FILE") ? std::getenv("KAVRO_LOG_FILE") : "")
+{
+}
 
 LogCapture::LogCapture(std::string path) : path_(std::move(path))
 {
@@ -45,7 +48,8 @@ std::vector<LogLine> LogCapture::since() const
 bool LogCapture::contains(int priority, const std::string& substring) const
 {
     for (const auto& line : since()) {
-        if (line.priority == priority && line.message.find(substring) != std::string::npos) return true;
+        if (line.priority == priority && line.message.find(substring) != std::string::npos)
+            return true;
     }
     return false;
 }
@@ -53,7 +57,8 @@ bool LogCapture::contains(int priority, const std::string& substring) const
 std::string LogCapture::dump() const
 {
     std::ostringstream out;
-    for (const auto& l : since()) out << l.priority << ' ' << l.identity << ": " << l.message << '\n';
+    for (const auto& l : since())
+        out << l.priority << ' ' << l.identity << ": " << l.message << '\n';
     return out.str();
 }
 

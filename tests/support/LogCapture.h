@@ -16,7 +16,7 @@ struct LogLine {
 // file's size when the capture is made separates a test's lines from earlier tests' lines.
 class LogCapture {
 public:
-    LogCapture();  // the file named by $KAVRO_LOG_FILE
+    LogCapture();                           // the file named by $KAVRO_LOG_FILE
     explicit LogCapture(std::string path);  // another file, e.g. a process's own log
 
     std::vector<LogLine> since() const;

@@ -36,12 +36,11 @@ PrivateBus::PrivateBus(const std::string& policy) : dir_("rs-bus")
                           << "<listen>unix:path=" << socket << "</listen><auth>EXTERNAL</auth>"
                           << policy << "</busconfig>\n";
     daemon_ = std::make_unique<ProcessRunner>(
-        "/usr/bin/dbus-daemon", std::vector<std::string>{"--nofork", "--print-address=1",
-                                                "--config-file=" + config});
+        "/usr/bin/dbus-daemon",
+        std::vector<std::string>{"--nofork", "--print-address=1", "--config-file=" + config});
     daemon_->start();
     if (!daemon_->waitForStdout("\n", std::chrono::seconds(10))) {
-        throw std::runtime_error("dbus-daemon did not print its address: " +
-                                 daemon_->stderrText());
+        throw std::runtime_error("dbus-daemon did not print its address: " + daemon_->stderrText());
     }
     const std::string out = daemon_->stdoutText();
     address_ = out.substr(0, out.find('\n'));
@@ -53,10 +52,7 @@ PrivateBus::~PrivateBus() { kill(); }
 
 pid_t PrivateBus::pid() const { return daemon_ ? daemon_->pid() : -1; }
 
-void PrivateBus::exportAddress() const
-{
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
-}
+void PrivateBus::exportAddress() const { setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1); }
 
 void PrivateBus::stop()
 {

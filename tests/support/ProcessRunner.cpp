@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
 
@@ -84,18 +84,19 @@ void ProcessRunner::start()
     const std::string exe =
         binary_.find('/') == std::string::npos ? bp::search_path(binary_).string() : binary_;
     try {
-        bp::child child(bp::exe = exe.empty() ? binary_ : exe, bp::args = args_,
-                        bp::std_in < bp::null, bp::std_out > dir_.file("out"),
-                        bp::std_err > dir_.file("err"),
-                        bp::extend::on_setup = [&envp](auto& exec) { exec.env = envp.data(); },
-                        bp::extend::on_exec_setup = [](auto&) {
-                            // Dies with the test; default signal handling, as systemd gives.
-                            prctl(PR_SET_PDEATHSIG, SIGKILL);
-                            signal(SIGPIPE, SIG_DFL);
-                            sigset_t none;
-                            sigemptyset(&none);
-                            sigprocmask(SIG_SETMASK, &none, nullptr);
-                        });
+        bp::child child(
+            bp::exe = exe.empty() ? binary_ : exe, bp::args = args_,
+            bp::std_in<bp::null, bp::std_out> dir_.file("out"), bp::std_err > dir_.file("err"),
+            bp::extend::on_setup = [&envp](auto& exec) { exec.env = envp.data(); },
+            bp::extend::on_exec_setup =
+                [](auto&) {
+                    // Dies with the test; default signal handling, as systemd gives.
+                    prctl(PR_SET_PDEATHSIG, SIGKILL);
+                    signal(SIGPIPE, SIG_DFL);
+                    sigset_t none;
+                    sigemptyset(&none);
+                    sigprocmask(SIG_SETMASK, &none, nullptr);
+                });
         pid_ = child.id();
         child.detach();  // reaped here, with the raw wait status
     } catch (const bp::process_error& e) {
@@ -127,10 +128,12 @@ std::vector<std::string> ProcessRunner::notifications()
 
 bool ProcessRunner::waitForNotify(const std::string& message, std::chrono::milliseconds timeout)
 {
-    return pollUntil([&] {
-        const auto all = notifications();
-        return std::find(all.begin(), all.end(), message) != all.end();
-    }, timeout);
+    return pollUntil(
+        [&] {
+            const auto all = notifications();
+            return std::find(all.begin(), all.end(), message) != all.end();
+        },
+        timeout);
 }
 
 void ProcessRunner::sendSignal(int signal)

@@ -153,8 +153,7 @@ CallResult<int32_t> SearchClient::createEventSearch(uint32_t startSec, uint32_t 
 
 CallResult<int32_t> SearchClient::createMetadataSearch(uint32_t startSec, uint32_t startUsec,
                                                        uint32_t endSec, uint32_t endUsec,
-                                                       int32_t maxResults,
-                                                       const std::string& xpath)
+                                                       int32_t maxResults, const std::string& xpath)
 {
     return impl_->call<int32_t>([&](SearchProxy& p) {
         return p.CreateMetadataSearch(startSec, startUsec, endSec, endUsec, maxResults, xpath);

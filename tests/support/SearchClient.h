@@ -73,9 +73,9 @@ public:
                                           uint32_t endUsec, int32_t maxResults,
                                           uint8_t requestFlag1, uint8_t requestFlag2,
                                           uint8_t includeStartStateEvents);
-    CallResult<int32_t> createMetadataSearch(uint32_t startSec, uint32_t startUsec,
-                                             uint32_t endSec, uint32_t endUsec,
-                                             int32_t maxResults, const std::string& xpath);
+    CallResult<int32_t> createMetadataSearch(uint32_t startSec, uint32_t startUsec, uint32_t endSec,
+                                             uint32_t endUsec, int32_t maxResults,
+                                             const std::string& xpath);
     CallResult<int32_t> createNoopSearch();
     CallResult<uint32_t> beginSearch(uint32_t jobId);
     CallResult<SearchStateReply> getSearchState(uint32_t jobId);

@@ -50,9 +50,9 @@ ProcessRunner& ServiceStack::service()
 
 void ServiceStack::startStore()
 {
-    store_ = startAndWait("recording_store", {"serve", options_.recording},
-                          {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
-                           {"KAVRO_LOG_FILE", dir_.file("store.log")}});
+    store_ = startAndWait(
+        "recording_store", {"serve", options_.recording},
+        {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()}, {"KAVRO_LOG_FILE", dir_.file("store.log")}});
 }
 
 std::string ServiceStack::stopStore() { return stopOne("recording_store", store_); }

@@ -58,12 +58,10 @@ public:
     kavro_core_status sendEventMetadataSearchResult(unsigned int jobId, unsigned int sec,
                                                     unsigned int usec) const;
     kavro_core_status sendEventTrackStateEventSearchResult(unsigned int jobId, unsigned int sec,
-                                                           unsigned int usec,
-                                                           const char* trackName,
+                                                           unsigned int usec, const char* trackName,
                                                            unsigned char state,
                                                            unsigned char startState) const;
-    kavro_core_status sendEventRecordingStateEventSearchResult(unsigned int jobId,
-                                                               unsigned int sec,
+    kavro_core_status sendEventRecordingStateEventSearchResult(unsigned int jobId, unsigned int sec,
                                                                unsigned int usec,
                                                                unsigned char state,
                                                                unsigned char startState) const;

@@ -13,8 +13,9 @@
 // taking requests, waits for those in progress, and sends what the target has already emitted.
 class KavroApiRecordingSearchTargetRun {
 public:
-    KavroApiRecordingSearchTargetRun(const std::string& serviceName, void* logCookie,
-                                     boost::shared_ptr<KavroApiRecordingSearchTargetImplBase> target);
+    KavroApiRecordingSearchTargetRun(
+        const std::string& serviceName, void* logCookie,
+        boost::shared_ptr<KavroApiRecordingSearchTargetImplBase> target);
     ~KavroApiRecordingSearchTargetRun();
 
     KavroApiRecordingSearchTargetRun(const KavroApiRecordingSearchTargetRun&) = delete;

@@ -10,19 +10,19 @@ extern "C" {
 // failures use the values from 1000 on, so the two never collide in practice.
 typedef enum kavro_core_status {
     KAVRO_STATUS_OK = 0,
-    KAVRO_STATUS_FAILED = 1,                 // generic failure of a service
-    KAVRO_STATUS_INVALID_ARGUMENT = 1000,    // null handle, null output, bad text
-    KAVRO_STATUS_NOT_INITIALISED = 1001,     // a call before its init, or after its deinit
+    KAVRO_STATUS_FAILED = 1,               // generic failure of a service
+    KAVRO_STATUS_INVALID_ARGUMENT = 1000,  // null handle, null output, bad text
+    KAVRO_STATUS_NOT_INITIALISED = 1001,   // a call before its init, or after its deinit
     KAVRO_STATUS_NO_MEMORY = 1002,
-    KAVRO_STATUS_BUS_UNREACHABLE = 1003,     // no bus to connect to
-    KAVRO_STATUS_SERVICE_UNKNOWN = 1004,     // the called service is not on the bus
-    KAVRO_STATUS_TIMEOUT = 1005,             // no reply within the call timeout
-    KAVRO_STATUS_MALFORMED_REPLY = 1006,     // a reply that breaks the interface's contract
-    KAVRO_STATUS_TRANSPORT_ERROR = 1007,     // any other D-Bus failure
-    KAVRO_STATUS_NAME_TAKEN = 1008,          // the service's bus name is owned by someone else
-    KAVRO_STATUS_BUS_LOST = 1009,            // the bus went away while serving
-    KAVRO_STATUS_IO_ERROR = 1010,            // a file the framework needs cannot be used
-    KAVRO_STATUS_ACCESS_DENIED = 1011,       // the bus policy refuses us
+    KAVRO_STATUS_BUS_UNREACHABLE = 1003,  // no bus to connect to
+    KAVRO_STATUS_SERVICE_UNKNOWN = 1004,  // the called service is not on the bus
+    KAVRO_STATUS_TIMEOUT = 1005,          // no reply within the call timeout
+    KAVRO_STATUS_MALFORMED_REPLY = 1006,  // a reply that breaks the interface's contract
+    KAVRO_STATUS_TRANSPORT_ERROR = 1007,  // any other D-Bus failure
+    KAVRO_STATUS_NAME_TAKEN = 1008,       // the service's bus name is owned by someone else
+    KAVRO_STATUS_BUS_LOST = 1009,         // the bus went away while serving
+    KAVRO_STATUS_IO_ERROR = 1010,         // a file the framework needs cannot be used
+    KAVRO_STATUS_ACCESS_DENIED = 1011,    // the bus policy refuses us
     KAVRO_STATUS_MAX_ = 0x7fffffff
 } kavro_core_status;
 

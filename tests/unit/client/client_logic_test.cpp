@@ -1,5 +1,5 @@
-// What clients make of a search without the bus: filters against documents as the store writes them,
-// and the picture as a real SVG renderer draws it.
+// What clients make of a search without the bus: filters against documents as the store writes
+// them, and the picture as a real SVG renderer draws it.
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "client/MetadataFilter.h"
 #include "cli/TerminalTimeline.h"
 #include "client/Coverage.h"
+#include "client/MetadataFilter.h"
 #include "client/Svg.h"
 #include "client/TimeText.h"
 #include "store/AnalyticsFrame.h"
@@ -43,7 +43,7 @@ std::vector<std::string> documents()
     const std::vector<std::vector<store::DetectedObject>> scenes{
         {object("Person", 0.80, "red", 0.1, 0.1, 0.2, 0.4)},
         {object("Person", 0.79, "red", 0.1, 0.1, 0.2, 0.4)},
-        {object("Vehicle", 0.81, "RED", 0.5, 0.3, 0.7, 0.45)},   // touches the region's right
+        {object("Vehicle", 0.81, "RED", 0.5, 0.3, 0.7, 0.45)},  // touches the region's right
         {object("vehicle", 0.80, "blue", 0.499, 0.3, 0.7, 0.45)},
         {object("Vehicle", 0.95, "blue", 0.1, 0.2, 0.25, 0.3)},  // touches the region's left
         {object("Vehicle", 0.95, "red", 0.1, 0.2, 0.251, 0.3)},
@@ -76,7 +76,8 @@ TEST(ClientTimes, EveryFractionLengthUpToMicroseconds)
     const std::string digits = "123456";
     for (std::size_t n = 0; n <= digits.size(); ++n) {
         const std::string fraction = n == 0 ? "" : "." + digits.substr(0, n);
-        const uint32_t usec = n == 0 ? 0 : uint32_t(std::stoul((digits.substr(0, n) + "00000").substr(0, 6)));
+        const uint32_t usec =
+            n == 0 ? 0 : uint32_t(std::stoul((digits.substr(0, n) + "00000").substr(0, 6)));
         for (const std::string& text : {iso + fraction + "Z", seconds + fraction}) {
             std::string why;
             const auto t = parseTime(text, &why);
@@ -116,19 +117,23 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
         "or Appearance/Shape/BoundingBox/@bottom<=0.25 or Appearance/Shape/BoundingBox/@top>=0.5)";
     const std::vector<FilterCase> cases{
         {{{"vehicle"}, "", "", {}, false}, "", "//Object[" + vehicle + "]"},
-        {{{"PERSON", "Bicycle"}, "", "", {}, false}, "",
+        {{{"PERSON", "Bicycle"}, "", "", {}, false},
+         "",
          "//Object/Appearance/Class/Type[.=\"Person\" or .=\"Bicycle\"]"},
         {{{}, "", "0.8", {}, false}, "", "//Object/Appearance/Class/Type[@Likelihood>=0.80]"},
-        {{{"Vehicle"}, "Red", "0.80", {}, false}, "",
-         "//Object[" + vehicle + " and Appearance/Class/Type/@Likelihood>=0.8 and "
-         "(Appearance/Color/ColorCluster/@Name=\"red\" or "
-         "Appearance/Color/ColorCluster/@Name=\"RED\")]"},
-        {{{}, "", "", parseRegion("0.25,0.25,0.5,0.5"), false}, "",
-         "//Object[" + overlaps + "]"},
-        {{{}, "", "", {}, true}, "",
+        {{{"Vehicle"}, "Red", "0.80", {}, false},
+         "",
+         "//Object[" + vehicle +
+             " and Appearance/Class/Type/@Likelihood>=0.8 and "
+             "(Appearance/Color/ColorCluster/@Name=\"red\" or "
+             "Appearance/Color/ColorCluster/@Name=\"RED\")]"},
+        {{{}, "", "", parseRegion("0.25,0.25,0.5,0.5"), false}, "", "//Object[" + overlaps + "]"},
+        {{{}, "", "", {}, true},
+         "",
          "//Event/NotificationMessage[@Topic=\"VideoSource/MotionAlarm\"]/Data/"
          "SimpleItem[@Name=\"State\"][@Value=\"true\"]"},
-        {{{"person"}, "", "", {}, true}, "//Frame[@ObjectCount=2]",
+        {{{"person"}, "", "", {}, true},
+         "//Frame[@ObjectCount=2]",
          "//Frame[@ObjectCount=2]/Object/Appearance/Class/Type=\"Person\" and "
          "//SimpleItem[@Name=\"State\"]/@Value=\"true\""},
     };
@@ -140,7 +145,8 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
             const int expected = rstest::plainXPathEvaluation(c.handWritten, docs[i]);
             ASSERT_NE(expected, -1) << c.handWritten;
             EXPECT_EQ(rstest::plainXPathEvaluation(generated, docs[i]), expected)
-                << generated << "\non document " << i << ":\n" << docs[i];
+                << generated << "\non document " << i << ":\n"
+                << docs[i];
             matched += std::size_t(expected);
         }
         // A case that matches all or nothing could not tell a wrong expression from a right one.
@@ -148,7 +154,6 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
         EXPECT_LT(matched, docs.size()) << c.handWritten;
     }
 }
-
 
 // Colours of points of the SVG as rsvg-convert renders it: each point alone as a 1x1 PNG, whose
 // only pixel no PNG filter changes, so zlib from the Python standard library reads it.
@@ -175,8 +180,8 @@ TEST(RecsearchPicture, TheSvgParsesNamesItsRowsAndRendersTheBarsWhereTheyBelong)
         SearchResult{K::RecordingState, 1, timePointAt(from + minutes(30)), "", false, false},
         SearchResult{K::TrackState, 1, timePointAt(from + minutes(40)), odd, false, false},
     };
-    const Picture picture = eventPicture(results, timePointAt(from), timePointAt(to),
-                                         timePointAt(to));
+    const Picture picture =
+        eventPicture(results, timePointAt(from), timePointAt(to), timePointAt(to));
     rstest::TempDir dir;
     const std::string svg = dir.file("picture.svg");
     {
@@ -202,10 +207,10 @@ TEST(RecsearchPicture, TheSvgParsesNamesItsRowsAndRendersTheBarsWhereTheyBelong)
                std::to_string(int(SvgLayout::rowTop(row) + SvgLayout::kRowHeight / 2));
     };
     // Recording on, then off; the track on, off, and unknown before its first change.
-    const auto pixels = rstest::runToEnd(
-        "python3", {"-c", kPixels, svg, at(0, from + minutes(15)), at(0, from + minutes(45)),
-                    at(1, from + minutes(30)), at(1, from + minutes(50)),
-                    at(1, from + minutes(10))});
+    const auto pixels =
+        rstest::runToEnd("python3", {"-c", kPixels, svg, at(0, from + minutes(15)),
+                                     at(0, from + minutes(45)), at(1, from + minutes(30)),
+                                     at(1, from + minutes(50)), at(1, from + minutes(10))});
     ASSERT_EQ(pixels.status.code, 0)
         << "rsvg-convert (Debian package librsvg2-bin, installed by scripts/setup.sh): "
         << pixels.err;

@@ -59,22 +59,21 @@ TEST_P(XPathCorpus, MatcherAnswersEachDocumentTheSameEveryTime)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, XPathCorpus, testing::ValuesIn(corpus()),
-                         [](const auto& info) {
-                             std::string name = info.param;
-                             for (char& c : name) {
-                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                             }
-                             return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Seeds, XPathCorpus, testing::ValuesIn(corpus()), [](const auto& info) {
+    std::string name = info.param;
+    for (char& c : name) {
+        if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+    }
+    return name;
+});
 
 // What the seeds hold, checked by name: a DTD never lets its entities in, and an external
 // entity is never fetched.
 TEST(XPathHostileDocuments, DocumentTypeDeclarationsMakeTheDocumentUnparsed)
 {
     XPathMatcher text("string-length(string(/)) > 10");
-    EXPECT_FALSE(text.matches(
-        "<!DOCTYPE a [<!ENTITY e \"xxxxxxxxxxxxxxxxxxxx\">]><a>&e;&e;&e;&e;</a>"));
+    EXPECT_FALSE(
+        text.matches("<!DOCTYPE a [<!ENTITY e \"xxxxxxxxxxxxxxxxxxxx\">]><a>&e;&e;&e;&e;</a>"));
     EXPECT_TRUE(text.matches("<a>plain text, long enough</a>"));
     XPathMatcher any("//x");
     EXPECT_FALSE(any.matches("<!DOCTYPE x [<!ENTITY f SYSTEM \"file:///etc/passwd\">]><x>&f;</x>"));

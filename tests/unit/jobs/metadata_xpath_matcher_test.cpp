@@ -33,11 +33,27 @@ const std::vector<std::string> kDocuments = {
 };
 
 const std::vector<std::string> kExpressions = {
-    "/", "//object", "count(//object) = 2", "//object[1]/@class = 'car'",
-    "//object[last()]/colour = 'red'", "name(/*) = 'frame'", "not(/)", "true()",
-    "frame", ".", "id('a')", "//*[local-name() = 'Object']", "string-length(string(/)) > 5",
-    "//motion/@state = 'true'", "contains(/frame, '<object')", "position() = 1",
-    "//object[", "count(1)", "unknown-function()", "$undefined", "",
+    "/",
+    "//object",
+    "count(//object) = 2",
+    "//object[1]/@class = 'car'",
+    "//object[last()]/colour = 'red'",
+    "name(/*) = 'frame'",
+    "not(/)",
+    "true()",
+    "frame",
+    ".",
+    "id('a')",
+    "//*[local-name() = 'Object']",
+    "string-length(string(/)) > 5",
+    "//motion/@state = 'true'",
+    "contains(/frame, '<object')",
+    "position() = 1",
+    "//object[",
+    "count(1)",
+    "unknown-function()",
+    "$undefined",
+    "",
 };
 
 TEST(XPathMatcherTest, AgreesWithPlainLibxml2OnOrdinaryDocumentsInAnyOrder)
@@ -47,7 +63,8 @@ TEST(XPathMatcherTest, AgreesWithPlainLibxml2OnOrdinaryDocumentsInAnyOrder)
         // Twice over, so that every document also follows every other on the reused objects.
         for (int pass = 0; pass < 2; ++pass) {
             for (const std::string& document : kDocuments) {
-                EXPECT_EQ(matcher.matches(document), plainXPathEvaluation(expression, document) == 1)
+                EXPECT_EQ(matcher.matches(document),
+                          plainXPathEvaluation(expression, document) == 1)
                     << "expression: " << expression << "\ndocument: " << document;
             }
         }

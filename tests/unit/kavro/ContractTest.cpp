@@ -37,8 +37,7 @@ TEST(Contract, ErrorsBecomeTheServiceNumberOrAFrameworkStatus)
         EXPECT_EQ(statusFromError(error), c.onCall) << c.name << " \"" << c.message << '"';
         EXPECT_EQ(requestNameStatus(error), c.onRequestName) << c.name;
     }
-    EXPECT_EQ(statusFromError(statusError(static_cast<kavro_core_status>(0x7fffffff))),
-              0x7fffffff);
+    EXPECT_EQ(statusFromError(statusError(static_cast<kavro_core_status>(0x7fffffff))), 0x7fffffff);
 }
 
 }  // namespace

@@ -33,7 +33,9 @@ class RudeDataAccess : private OwnLoop,
 public:
     struct Answer {
         Answer(int status = 0, std::chrono::milliseconds stall = {}, std::string document = {})
-            : status(status), stall(stall), document(std::move(document)) {}
+            : status(status), stall(stall), document(std::move(document))
+        {
+        }
         int status;
         std::chrono::milliseconds stall;
         std::string document;
@@ -41,13 +43,18 @@ public:
         std::vector<uint32_t> keys{1, 2}, values{1, 0};
     };
 
-    RudeDataAccess() : AdaptorInterfaces(loop_.connection(), kavro::bus::objectPath("recording_data_access"))
+    RudeDataAccess()
+        : AdaptorInterfaces(loop_.connection(), kavro::bus::objectPath("recording_data_access"))
     {
         registerAdaptor();
         loop_.connection().requestName(kavro::bus::busName("recording_data_access"));
         loop_.start();
     }
-    ~RudeDataAccess() { loop_.stop(); unregisterAdaptor(); }
+    ~RudeDataAccess()
+    {
+        loop_.stop();
+        unregisterAdaptor();
+    }
     void set(Answer answer)
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -94,8 +101,8 @@ constexpr unsigned kUntouched = 0xdeadbeef;
 void* openDataAccess()
 {
     void* handle = nullptr;
-    EXPECT_EQ(KAVRO_STATUS_OK, kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &handle,
-                                                                              nullptr, nullptr));
+    EXPECT_EQ(KAVRO_STATUS_OK, kavro_api_recording_data_access_initiator_init(
+                                   nullptr, nullptr, &handle, nullptr, nullptr));
     return handle;
 }
 
@@ -112,8 +119,8 @@ Reply getMetadata(void* handle, unsigned sec = 12, unsigned usec = 34,
     Reply r;
     unsigned* t = r.times.data();
     char* document = nullptr;
-    r.status = kavro_api_recording_data_access_get_metadata_send(handle, service, sec, usec, &t[0], &t[1],
-                                                                 &t[2], &t[3], &t[4], &t[5], &document);
+    r.status = kavro_api_recording_data_access_get_metadata_send(
+        handle, service, sec, usec, &t[0], &t[1], &t[2], &t[3], &t[4], &t[5], &document);
     if (document) r.document = document;
     std::free(document);
     return r;
@@ -129,7 +136,8 @@ Reply getHistoryEvent(void* handle)
     unsigned** keys = nullptr;
     unsigned** values = nullptr;
     r.status = kavro_api_recording_data_access_get_recording_history_event_send(
-        handle, "recording_data_access", 5, 6, &t[0], &t[1], &t[2], &t[3], &t[4], &t[5], &names, &keys, &values);
+        handle, "recording_data_access", 5, 6, &t[0], &t[1], &t[2], &t[3], &t[4], &t[5], &names,
+        &keys, &values);
     r.arrays = names || keys || values;
     kavro_core_free_string_array(names);
     kavro_core_free_uint_array(keys);
@@ -184,7 +192,8 @@ TEST_F(Initiators, HistoryEventArraysOfUnequalLengthAreAMalformedReply)
         shaped.names.resize(n), shaped.keys.resize(k), shaped.values.resize(v);
         service.set(shaped);
         const Reply bad = getHistoryEvent(handle_);
-        EXPECT_EQ(KAVRO_STATUS_MALFORMED_REPLY, bad.status) << n << " names, " << k << " keys, " << v << " values";
+        EXPECT_EQ(KAVRO_STATUS_MALFORMED_REPLY, bad.status)
+            << n << " names, " << k << " keys, " << v << " values";
         EXPECT_FALSE(bad.arrays);
         EXPECT_EQ(bad.times, std::vector<unsigned>(6, kUntouched));
     }
@@ -195,8 +204,10 @@ TEST(InitiatorArguments, NullOutputsAndForeignHandlesAreRefusedWithoutACall)
 {
     void* ctl = nullptr;
     void* inf = nullptr;
-    ASSERT_EQ(0, kavro_api_recording_control_initiator_init(nullptr, nullptr, &ctl, nullptr, nullptr));
-    ASSERT_EQ(0, kavro_api_recording_information_initiator_init(nullptr, nullptr, &inf, nullptr, nullptr));
+    ASSERT_EQ(0,
+              kavro_api_recording_control_initiator_init(nullptr, nullptr, &ctl, nullptr, nullptr));
+    ASSERT_EQ(0, kavro_api_recording_information_initiator_init(nullptr, nullptr, &inf, nullptr,
+                                                                nullptr));
     void* da = openDataAccess();
     unsigned u = 0;
     unsigned char c = 0;
@@ -205,21 +216,52 @@ TEST(InitiatorArguments, NullOutputsAndForeignHandlesAreRefusedWithoutACall)
     const char* const I = "recording_information";
     const char* const D = "recording_data_access";
     const std::vector<std::pair<const char*, std::function<kavro_core_status()>>> cases = {
-        {"tracks", [&] { return kavro_api_recording_control_get_tracks_send(ctl, "recording_control", nullptr); }},
-        {"summary", [&] { return kavro_api_recording_information_get_recording_summary_send(inf, I, &u, &u, &u, nullptr); }},
-        {"state", [&] { return kavro_api_recording_information_get_recording_state_send(inf, I, 1, 0, &c, nullptr); }},
-        {"track name", [&] { return kavro_api_recording_information_get_track_summary_send(inf, I, nullptr, &u, &u, &u, &u); }},
-        {"first time", [&] { return kavro_api_recording_data_access_get_first_recording_history_event_time_send(da, D, &u, nullptr); }},
-        {"event values", [&] { return kavro_api_recording_data_access_get_recording_history_event_send(da, D, 1, 0, &u, &u, &u, &u, &u, &u, &strings, &numbers, nullptr); }},
-        {"document", [&] { return kavro_api_recording_data_access_get_metadata_send(da, D, 1, 0, &u, &u, &u, &u, &u, &u, nullptr); }},
-        {"foreign handle", [&] { return kavro_api_recording_data_access_get_first_recording_history_event_time_send(inf, D, &u, &u); }},
+        {"tracks",
+         [&] {
+             return kavro_api_recording_control_get_tracks_send(ctl, "recording_control", nullptr);
+         }},
+        {"summary",
+         [&] {
+             return kavro_api_recording_information_get_recording_summary_send(inf, I, &u, &u, &u,
+                                                                               nullptr);
+         }},
+        {"state",
+         [&] {
+             return kavro_api_recording_information_get_recording_state_send(inf, I, 1, 0, &c,
+                                                                             nullptr);
+         }},
+        {"track name",
+         [&] {
+             return kavro_api_recording_information_get_track_summary_send(inf, I, nullptr, &u, &u,
+                                                                           &u, &u);
+         }},
+        {"first time",
+         [&] {
+             return kavro_api_recording_data_access_get_first_recording_history_event_time_send(
+                 da, D, &u, nullptr);
+         }},
+        {"event values",
+         [&] {
+             return kavro_api_recording_data_access_get_recording_history_event_send(
+                 da, D, 1, 0, &u, &u, &u, &u, &u, &u, &strings, &numbers, nullptr);
+         }},
+        {"document",
+         [&] {
+             return kavro_api_recording_data_access_get_metadata_send(da, D, 1, 0, &u, &u, &u, &u,
+                                                                      &u, &u, nullptr);
+         }},
+        {"foreign handle",
+         [&] {
+             return kavro_api_recording_data_access_get_first_recording_history_event_time_send(
+                 inf, D, &u, &u);
+         }},
     };
     RudeDataAccess service;
     for (const auto& [what, call] : cases) EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, call()) << what;
     EXPECT_EQ(0, service.calls);
     EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, kavro_api_recording_information_initiator_deinit(ctl));
-    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT,
-              kavro_api_recording_control_initiator_init(nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, kavro_api_recording_control_initiator_init(
+                                                 nullptr, nullptr, nullptr, nullptr, nullptr));
     kavro_api_recording_control_initiator_deinit(ctl);
     kavro_api_recording_information_initiator_deinit(inf);
     kavro_api_recording_data_access_initiator_deinit(da);
@@ -231,8 +273,8 @@ TEST(InitiatorBus, NoBusOrALostBusIsAStatus)
     {
         ScopedBusAddress nowhere("unix:path=/nonexistent/rs-test-bus");
         void* handle = reinterpret_cast<void*>(0x1);
-        EXPECT_EQ(KAVRO_STATUS_BUS_UNREACHABLE,
-                  kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &handle, nullptr, nullptr));
+        EXPECT_EQ(KAVRO_STATUS_BUS_UNREACHABLE, kavro_api_recording_data_access_initiator_init(
+                                                    nullptr, nullptr, &handle, nullptr, nullptr));
         EXPECT_EQ(nullptr, handle);
     }
     PrivateBus bus;

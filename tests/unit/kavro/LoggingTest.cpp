@@ -31,8 +31,10 @@ TEST(Logging, WritesOneWholeLinePerCallWithPriorityAndIdentity)
     kavro_core_logging_log(cookie, 6, "xpath %s", "//a\n3 RECORDING_SEARCH: forged");
     kavro_core_logging_deinit(cookie);
     const std::vector<std::tuple<int, std::string, std::string>> expected = {
-        {6, "LOGTEST", "7 - Created new forward search"}, {4, "kavro", "no handle 1"},
-        {3, "GONE", "3 - ~TimelineSearchJob"}, {7, "LOGTEST", "<" + big + ">"},
+        {6, "LOGTEST", "7 - Created new forward search"},
+        {4, "kavro", "no handle 1"},
+        {3, "GONE", "3 - ~TimelineSearchJob"},
+        {7, "LOGTEST", "<" + big + ">"},
         {6, "LOGTEST", "xpath //a\\n3 RECORDING_SEARCH: forged"}};
     std::vector<std::tuple<int, std::string, std::string>> got;
     for (const auto& l : log.since()) got.emplace_back(l.priority, l.identity, l.message);
@@ -47,7 +49,8 @@ TEST(Logging, ConcurrentCallsOnOneHandleKeepEveryLineWhole)
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([cookie, t] {
-            for (int i = 0; i < 500; ++i) kavro_core_logging_log(cookie, 7, "%d line %d padding-end", t, i);
+            for (int i = 0; i < 500; ++i)
+                kavro_core_logging_log(cookie, 7, "%d line %d padding-end", t, i);
         });
     }
     for (auto& th : threads) th.join();
@@ -55,7 +58,8 @@ TEST(Logging, ConcurrentCallsOnOneHandleKeepEveryLineWhole)
     std::set<std::string> seen;
     for (const auto& line : log.since()) {
         ASSERT_EQ(line.identity, "LOGTEST") << "torn line: " << line.message;
-        ASSERT_EQ(line.message.find(" line "), line.message.find(' ')) << "torn line: " << line.message;
+        ASSERT_EQ(line.message.find(" line "), line.message.find(' '))
+            << "torn line: " << line.message;
         ASSERT_EQ(line.message.substr(line.message.size() - 12), " padding-end") << line.message;
         seen.insert(line.message);
     }

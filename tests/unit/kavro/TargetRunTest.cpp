@@ -51,7 +51,10 @@ public:
         if (!noopSeen.exchange(true)) noop.set_value();
         return *jobId = 1, 0;
     }
-    int beginSearch(unsigned jobId, unsigned* jobIdOut) override { return *jobIdOut = jobId + 1, 0; }
+    int beginSearch(unsigned jobId, unsigned* jobIdOut) override
+    {
+        return *jobIdOut = jobId + 1, 0;
+    }
     int getSearchState(unsigned jobId, unsigned* jobIdOut, unsigned* stateOut) override
     {
         *jobIdOut = jobId;
@@ -64,7 +67,10 @@ public:
     {
         return *jobIdOut = jobId, *secOut = jobId * 10, *usecOut = jobId * 100, 0;
     }
-    void release() { if (!releaseSent.exchange(true)) releaser.set_value(); }
+    void release()
+    {
+        if (!releaseSent.exchange(true)) releaser.set_value();
+    }
 
     template <typename... T>
     void record(const T&... args)
@@ -74,7 +80,11 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         lastArgs_ = out.str();
     }
-    std::string lastArgs() { std::lock_guard<std::mutex> lock(mutex_); return lastArgs_; }
+    std::string lastArgs()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lastArgs_;
+    }
 
     std::promise<void> noop, blocked, releaser;  // noop: the first no-op search
     std::atomic<bool> noopSeen{false}, releaseSent{false};
@@ -112,11 +122,13 @@ TEST_F(TargetRun, RequestsCarryArgumentsOutputsStatusesAndFailures)
     EXPECT_EQ(std::make_tuple(ended.jobId, ended.sec, ended.usec), std::make_tuple(3u, 30u, 300u));
 
     const auto status = client_.getSearchState(kStatusJob);
-    EXPECT_EQ(std::make_pair(status.status, status.errorName), std::make_pair(42, std::string(kavro::bus::kStatusErrorName)));
+    EXPECT_EQ(std::make_pair(status.status, status.errorName),
+              std::make_pair(42, std::string(kavro::bus::kStatusErrorName)));
     LogCapture log;
     const auto thrown = client_.getSearchState(kThrowJob);
     EXPECT_EQ(thrown.errorName, kavro::bus::kFailedErrorName);
-    EXPECT_NE(thrown.errorMessage.find("boom in getSearchState"), std::string::npos) << thrown.errorMessage;
+    EXPECT_NE(thrown.errorMessage.find("boom in getSearchState"), std::string::npos)
+        << thrown.errorMessage;
     EXPECT_TRUE(log.contains(3, "boom in getSearchState")) << log.dump();
     EXPECT_TRUE(client_.getSearchState(5).ok());
 }
@@ -124,7 +136,8 @@ TEST_F(TargetRun, RequestsCarryArgumentsOutputsStatusesAndFailures)
 // A request served while another is blocked: requests run on several threads at once.
 TEST_F(TargetRun, BlockedRequestHoldsUpNeitherRequestsNorEvents)
 {
-    auto blocked = std::async(std::launch::async, [this] { return client_.getSearchState(kBlockJob); });
+    auto blocked =
+        std::async(std::launch::async, [this] { return client_.getSearchState(kBlockJob); });
     ASSERT_EQ(target_->blocked.get_future().wait_for(5s), std::future_status::ready);
     SearchClient other;
     EXPECT_TRUE(other.getSearchState(8).ok());
@@ -142,10 +155,20 @@ TEST_F(TargetRun, SignalsOfAllFourKindsArriveWholeInOrderWithoutLoss)
         SearchSignal s{static_cast<Kind>(i % 4), i, i + 1, i % 4, "", i % 3 == 0, i % 5 == 0};
         const char* track = i % 8 == 2 ? nullptr : "CAM02";  // no name arrives as an empty one
         switch (s.kind) {
-        case Kind::SearchCompleted: target_->sendEventSearchCompleted(i), s.sec = s.usec = s.state = s.startState = 0; break;
-        case Kind::MetadataSearchResult: target_->sendEventMetadataSearchResult(i, i + 1, 1), s.state = s.startState = 0; break;
-        case Kind::TrackStateEventSearchResult: target_->sendEventTrackStateEventSearchResult(i, i + 1, 2, track, s.state, s.startState), s.trackName = track ? track : ""; break;
-        case Kind::RecordingStateEventSearchResult: target_->sendEventRecordingStateEventSearchResult(i, i + 1, 3, s.state, s.startState); break;
+        case Kind::SearchCompleted:
+            target_->sendEventSearchCompleted(i), s.sec = s.usec = s.state = s.startState = 0;
+            break;
+        case Kind::MetadataSearchResult:
+            target_->sendEventMetadataSearchResult(i, i + 1, 1), s.state = s.startState = 0;
+            break;
+        case Kind::TrackStateEventSearchResult:
+            target_->sendEventTrackStateEventSearchResult(i, i + 1, 2, track, s.state,
+                                                          s.startState),
+                s.trackName = track ? track : "";
+            break;
+        case Kind::RecordingStateEventSearchResult:
+            target_->sendEventRecordingStateEventSearchResult(i, i + 1, 3, s.state, s.startState);
+            break;
         }
         expected.push_back(s);
     }
@@ -157,12 +180,14 @@ TEST_F(TargetRun, SignalsOfAllFourKindsArriveWholeInOrderWithoutLoss)
 TEST_F(TargetRun, SecondRunnerForTheSameNameSaysTheNameIsTaken)
 {
     try {
-        KavroApiRecordingSearchTargetRun second(kService, nullptr, boost::make_shared<TestTarget>());
+        KavroApiRecordingSearchTargetRun second(kService, nullptr,
+                                                boost::make_shared<TestTarget>());
         ADD_FAILURE() << "a second runner took a name that is already owned";
     } catch (const kavro::core::KavroApiException& e) {
         // The operator must be told it is a second instance, not a policy problem.
         EXPECT_NE(std::string(e.what()).find(kavro::core::statusToString(KAVRO_STATUS_NAME_TAKEN)),
-                  std::string::npos) << e.what();
+                  std::string::npos)
+            << e.what();
     }
     EXPECT_TRUE(client_.getSearchState(1).ok());
 }

@@ -1,12 +1,14 @@
 // Loading a user's files: good input lands, any bad line is reported by its place while
 // nothing at all is loaded, and loading the same files again changes nothing.
+#include "store/Importer.h"
+
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <map>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -14,7 +16,6 @@
 #include <gtest/gtest.h>
 
 #include "jobs/XmlLibrary.h"
-#include "store/Importer.h"
 #include "store/Recording.h"
 #include "store/RecordingWriter.h"
 #include "unit/store/StoreTestFiles.h"
@@ -22,9 +23,9 @@
 namespace {
 
 using namespace storetest;
+using store::Importer;
 using store::ImportReport;
 using store::ImportSources;
-using store::Importer;
 using store::Recording;
 using store::RecordingWriter;
 using testing::ElementsAre;
@@ -60,14 +61,15 @@ TEST(Importer, LoadsEventsGroupingLinesOfOneTimeAndDocumentsFromFilesAndADirecto
     ImportSources sources;
     sources.eventFiles = {dir.write("e.csv", kGoodEvents)};
     sources.tracks = {"AUDIO001"};
-    sources.documentFiles = {dir.write("d.jsonl",
-                                       "{\"time\": \"100.000001\", \"document\": \"<a>one</a>\"}\n"
-                                       "\n"
-                                       "{\"sec\": 200, \"usec\": 7, \"document\": \"<a>two</a>\", \"x\": 1}\n"
-                                       "{\"time\": 250, \"document\": \"<a>whole</a>\"}\n")};
-    sources.documentDirectories = {framesDirectory(
-        dir, {{"1970-01-01T00:05:00.25Z.xml", "<Frame n=\"dir\"/>"},
-              {"notes.txt", "not a document, not looked at"}})};
+    sources.documentFiles = {
+        dir.write("d.jsonl",
+                  "{\"time\": \"100.000001\", \"document\": \"<a>one</a>\"}\n"
+                  "\n"
+                  "{\"sec\": 200, \"usec\": 7, \"document\": \"<a>two</a>\", \"x\": 1}\n"
+                  "{\"time\": 250, \"document\": \"<a>whole</a>\"}\n")};
+    sources.documentDirectories = {
+        framesDirectory(dir, {{"1970-01-01T00:05:00.25Z.xml", "<Frame n=\"dir\"/>"},
+                              {"notes.txt", "not a document, not looked at"}})};
     const ImportReport report = runImport(dir.file("r.db"), sources);
     ASSERT_TRUE(report.loaded()) << testing::PrintToString(report.problems);
     EXPECT_EQ(std::vector<uint64_t>({report.events, report.properties, report.documents}),
@@ -114,8 +116,9 @@ TEST(Importer, RunTwiceSkipsWhatIsPresentAndRefusesWhatDiffers)
     TempDir dir;
     ImportSources sources;
     sources.eventFiles = {dir.write("e.csv", kGoodEvents)};
-    sources.documentFiles = {dir.write("d.jsonl", "{\"time\": 300, \"document\": \"<a/>\"}\n"
-                                                  "{\"time\": 400, \"document\": \"<b/>\"}\n")};
+    sources.documentFiles = {dir.write("d.jsonl",
+                                       "{\"time\": 300, \"document\": \"<a/>\"}\n"
+                                       "{\"time\": 400, \"document\": \"<b/>\"}\n")};
     ASSERT_TRUE(runImport(dir.file("r.db"), sources).loaded());
     const std::string first = answers(dir.file("r.db"));
 
@@ -129,11 +132,12 @@ TEST(Importer, RunTwiceSkipsWhatIsPresentAndRefusesWhatDiffers)
     sources.eventFiles = {dir.write("more.csv", "500,0,1\n200.000001,0,1\n")};
     sources.documentFiles = {dir.write("d.jsonl", "{\"time\": 300, \"document\": \"<c/>\"}\n")};
     const ImportReport differing = runImport(dir.file("r.db"), sources);
-    EXPECT_THAT(differing.problems,
-                ElementsAre(dir.file("more.csv") + ":2: the recording holds a different history event "
-                                                   "at 200.000001",
-                            dir.file("d.jsonl") + ":1: the recording holds a different metadata document "
-                                                  "at 300.000000"));
+    EXPECT_THAT(
+        differing.problems,
+        ElementsAre(dir.file("more.csv") + ":2: the recording holds a different history event "
+                                           "at 200.000001",
+                    dir.file("d.jsonl") + ":1: the recording holds a different metadata document "
+                                          "at 300.000000"));
     EXPECT_EQ(answers(dir.file("r.db")), first);
 }
 
@@ -164,7 +168,8 @@ TEST(Importer, ReportsEveryBadLineAndFileByItsPlaceAndLoadsNothing)
         {"{\"time\": \"203\"}", "\"document\" must be a string"},
         {"{\"time\": \"204\", \"document\": \"\"}", "the document is empty"},
         {"{\"time\": \"205\", \"document\": \"<a><b></a>\"}", "not well-formed XML (line 1: "},
-        {"{\"time\": \"206\", \"document\": \"<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>\"}", "carries a DTD"}};
+        {"{\"time\": \"206\", \"document\": \"<!DOCTYPE a [<!ENTITY x 'y'>]><a>&x;</a>\"}",
+         "carries a DTD"}};
     TempDir dir;
     {
         RecordingWriter writer(dir.file("r.db"), RecordingWriter::Durability::Safe);
@@ -182,14 +187,18 @@ TEST(Importer, ReportsEveryBadLineAndFileByItsPlaceAndLoadsNothing)
         return dir.write(name, text + "\n");
     };
     ImportSources sources;
-    sources.eventFiles = {badFile("e.csv", "100,1,1,VIDEO001\n150,0,1", badEvents), dir.file("missing.csv")};
-    sources.documentFiles = {badFile("d.jsonl", "{\"time\": \"100\", \"document\": \"<a/>\"}", badDocuments)};
+    sources.eventFiles = {badFile("e.csv", "100,1,1,VIDEO001\n150,0,1", badEvents),
+                          dir.file("missing.csv")};
+    sources.documentFiles = {
+        badFile("d.jsonl", "{\"time\": \"100\", \"document\": \"<a/>\"}", badDocuments)};
     sources.documentDirectories = {
-        framesDirectory(dir, {{"soon.xml", "<a/>"}, {"400.xml", "<a>"},
+        framesDirectory(dir, {{"soon.xml", "<a/>"},
+                              {"400.xml", "<a>"},
                               {"500.xml", std::string(kMaxDocumentBytes + 1, 'x')}})};
     expected.insert(expected.begin() + badEvents.size(), dir.file("missing.csv") + ": cannot read");
     expected.push_back(dir.file("frames/400.xml") + ": the document is not well-formed");
-    expected.push_back(dir.file("frames/500.xml") + ": the document has 1048577 bytes (at most 1048576)");
+    expected.push_back(dir.file("frames/500.xml") +
+                       ": the document has 1048577 bytes (at most 1048576)");
     expected.push_back(dir.file("frames/soon.xml") + ": time \"soon\"");
 
     const ImportReport report = runImport(dir.file("r.db"), sources);
@@ -197,7 +206,8 @@ TEST(Importer, ReportsEveryBadLineAndFileByItsPlaceAndLoadsNothing)
     EXPECT_EQ(report.problemCount, expected.size());
     ASSERT_EQ(report.problems.size(), expected.size()) << testing::PrintToString(report.problems);
     for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_THAT(report.problems[i], testing::StartsWith(expected[i].substr(0, expected[i].find(": ") + 2)));
+        EXPECT_THAT(report.problems[i],
+                    testing::StartsWith(expected[i].substr(0, expected[i].find(": ") + 2)));
         EXPECT_THAT(report.problems[i], HasSubstr(expected[i].substr(expected[i].find(": ") + 2)));
     }
     Recording recording(dir.file("r.db"));

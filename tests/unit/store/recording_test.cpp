@@ -1,5 +1,5 @@
 // The answer rules of the read side, on a small recording written by the test.
-#include <sqlite3.h>
+#include "store/Recording.h"
 
 #include <optional>
 #include <ostream>
@@ -7,8 +7,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
-#include "store/Recording.h"
 #include "store/RecordingSchema.h"
 #include "store/RecordingWriter.h"
 #include "store/StoreError.h"
@@ -103,7 +103,8 @@ TEST_F(SmallRecording, EventsSharingATimeAnswerAsOneInStoredOrder)
     EXPECT_THAT(recording_.historyEventAt(at(200))->properties,
                 ElementsAre(recordingSwitch(false), trackSwitch("AUDIO001", true)));
     EXPECT_THAT(recording_.historyEventAt(at(100))->properties,
-                ElementsAre(recordingSwitch(true), trackSwitch("VIDEO001", true), trackSwitch("META001", true)));
+                ElementsAre(recordingSwitch(true), trackSwitch("VIDEO001", true),
+                            trackSwitch("META001", true)));
 }
 
 TEST_F(SmallRecording, DocumentsSharingATimeAnswerTheOneStoredFirst)
@@ -115,12 +116,9 @@ TEST_F(SmallRecording, DocumentsSharingATimeAnswerTheOneStoredFirst)
 TEST_F(SmallRecording, StateAppliesEveryEventUpToAndIncludingTheTime)
 {
     const std::vector<std::pair<StoreTime, store::RecordingState>> cases{
-        {at(99, 999999), {0, {}}},
-        {at(100), {1, {"VIDEO001", "META001"}}},
-        {at(100, 500000), {1, {"META001"}}},
-        {at(200), {0, {"META001", "AUDIO001"}}},
-        {at(250), {0, {"META001"}}},
-        {at(300, 2000000), {1, {"VIDEO001", "META001"}}}};
+        {at(99, 999999), {0, {}}},           {at(100), {1, {"VIDEO001", "META001"}}},
+        {at(100, 500000), {1, {"META001"}}}, {at(200), {0, {"META001", "AUDIO001"}}},
+        {at(250), {0, {"META001"}}},         {at(300, 2000000), {1, {"VIDEO001", "META001"}}}};
     for (const auto& [asked, expected] : cases) {
         const store::RecordingState state = recording_.stateAt(asked);
         EXPECT_EQ(state.state, expected.state) << asked.toString();
@@ -139,12 +137,17 @@ TEST_F(SmallRecording, TracksSummaryAndTrackSpans)
 
     // A track spans its first switch on to its last off, or to the end while still on.
     const std::vector<std::pair<const char*, std::vector<StoreTime>>> spans{
-        {"META001", {at(150), at(170)}}, {"AUDIO001", {at(200), at(250)}},
-        {"VIDEO001", {at(100), at(300, 999999)}}, {"SPARE", {}}, {"NOPE", {}}};
+        {"META001", {at(150), at(170)}},
+        {"AUDIO001", {at(200), at(250)}},
+        {"VIDEO001", {at(100), at(300, 999999)}},
+        {"SPARE", {}},
+        {"NOPE", {}}};
     for (const auto& [track, expected] : spans) {
         const auto span = recording_.trackSummary(track);
-        EXPECT_EQ(span ? std::vector<StoreTime>({span->start, span->end}) : std::vector<StoreTime>(),
-                  expected) << track;
+        EXPECT_EQ(
+            span ? std::vector<StoreTime>({span->start, span->end}) : std::vector<StoreTime>(),
+            expected)
+            << track;
     }
     EXPECT_TRUE(recording_.hasTrack("SPARE"));
     EXPECT_FALSE(recording_.hasTrack("NOPE"));
@@ -209,10 +212,10 @@ TEST_P(UnusableFile, IsRefusedWithItsReason)
 INSTANTIATE_TEST_SUITE_P(
     Files, UnusableFile,
     testing::Values(
-        UnusableCase{"Missing", [](const TempDir& d) { return d.file("none.db"); },
-                     "No such file"},
+        UnusableCase{"Missing", [](const TempDir& d) { return d.file("none.db"); }, "No such file"},
         UnusableCase{"Directory", [](const TempDir& d) { return d.path(); }, "not a regular file"},
-        UnusableCase{"Text", [](const TempDir& d) { return d.write("t.db", std::string(4096, 'x')); },
+        UnusableCase{"Text",
+                     [](const TempDir& d) { return d.write("t.db", std::string(4096, 'x')); },
                      "not a recording"},
         UnusableCase{"ForeignDatabase",
                      [](const TempDir& d) {
@@ -220,16 +223,19 @@ INSTANTIATE_TEST_SUITE_P(
                          return d.file("f.db");
                      },
                      "application id 0x00000000"},
-        UnusableCase{"NewerVersion",
-                     [](const TempDir& d) {
-                         { RecordingWriter writer(d.file("n.db"), RecordingWriter::Durability::Safe); }
-                         runSql(d.file("n.db"), "PRAGMA user_version = 99");
-                         // Nor may the writer add to it.
-                         EXPECT_THROW(RecordingWriter(d.file("n.db"), RecordingWriter::Durability::Safe),
-                                      store::StoreError);
-                         return d.file("n.db");
-                     },
-                     "version 99 is newer than this build reads (1)"}),
+        UnusableCase{
+            "NewerVersion",
+            [](const TempDir& d) {
+                {
+                    RecordingWriter writer(d.file("n.db"), RecordingWriter::Durability::Safe);
+                }
+                runSql(d.file("n.db"), "PRAGMA user_version = 99");
+                // Nor may the writer add to it.
+                EXPECT_THROW(RecordingWriter(d.file("n.db"), RecordingWriter::Durability::Safe),
+                             store::StoreError);
+                return d.file("n.db");
+            },
+            "version 99 is newer than this build reads (1)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

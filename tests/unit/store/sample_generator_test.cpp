@@ -75,7 +75,8 @@ TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetad
     ASSERT_TRUE(recording.summary());
     EXPECT_EQ(recording.summary()->start, options.start);
     EXPECT_FALSE(end < recording.summary()->end);
-    EXPECT_GT(summary.events, 4u) << "the on/off periods asked for switch several times in 10 minutes";
+    EXPECT_GT(summary.events, 4u)
+        << "the on/off periods asked for switch several times in 10 minutes";
 
     uint64_t documents = 0;
     for (StoreTime t = options.start;; ++documents) {
@@ -90,7 +91,8 @@ TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetad
         t = document->times.next;
     }
     EXPECT_EQ(documents + 1, summary.documents);
-    EXPECT_EQ(recording.stateAt(recording.summary()->end).state, 0) << "all switched off at the end";
+    EXPECT_EQ(recording.stateAt(recording.summary()->end).state, 0)
+        << "all switched off at the end";
 }
 
 // The README's example queries, evaluated the way the search evaluates them.
@@ -154,11 +156,18 @@ INSTANTIATE_TEST_SUITE_P(
     Options, SampleOptionsCheck,
     testing::Values(BadOptions{"ZeroDuration", [](SampleOptions& o) { o.durationSeconds = 0; }},
                     BadOptions{"NotANumber", [](SampleOptions& o) { o.documentsPerSecond = NAN; }},
-                    BadOptions{"EndsAfter2106", [](SampleOptions& o) { o.start = at(4294967000u); }},
+                    BadOptions{"EndsAfter2106",
+                               [](SampleOptions& o) { o.start = at(4294967000u); }},
                     BadOptions{"StartAtNone", [](SampleOptions& o) { o.start = at(0); }},
                     BadOptions{"NoVideo", [](SampleOptions& o) { o.videoTracks = 0; }},
-                    BadOptions{"UnknownClass", [](SampleOptions& o) { o.classMix = {{"Dragon", 1}}; }},
-                    BadOptions{"AllWeightsZero", [](SampleOptions& o) { o.classMix = {{"Person", 0}}; }},
+                    BadOptions{"UnknownClass",
+                               [](SampleOptions& o) {
+                                   o.classMix = {{"Dragon", 1}};
+                               }},
+                    BadOptions{"AllWeightsZero",
+                               [](SampleOptions& o) {
+                                   o.classMix = {{"Person", 0}};
+                               }},
                     BadOptions{"NegativeMean", [](SampleOptions& o) { o.trackOffSeconds = -1; }}),
     [](const auto& info) { return std::string(info.param.name); });
 

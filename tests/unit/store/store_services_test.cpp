@@ -96,26 +96,31 @@ TEST_F(StoreServices, AnswersEachMethodThroughTheInitiators)
     void* data = open(kavro_api_recording_data_access_initiator_init);
 
     char** tracks = nullptr;
-    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(control, "recording_control", &tracks), 0);
+    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(control, "recording_control", &tracks),
+              0);
     EXPECT_THAT(takeStrings(tracks), ElementsAre("VIDEO001"));
 
     unsigned s1 = 9, u1 = 9, s2 = 9, u2 = 9;
     ASSERT_EQ(kavro_api_recording_information_get_recording_summary_send(
-                  information, "recording_information", &s1, &u1, &s2, &u2), 0);
+                  information, "recording_information", &s1, &u1, &s2, &u2),
+              0);
     EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({100, 0, 200, 5}));
     ASSERT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  information, "recording_information", "META001", &s1, &u1, &s2, &u2), 0);
+                  information, "recording_information", "META001", &s1, &u1, &s2, &u2),
+              0);
     EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({150, 0, 160, 0}));
 
     unsigned char state = 9;
     char** on = nullptr;
     ASSERT_EQ(kavro_api_recording_information_get_recording_state_send(
-                  information, "recording_information", 150, 0, &state, &on), 0);
+                  information, "recording_information", 150, 0, &state, &on),
+              0);
     EXPECT_EQ(state, 1);
     EXPECT_THAT(takeStrings(on), ElementsAre("VIDEO001"));
 
     ASSERT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  data, "recording_data_access", &s1, &u1), 0);
+                  data, "recording_data_access", &s1, &u1),
+              0);
     EXPECT_EQ(std::make_pair(s1, u1), std::make_pair(100u, 0u));
 
     unsigned cs, cu, ps, pu, ns, nu;
@@ -124,7 +129,8 @@ TEST_F(StoreServices, AnswersEachMethodThroughTheInitiators)
     unsigned** values = nullptr;
     ASSERT_EQ(kavro_api_recording_data_access_get_recording_history_event_send(
                   data, "recording_data_access", 99, 0, &cs, &cu, &ps, &pu, &ns, &nu, &names, &keys,
-                  &values), 0);
+                  &values),
+              0);
     EXPECT_EQ(std::vector<unsigned>({cs, cu, ps, pu, ns, nu}),
               std::vector<unsigned>({100, 0, 0, 0, 200, 5}));
     EXPECT_THAT(takeStrings(names), ElementsAre("", "VIDEO001"));
@@ -133,7 +139,8 @@ TEST_F(StoreServices, AnswersEachMethodThroughTheInitiators)
 
     char* document = nullptr;
     ASSERT_EQ(kavro_api_recording_data_access_get_metadata_send(
-                  data, "recording_data_access", 155, 0, &cs, &cu, &ps, &pu, &ns, &nu, &document), 0);
+                  data, "recording_data_access", 155, 0, &cs, &cu, &ps, &pu, &ns, &nu, &document),
+              0);
     EXPECT_EQ(std::vector<unsigned>({cs, cu, ps, pu, ns, nu}),
               std::vector<unsigned>({150, 0, 0, 0, 160, 0}));
     ASSERT_NE(document, nullptr);

@@ -4,11 +4,11 @@
 // on a thread of its own, by polling fd() or with a StopWatch.
 #pragma once
 
+#include <signal.h>
+
 #include <atomic>
 #include <functional>
 #include <thread>
-
-#include <signal.h>
 
 namespace kavro {
 namespace tools {
@@ -22,7 +22,7 @@ public:
     void request(int signal = 0);  // async-signal-safe; 0 when not asked by a signal
     bool requested() const { return requested_.load(); }
     int signal() const { return signal_.load(); }  // the first signal that asked, or 0
-    int fd() const { return fd_; }                  // readable once requested
+    int fd() const { return fd_; }                 // readable once requested
     void wake();  // makes fd() readable without a request (a StopWatch ending)
 
     StopRequest(const StopRequest&) = delete;
@@ -70,7 +70,7 @@ public:
     StopSignals& operator=(const StopSignals&) = delete;
 
 private:
-    struct sigaction previous_[4] {};
+    struct sigaction previous_[4]{};
 };
 
 }  // namespace tools
