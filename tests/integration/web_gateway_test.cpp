@@ -1,6 +1,7 @@
 // recording_search_web as a remote program uses it: the real binaries on a bus of the test's
 // own, curl as the HTTP client.
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 
 #include "support/GeneratedRecording.h"
 #include "support/ProcessRunner.h"
+#include "support/SearchClient.h"
 #include "support/ServiceStack.h"
 #include "support/TempDir.h"
 
@@ -62,6 +64,24 @@ std::vector<std::string> lines(const std::string& text)
     return out;
 }
 
+// What arrives on `s` until `marker` has (empty: until the end), within 60 s.
+std::string readUntil(int s, const std::string& marker)
+{
+    std::string text;
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    char buffer[4096];
+    while (marker.empty() || text.find(marker) == std::string::npos) {
+        pollfd readable{s, POLLIN, 0};
+        if (std::chrono::steady_clock::now() > deadline || poll(&readable, 1, 1000) < 0) break;
+        if (readable.revents == 0) continue;
+        const ssize_t n = read(s, buffer, marker.empty() ? sizeof buffer : 1);
+        if (n <= 0) break;
+        text.append(buffer, size_t(n));
+    }
+    EXPECT_TRUE(marker.empty() || text.find(marker) != std::string::npos) << text;
+    return text;
+}
+
 // The stack, and the gateway in front of it.
 class Gateway {
 public:
@@ -102,6 +122,25 @@ public:
                            std::vector<std::string> extra = {}) const
     {
         return rstest::runToEnd("curl", curlArgs(path, body, std::move(extra)), {}, 60s);
+    }
+
+    // A raw connection with a small receive buffer, its request sent; nothing read yet.
+    int request(const std::string& path, const std::string& body) const
+    {
+        const int s = socket(AF_INET, SOCK_STREAM, 0);
+        const int small = 4096;
+        setsockopt(s, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(uint16_t(port_));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const std::string text =
+            "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + "Authorization: Bearer " +
+            kToken + "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: " +
+            std::to_string(body.size()) + "\r\n\r\n" + body;
+        EXPECT_EQ(write(s, text.data(), text.size()), ssize_t(text.size()));
+        return s;
     }
 
     rstest::RunResult recsearch(const std::vector<std::string>& args) const
@@ -286,9 +325,24 @@ TEST(GatewayStreams, EndWithTheirReader)
     const auto again = gateway.post("/api/v1/events", "{" + kWholeHour + "}");
     EXPECT_EQ(json::parse(lines(again.out).back()).at("kind"), "completed") << again.out;
 
-    // At 4 KiB/s the whole hour's lines would take the reader minutes: only the bound ends it.
-    const auto slow = gateway.post("/api/v1/metadata", wholeHour, {"--limit-rate", "4k"});
-    const json cut = json::parse(lines(slow.out).back());
+    // A reader that reads nothing, with a small receive buffer: only the bound ends its search.
+    const int reader = gateway.request("/api/v1/metadata", wholeHour);
+    const std::string head = readUntil(reader, "}\n");  // the line naming the search
+    const auto slowId = uint32_t(
+        std::stoul(std::regex_replace(head, std::regex(R"([\s\S]*"id":(\d+)[\s\S]*)"), "$1")));
+    rstest::SearchClient service(gateway.stack().address());
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (service.getSearchState(slowId).value.state != 0) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline)
+            << "search " << slowId << " still runs";
+        std::this_thread::sleep_for(100ms);
+    }
+    const std::string rest = readUntil(reader, "");
+    close(reader);
+    // The last line of the body, between the chunks' framing.
+    const auto at = rest.rfind("{\"error\"");
+    ASSERT_NE(at, std::string::npos) << rest.substr(rest.size() > 300 ? rest.size() - 300 : 0);
+    const json cut = json::parse(rest.substr(at, rest.find('\n', at) - at));
     EXPECT_NE(cut.value("error", "").find("the client read too slowly"), std::string::npos) << cut;
 }
 
