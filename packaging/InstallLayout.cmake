@@ -1,9 +1,11 @@
 # Where the installed files go, relative to the install prefix, as systemd and D-Bus look
 # for them. Each program is one install component and one Debian package:
-#   service -> recording-search, store -> recording-store, client -> recsearch.
+#   service -> recording-search, store -> recording-store, client -> recsearch,
+#   web -> recording-search-web.
 include(GNUInstallDirs)
 set(RS_UNIT_DIR lib/systemd/system)
 set(RS_SYSUSERS_DIR lib/sysusers.d)
+set(RS_TMPFILES_DIR lib/tmpfiles.d)
 set(RS_DBUS_DIR ${CMAKE_INSTALL_DATAROOTDIR}/dbus-1)
 
 # Installs FILE into DESTINATION with @libexecdir@, @bindir@ and @datadir@ replaced by the

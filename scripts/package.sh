@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the Debian packages recording-search, recording-store and recsearch from the default
-# build into build/packages/.
+# Builds the Debian packages recording-search, recording-store, recsearch and
+# recording-search-web from the default build into build/packages/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh default programs

@@ -10,13 +10,13 @@ build_preset=${2:-$preset}
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
           libsqlite3-dev dbus-daemon dbus-bin libcli11-dev nlohmann-json3-dev dpkg-dev
-          libmicrohttpd-dev curl)
+          libmicrohttpd-dev curl help2man)
 # The programs alone build and run without these: the demo's first run on a fresh machine
 # saves their download and installation.
 [ "$build_preset" = programs ] ||
   packages+=(libboost-filesystem-dev libgtest-dev libgmock-dev libbenchmark-dev python3 procps
              systemd sqlite3 clang libclang-rt-14-dev librsvg2-bin clang-format clang-tidy
-             chromium chromium-driver python3-selenium lintian help2man man-db)
+             chromium chromium-driver python3-selenium lintian man-db)
 
 missing=()
 for p in "${packages[@]}"; do
