@@ -2,6 +2,7 @@
 // link-time fake of the recording services; events are kept by the fake runner.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -27,6 +28,18 @@ namespace walk {
 using fake::Sent;
 
 inline SearchTime t(unsigned int sec, unsigned int usec = 0) { return {sec, usec}; }
+
+// Asks until `done` says yes, at most `limit`; whether it did.
+template <typename Done>
+bool eventually(Done done, std::chrono::milliseconds limit = std::chrono::seconds(5))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 inline std::string frame(const char* type)
 {

@@ -45,21 +45,21 @@ TEST_F(UnbegunExpiry, SearchNeverBegunFreesItsSlotWhileABegunOneKeepsWalking)
         inCall = true;
         for (int i = 0; i < 300 && !release; ++i) std::this_thread::sleep_for(10ms);
     };
+    const auto created = std::chrono::steady_clock::now();
     const int begun = create();
     const int idle = create();
     unsigned int out = 0;
     target->beginSearch(static_cast<unsigned int>(begun), &out);
-    while (!inCall) std::this_thread::sleep_for(1ms);
-    const auto created = std::chrono::steady_clock::now();
-    EXPECT_EQ(create(), -1);
-
-    int third = -1;
-    while (third < 0 && std::chrono::steady_clock::now() - created < 3s) {
-        std::this_thread::sleep_for(20ms);
-        third = create();
+    ASSERT_TRUE(eventually([&] { return inCall.load(); })) << "the begun search never walked";
+    // Clearly before the expiry (300 ms after the create) the slot is still taken; clearly
+    // after it, it is free.
+    std::this_thread::sleep_until(created + 100ms);
+    if (std::chrono::steady_clock::now() < created + 200ms) {
+        EXPECT_EQ(create(), -1);
     }
-    EXPECT_GT(third, 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - created, 250ms);
+    int third = -1;
+    EXPECT_TRUE(eventually([&] { return (third = create()) > 0; }, 3s))
+        << "the search never begun still holds its slot";
     EXPECT_EQ(state(idle), 0u);
     EXPECT_EQ(state(begun), 1u);
     release = true;

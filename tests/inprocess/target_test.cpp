@@ -1,10 +1,13 @@
 // The target's requests, its limit of running searches, and its event loop, reached through
 // its public operations only; searches walk on their own workers where the test is about them.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -66,6 +69,30 @@ TEST_F(Target, AtMostTwoSearchesRunAndARefusalTakesNoId)
     EXPECT_EQ(1u, state(b));
 }
 
+// Creates that arrive at the same moment, as from several clients: never a third running search.
+TEST_F(Target, CreatesAtTheSameMomentNeverMakeAThirdRunningSearch)
+{
+    for (int round = 0; round < 20; ++round) {
+        std::promise<void> go;
+        const std::shared_future<void> started = go.get_future().share();
+        std::vector<int> ids(6, -1);
+        std::vector<std::thread> clients;
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            clients.emplace_back([&, i] {
+                started.wait();
+                target->createEventSearch(100, 0, 130, 0, -1, 0, 0, 0, &ids[i]);
+            });
+        }
+        go.set_value();
+        for (auto& client : clients) client.join();
+        EXPECT_EQ(2, std::count_if(ids.begin(), ids.end(), [](int id) { return id != -1; }))
+            << "round " << round;
+        for (int id : ids) {
+            if (id != -1) end(id);
+        }
+    }
+}
+
 TEST_F(Target, MicrosecondsAbove999999AreRefusedWithStatus1)
 {
     for (unsigned int bad : {1000000u, 4294967295u}) {
@@ -117,7 +144,7 @@ TEST_F(Target, EndingARunningWalkWaitsForTheStepInProgressAndCompletesOnce)
     };
     const int id = createEvent(t(105), t(130));
     begin(id);
-    while (!inCall) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(eventually([&] { return inCall.load(); })) << "the walk never reached 120";
     EXPECT_EQ(t(110, 500000), end(id));
     const int calls = services.historyCalls;  // the worker has stopped: no call after this
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

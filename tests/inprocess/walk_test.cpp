@@ -43,6 +43,21 @@ TEST_F(EventWalk, RangeBeyondTheRecordingIsFittedToItAndIncludesBothEnds)
                 ElementsAre(track(t(120), "VIDEO001", 0), track(t(110, 500000), "AUDIO001", 1)));
 }
 
+// Start equal to end: a forward search of one instant, whose bounds both hold what is there.
+TEST_F(EventWalk, ASingleInstantHoldsTheChangeAtIt)
+{
+    SearchTime reached;
+    EXPECT_THAT(walk(createEvent(t(120), t(120)), &reached),
+                ElementsAre(track(t(120), "VIDEO001", 0)));
+    EXPECT_EQ(t(120), reached);
+    EXPECT_THAT(walk(createEvent(t(120), t(120), -1, true)),
+                ElementsAre(track(t(120), "AUDIO001", 1, 1), track(t(120), "META001", 0, 1),
+                            track(t(120), "VIDEO001", 0, 1), recording(t(120), 1, 1),
+                            track(t(120), "VIDEO001", 0)));
+    EXPECT_THAT(walk(createEvent(t(121), t(121))), IsEmpty());
+    EXPECT_THAT(walk(createMetadata(t(112), t(112), kPerson)), ElementsAre(meta(t(112))));
+}
+
 TEST_F(EventWalk, EachPropertyCountsAgainstTheLimitAndTheStartStateDoesNot)
 {
     EXPECT_THAT(walk(createEvent(t(100), t(130), 3)),

@@ -98,4 +98,28 @@ TEST(ClientDeparture, RecsearchKilledMidSearchFreesItsSlot)
     EXPECT_EQ(stack.stop(), "");
 }
 
+// A client that leaves while its create waits for a stalled store: the search it asked for is
+// ended as soon as it exists, so its slot is free at once, not after the unbegun expiry (30 s).
+TEST(ClientDeparture, ClientGoneWhileItsCreateWaitsLeavesNoSearchBehind)
+{
+    rstest::ServiceStack stack(reliability::longRecordingStack());
+    rstest::LogCapture log(stack.logPath());
+    rstest::SearchClient observer(stack.address());
+    ASSERT_GT(createLongEventSearch(observer),
+              0);  // one slot taken; the gone client's is the other
+    stack.store().sendSignal(SIGSTOP);
+    rstest::ProcessRunner gone(
+        "busctl", {"--address=" + stack.address(), "--timeout=20", "call", "kavro.recording_search",
+                   "/kavro/recording_search", "kavro.recording_search", "CreateEventSearch",
+                   "uuuuiyyy", std::to_string(LongRecording::kStart), "0",
+                   std::to_string(LongRecording::kEnd), "0", "1000000", "0", "0", "0"});
+    gone.start();
+    std::this_thread::sleep_for(500ms);  // the call reaches the service, which asks the store
+    gone.sendSignal(SIGKILL);
+    gone.waitForExit();
+    stack.store().sendSignal(SIGCONT);
+    EXPECT_TRUE(within3s([&] { return createLongEventSearch(observer) > 0; })) << log.dump();
+    EXPECT_EQ(stack.stop(), "");
+}
+
 }  // namespace

@@ -60,7 +60,11 @@ public:
         *jobIdOut = jobId;
         *stateOut = 1;
         if (jobId == kThrowJob) throw std::runtime_error("boom in getSearchState");
-        if (jobId == kBlockJob) blocked.set_value(), released.wait();
+        if (jobId == kBlockJob) {
+            blocked.set_value();
+            EXPECT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready)
+                << "the blocked request was never released";
+        }
         return jobId == kStatusJob ? 42 : 0;
     }
     int endSearch(unsigned jobId, unsigned* jobIdOut, unsigned* secOut, unsigned* usecOut) override

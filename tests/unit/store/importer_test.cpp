@@ -139,6 +139,16 @@ TEST(Importer, RunTwiceSkipsWhatIsPresentAndRefusesWhatDiffers)
                     dir.file("d.jsonl") + ":1: the recording holds a different metadata document "
                                           "at 300.000000"));
     EXPECT_EQ(answers(dir.file("r.db")), first);
+    // Two tracks that switch at the same moment are told apart by their names, on both runs.
+    sources.eventFiles = {dir.write("pair.csv", "600,1,1,AUDIO001\n600,1,1,AUDIO002\n")};
+    sources.documentFiles = {};
+    ASSERT_EQ(runImport(dir.file("r.db"), sources).events, 1u);
+    const ImportReport pairAgain = runImport(dir.file("r.db"), sources);
+    EXPECT_EQ(std::vector<uint64_t>({pairAgain.events, pairAgain.skippedEvents}),
+              std::vector<uint64_t>({0, 1}));
+    const auto pair = Recording(dir.file("r.db")).historyEventAt(at(600));
+    ASSERT_EQ(pair->properties.size(), 2u);
+    EXPECT_EQ(pair->properties[0].name + " " + pair->properties[1].name, "AUDIO001 AUDIO002");
 }
 
 // Each bad line sits between good ones, so a partial load would show; every one is reported
