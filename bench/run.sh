@@ -60,6 +60,7 @@ for i, name in enumerate(names):
 PY
 }
 
+load=$(cut -d' ' -f1-3 /proc/loadavg)
 out=bench/results.md
 {
   echo "# Benchmark results"
@@ -68,7 +69,7 @@ out=bench/results.md
   echo "$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(free -g | awk '/Mem:/{print $2}') GiB,"
   echo "$(. /etc/os-release; echo "$PRETTY_NAME"), kernel $(uname -r). Release build; private dbus-daemon;"
   echo "service log to a file up to priority 6, as the unit sets it. Recording: ${duration}, ${docs} metadata documents,"
-  echo "four tracks switching about once a second."
+  echo "four tracks switching about once a second. Load average when the run began: $load."
   echo
   echo "| figure | measured | anchor | ratio |"
   echo "|---|---|---|---|"

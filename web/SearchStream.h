@@ -80,6 +80,7 @@ private:
     std::condition_variable changed_;
     std::string lines_;  // from readFrom_ on: not yet read
     std::size_t readFrom_ = 0;
+    std::size_t readerWants_ = 0;  // bytes that wake the waiting reader; 0: it is not waiting
     bool overflowed_ = false;
     bool interrupted_ = false;
     bool readerGone_ = false;
