@@ -7,6 +7,7 @@ cd "$(dirname "$0")/.."
 quick=0; [ "${1:-}" = --quick ] && quick=1
 
 scripts/setup.sh release
+load=$(cut -d' ' -f1-3 /proc/loadavg)  # reported with the figures: they need an idle machine
 bin=build/release/bin
 work=$(mktemp -d)
 pids=()
@@ -60,7 +61,6 @@ for i, name in enumerate(names):
 PY
 }
 
-load=$(cut -d' ' -f1-3 /proc/loadavg)
 out=bench/results.md
 {
   echo "# Benchmark results"
