@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -405,7 +406,10 @@ void HttpGateway::streamClosed(const std::shared_ptr<SearchStream>& stream)
 
 Reply HttpGateway::endSearch(const std::string& idText)
 {
-    const auto id = uint32_t(std::stoul(idText));
+    // Ten digits may be more than a job id holds: such an id is one nobody has.
+    const unsigned long long wide = std::stoull(idText);
+    if (wide > UINT32_MAX) return errorReply(MHD_HTTP_NOT_FOUND, "no search with job id " + idText);
+    const auto id = uint32_t(wide);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto it = streams_.find(id);

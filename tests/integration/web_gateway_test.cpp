@@ -260,8 +260,8 @@ TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
         {"bad likelihood",
          gateway.curlArgs("/api/v1/metadata", "{" + kWholeHour + R"(,"minLikelihood":1.5})"), "400",
          "minLikelihood: 1.5 is not a likelihood from 0 to 1 (for example 0.8)"},
-        {"unknown search", gateway.curlArgs("/api/v1/searches/4000", "", {"-X", "DELETE"}), "404",
-         "no search with job id 4000"},
+        {"unknown search", gateway.curlArgs("/api/v1/searches/4294967296", "", {"-X", "DELETE"}),
+         "404", "no search with job id 4294967296"},
     };
     for (const auto& c : cases) {
         auto args = c.args;
