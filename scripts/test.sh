@@ -2,7 +2,7 @@
 # Sets up what is missing and runs every test: the whole suite in the default build with the
 # formatting and lint checks, the demo, the Debian packages (contents, units and their
 # hardening, bus configuration, a search with the shipped programs) and a short fuzzing run; then the whole suite again under
-# ASan+UBSan and under TSan (soak and load scaled down there). Pass preset names to run only
+# ASan+UBSan and under TSan (load scaled down there). Pass preset names to run only
 # those, e.g. `scripts/test.sh default`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,8 +15,8 @@ run_preset() {
   scripts/setup.sh "$preset"
   echo "== $preset: tests" >&2
   case "$preset" in
-    asan) RS_SOAK_SEARCHES=600 RS_LOAD_SECONDS=3 ctest --preset asan -j2 --timeout 900 ;;
-    tsan) RS_SOAK_SEARCHES=300 RS_LOAD_SECONDS=3 ctest --preset tsan -j2 --timeout 900 ;;
+    asan) RS_LOAD_SECONDS=3 ctest --preset asan -j2 --timeout 900 ;;
+    tsan) RS_LOAD_SECONDS=3 ctest --preset tsan -j2 --timeout 900 ;;
     *) ctest --preset "$preset" -j2 --timeout 600 ;;
   esac
 }

@@ -77,27 +77,6 @@ TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
     EXPECT_EQ(stack.stop(), "");
 }
 
-TEST(ClientDeparture, RecsearchKilledMidSearchFreesItsSlot)
-{
-    rstest::ServiceStack stack(reliability::longRecordingStack());
-    rstest::SearchClient observer(stack.address());
-    rstest::ProcessRunner recsearch(
-        reliability::bin("recsearch"),
-        {"events", std::to_string(LongRecording::kStart), std::to_string(LongRecording::kEnd)},
-        stack.clientEnv());
-    recsearch.start();
-    ASSERT_TRUE(observer.waitForSignalCount(5, 10s));
-    const uint32_t killed = observer.signals().front().jobId;
-    recsearch.sendSignal(SIGKILL);
-    recsearch.waitForExit();
-
-    ASSERT_TRUE(observer.waitForCompleted(killed, 3s));
-    EXPECT_EQ(observer.getSearchState(killed).value.state, 0u);
-    EXPECT_GT(createLongEventSearch(observer), 0);
-    EXPECT_GT(createLongEventSearch(observer), 0);
-    EXPECT_EQ(stack.stop(), "");
-}
-
 // A client that leaves while its create waits for a stalled store: the search it asked for is
 // ended as soon as it exists, so its slot is free at once, not after the unbegun expiry (30 s).
 TEST(ClientDeparture, ClientGoneWhileItsCreateWaitsLeavesNoSearchBehind)

@@ -1,4 +1,4 @@
-// The real processes on a bus of their own, for the fault, load, soak, access and hostile
+// The real processes on a bus of their own, for the fault, load, access and hostile
 // tests: recording_store serving a long generated recording, recording_search, and helpers to
 // run a search and to read a process's resource use from /proc.
 #pragma once
@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <utility>
@@ -34,15 +33,6 @@ inline long envNumber(const char* name, long fallback)
     char* end = nullptr;
     const long value = std::strtol(text, &end, 10);
     return (end != text && *end == '\0' && value > 0) ? value : fallback;
-}
-
-inline bool underSanitizer()
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#else
-    return false;
-#endif
 }
 
 // One recording for the whole test binary that a walk needs many seconds for: about 21000
@@ -138,9 +128,8 @@ inline SearchRun referenceSearch(rstest::SearchClient& client, bool metadata)
     });
 }
 
-// What /proc says of a process: resident memory, open descriptors, threads.
+// What /proc says of a process: open descriptors and threads.
 struct ProcessUse {
-    long rssKb = -1;
     long fds = -1;
     long threads = -1;
 };
@@ -151,12 +140,7 @@ inline ProcessUse processUse(pid_t pid)
     const auto entries = [](const std::string& dir) {
         return long(std::distance(std::filesystem::directory_iterator(dir), {}));
     };
-    ProcessUse use{-1, entries(proc + "/fd"), entries(proc + "/task")};
-    std::ifstream status(proc + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) use.rssKb = std::stol(line.substr(6));
-    }
-    return use;
+    return {entries(proc + "/fd"), entries(proc + "/task")};
 }
 
 }  // namespace reliability

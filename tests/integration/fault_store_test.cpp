@@ -1,6 +1,6 @@
-// recording_store failing under a running recording_search: killed or stalled mid-walk,
-// restarted or gone while the service is idle, and the bus itself going away. Every affected
-// search must end normally within a bound, and the next searches must answer as before.
+// recording_store failing under a running recording_search: killed or stalled mid-walk and
+// then back, and the bus itself going away. Every affected search must end normally within a
+// bound, and the next searches must answer as before.
 
 #include <signal.h>
 
@@ -139,29 +139,6 @@ TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 
     kill(stack.store().pid(), SIGCONT);
     EXPECT_TRUE(referenceSearch(client, true).completed);
-    EXPECT_EQ(stack.stop(), "");
-}
-
-TEST(StoreFault, StoreGoneOrRestartedWhileIdle)
-{
-    Stack stack(faultStack());
-    rstest::SearchClient client(stack.address());
-    const SearchRun events = referenceSearch(client, false),
-                    documents = referenceSearch(client, true);
-    ASSERT_FALSE(events.results.empty() || documents.results.empty());
-
-    ASSERT_EQ(stack.stopStore(), "");
-    for (bool metadata : {false, true}) {
-        const auto start = Clock::now();
-        const SearchRun without = referenceSearch(client, metadata);
-        EXPECT_TRUE(without.completed) << "a search without the store still completes";
-        EXPECT_TRUE(without.results.empty());
-        EXPECT_LT(Clock::now() - start, 5s) << "an absent service answers at once";
-    }
-
-    stack.startStore();
-    EXPECT_EQ(withoutIds(referenceSearch(client, false).results), withoutIds(events.results));
-    EXPECT_EQ(withoutIds(referenceSearch(client, true).results), withoutIds(documents.results));
     EXPECT_EQ(stack.stop(), "");
 }
 

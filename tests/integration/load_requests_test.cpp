@@ -1,6 +1,7 @@
 // Several clients at once against recording_search while two searches walk the recording:
 // every request answers as the contract says, ids never repeat, every search completes exactly
-// once. Latency under the same load is bench/system_bench's to measure.
+// once, and afterwards no thread or descriptor is left behind. Latency and memory under the
+// same load are bench/system_bench's to measure.
 //
 // RS_LOAD_CLIENTS (default 4) and RS_LOAD_SECONDS (default 5) scale the run; each client also
 // stops after RS_LOAD_REQUESTS requests (default 20000), so the run is bounded both ways.
@@ -84,6 +85,7 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
 
     rstest::ServiceStack stack(reliability::longRecordingStack());
     rstest::SearchClient observer(stack.address());
+    const auto before = reliability::processUse(stack.service().pid());
     std::vector<uint32_t> walking;
     for (bool metadata : {false, true}) {
         const auto created =
@@ -134,6 +136,9 @@ TEST(LoadRequests, ClientsAtOnceWithTwoSearchesWalking)
     const auto counted = completions(observer.signals());
     for (uint32_t id : ids) EXPECT_EQ(counted.count(id) ? counted.at(id) : 0, 1) << "search " << id;
     EXPECT_EQ(counted.size(), ids.size()) << "a completion for a search nobody created";
+    const auto after = reliability::processUse(stack.service().pid());
+    EXPECT_EQ(after.threads, before.threads) << "a worker was left behind";
+    EXPECT_EQ(after.fds, before.fds) << "a connection or file was left open";
 
     std::printf("load: %ld clients, %ld requests in %lld s, %zu searches, two walking\n", clients,
                 requests, static_cast<long long>(duration.count()), ids.size());

@@ -1,8 +1,5 @@
-// Sample recordings: reproducible from the seed, within the bounds asked for, coherent with
-// their own history, and with documents that the README's queries find without finding all.
-#include <libxml/parser.h>
-#include <libxml/xpath.h>
-
+// Sample recordings: reproducible from the seed, within the bounds asked for, and coherent with
+// their own history.
 #include <fstream>
 #include <iterator>
 
@@ -13,6 +10,7 @@
 #include "store/RecordingWriter.h"
 #include "store/SampleGenerator.h"
 #include "store/StoreError.h"
+#include "support/PlainXPath.h"
 #include "unit/store/StoreTestFiles.h"
 
 namespace {
@@ -95,45 +93,32 @@ TEST(SampleGenerator, StaysWithinTheAskedBoundsAndRecordsDocumentsOnlyWhileMetad
         << "all switched off at the end";
 }
 
-// The README's example queries, evaluated the way the search evaluates them.
-TEST(SampleGenerator, DocumentsParseAndTheReadmeQueriesFindSomeButNotAll)
+// The README's example queries find some documents of a sample, never all.
+TEST(SampleGenerator, TheReadmeQueriesFindSomeButNotAll)
 {
     TempDir dir;
     SampleOptions options;
     options.durationSeconds = 1200;
     options.recordingOnSeconds = options.trackOnSeconds = 1e9;
     const store::SampleSummary summary = generate(dir.file("r.db"), options);
-    ASSERT_EQ(summary.documents, 6000u);
-    const double meanBytes = double(summary.documentBytes) / double(summary.documents);
-    EXPECT_GT(meanBytes, 900);
-    EXPECT_LT(meanBytes, 1600);
-
     const std::vector<std::string> queries{
         "//Object[Appearance/Class/Type='Vehicle' and Appearance/Color/ColorCluster/@Name='red']",
         "//Object/Appearance/Class/Type[.='Person' and @Likelihood > 0.8]",
         "//NotificationMessage[@Topic='VideoSource/MotionAlarm']/Data/"
         "SimpleItem[@Name='State' and @Value='true']",
         "//Frame[@ObjectCount >= 3]", "//VehicleInfo[@Type='Truck']"};
-    std::vector<double> matched(queries.size());
+    std::vector<uint64_t> matched(queries.size());
     Recording recording(dir.file("r.db"));
     for (StoreTime t = options.start; !t.isNone();) {
         const auto document = recording.metadataAt(t).value();
-        xmlDocPtr doc = xmlParseDoc(BAD_CAST document.body.c_str());
-        ASSERT_NE(doc, nullptr) << document.body;
-        xmlXPathContextPtr context = xmlXPathNewContext(doc);
         for (size_t i = 0; i < queries.size(); ++i) {
-            xmlXPathObjectPtr found = xmlXPathEvalExpression(BAD_CAST queries[i].c_str(), context);
-            ASSERT_NE(found, nullptr) << queries[i];
-            matched[i] += xmlXPathCastToBoolean(found);
-            xmlXPathFreeObject(found);
+            matched[i] += rstest::plainXPathEvaluation(queries[i], document.body) == 1;
         }
-        xmlXPathFreeContext(context);
-        xmlFreeDoc(doc);
         t = document.times.next;
     }
     for (size_t i = 0; i < queries.size(); ++i) {
-        EXPECT_GT(matched[i] / double(summary.documents), 0.003) << queries[i];
-        EXPECT_LT(matched[i] / double(summary.documents), 0.6) << queries[i];
+        EXPECT_GT(matched[i], 0u) << queries[i];
+        EXPECT_LT(matched[i], summary.documents / 2) << queries[i];
     }
 }
 
