@@ -1,6 +1,8 @@
 // The event and the metadata walks against the store's answers, and against answers that a
 // neighbour service gets wrong.
 
+#include <climits>
+
 #include <gmock/gmock.h>
 
 #include "inprocess/WalkFixture.h"
@@ -39,6 +41,10 @@ TEST_F(EventWalk, RangeBeyondTheRecordingIsFittedToItAndIncludesBothEnds)
                             track(t(110, 500000), "AUDIO001", 1), track(t(120), "VIDEO001", 0),
                             recording(t(130), 0), track(t(130), "AUDIO001", 0)));
     EXPECT_EQ(t(500), reached);
+    EXPECT_THAT(walk(createEvent(t(4294967295u, 999999), t(0), INT_MAX)),
+                ElementsAre(recording(t(130), 0), track(t(130), "AUDIO001", 0),
+                            track(t(120), "VIDEO001", 0), track(t(110, 500000), "AUDIO001", 1),
+                            recording(t(100), 1), track(t(100), "VIDEO001", 1)));
     EXPECT_THAT(walk(createEvent(t(120), t(110, 500000))),
                 ElementsAre(track(t(120), "VIDEO001", 0), track(t(110, 500000), "AUDIO001", 1)));
 }
@@ -115,6 +121,11 @@ TEST_F(MetadataWalk, ReportsMatchingDocumentsInWalkOrderWithinTheRange)
     EXPECT_THAT(walk(createMetadata(t(100), t(130), "", 3)),
                 ElementsAre(meta(t(102)), meta(t(105)), meta(t(112))));
     EXPECT_THAT(walk(createMetadata(t(100), t(130), "//[")), IsEmpty());
+    // The whole time line, either way, with the limits at their extremes.
+    EXPECT_THAT(walk(createMetadata(t(4294967295u, 999999), t(0), kPerson, 1)),
+                ElementsAre(meta(t(112))));
+    EXPECT_THAT(walk(createMetadata(t(0), t(4294967295u, 999999), kPerson, INT_MIN)),
+                ElementsAre(meta(t(102)), meta(t(112))));
 }
 
 TEST_F(MetadataWalk, RangeOutsideTheMetadataTrackOrALimitOfZeroAsksForNoDocument)

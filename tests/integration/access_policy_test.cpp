@@ -272,22 +272,4 @@ TEST_F(AccessPolicy, OnlyAllowedUsersCallEachServiceAndSearchesWorkUnderThePolic
     }
 }
 
-// The bus's refusal of the name, not some other failure, and not reported as a second instance
-// (an operator would look for one that does not exist).
-TEST_F(AccessPolicy, ServiceStartedAsAnotherUserFailsOnItsFatalPath)
-{
-    rstest::ProcessRunner service(
-        "/usr/bin/setpriv", asUser(kOutsider, "", {reliability::bin("recording_search")}),
-        {{"DBUS_SYSTEM_BUS_ADDRESS", bus_->address()}, {"KAVRO_LOG_FILE", "/dev/null"}});
-    service.start();
-    const auto status = service.waitForExit(15s);
-    ASSERT_TRUE(status.has_value());
-    EXPECT_EQ(status->code, 1);
-    const std::string err = service.stderrText();
-    EXPECT_EQ(err.rfind("ERROR: recording_search caught exception: ", 0), 0u) << err;
-    EXPECT_NE(err.find("take the bus name kavro.recording_search"), std::string::npos) << err;
-    EXPECT_NE(err.find("Permission denied"), std::string::npos) << err;
-    EXPECT_EQ(err.find("already owned"), std::string::npos) << err;
-}
-
 }  // namespace

@@ -55,8 +55,6 @@ void ServiceStack::startStore()
         {{"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()}, {"KAVRO_LOG_FILE", dir_.file("store.log")}});
 }
 
-std::string ServiceStack::stopStore() { return stopOne("recording_store", store_); }
-
 std::string ServiceStack::stop()
 {
     const std::string service = stopOne("recording_search", service_);

@@ -37,7 +37,7 @@ public:
     // What a client process needs to reach this stack's bus.
     std::map<std::string, std::string> clientEnv() const;
 
-    // Only while running: after stopStore(), until startStore().
+    // Only while running.
     ProcessRunner& store();
     // Only when started with startService.
     ProcessRunner& service();
@@ -46,8 +46,6 @@ public:
 
     // Starts recording_store (again) and waits until it is ready.
     void startStore();
-    // SIGTERM and the clean exit that the store promises; returns what went wrong.
-    std::string stopStore();
     // Stops the service, then the store; returns what went wrong, empty when both exited 0
     // with nothing on standard error. A process that has already ended counts as it ended.
     std::string stop();
