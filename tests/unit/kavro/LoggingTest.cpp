@@ -66,12 +66,9 @@ TEST(Logging, ConcurrentCallsOnOneHandleKeepEveryLineWhole)
     EXPECT_EQ(seen.size(), 8u * 500u);
 }
 
-TEST(Logging, NullArgumentsAreRefusedAndMaxPriorityDropsLessUrgentLines)
+TEST(Logging, MaxPriorityDropsLessUrgentLines)
 {
     void* cookie = nullptr;
-    EXPECT_EQ(kavro_core_logging_log(nullptr, 6, nullptr), KAVRO_STATUS_INVALID_ARGUMENT);
-    EXPECT_NE(kavro_core_logging_init(nullptr, &cookie), KAVRO_STATUS_OK);
-    EXPECT_NE(kavro_core_logging_init("X", nullptr), KAVRO_STATUS_OK);
     setenv("KAVRO_LOG_MAX_PRIORITY", "5", 1);
     const auto status = kavro_core_logging_init("QUIET", &cookie);
     unsetenv("KAVRO_LOG_MAX_PRIORITY");

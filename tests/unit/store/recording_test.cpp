@@ -17,7 +17,6 @@
 namespace {
 
 using namespace storetest;
-using store::EventProperty;
 using store::Recording;
 using store::RecordingWriter;
 using store::StoreTime;
@@ -165,17 +164,6 @@ TEST(DocumentsOnlyRecording, SummaryComesFromTheDocuments)
     ASSERT_TRUE(summary);
     EXPECT_EQ(summary->start, at(5));
     EXPECT_EQ(summary->end, at(7));
-}
-
-TEST(RecordingWriterChecks, RefusesTimesAndKeysTheAnswersCannotCarry)
-{
-    TempDir dir;
-    RecordingWriter writer(dir.file("w.db"), RecordingWriter::Durability::Safe);
-    EXPECT_THROW(writer.addDocument(at(0), "<a/>"), store::StoreError);
-    EXPECT_THROW(writer.addDocument(at(1, 1000000), "<a/>"), store::StoreError);
-    EXPECT_THROW(writer.addEvent(at(1), {}), store::StoreError);
-    EXPECT_THROW(writer.addEvent(at(1), {EventProperty{2, 1, "X"}}), store::StoreError);
-    EXPECT_THROW(writer.addEvent(at(1), {EventProperty{1, 1, ""}}), store::StoreError);
 }
 
 // Files that must not be served, each with the reason the one-line error gives.

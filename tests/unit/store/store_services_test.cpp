@@ -20,6 +20,7 @@ namespace {
 using namespace storetest;
 using store::RecordingWriter;
 using testing::ElementsAre;
+using Numbers = std::vector<unsigned>;
 
 std::vector<std::string> takeStrings(char** array)
 {
@@ -29,15 +30,16 @@ std::vector<std::string> takeStrings(char** array)
     return out;
 }
 
-std::vector<unsigned> takeNumbers(unsigned int** array)
+Numbers takeNumbers(unsigned int** array)
 {
-    std::vector<unsigned> out;
+    Numbers out;
     for (unsigned int** p = array; p && *p; ++p) out.push_back(**p);
     kavro_core_free_uint_array(array);
     return out;
 }
 
-// Serves one recording file on a private bus for the life of the object.
+// Serves one recording file on a private bus, with the three initiators open on it, for the
+// life of the object.
 class ServedRecording {
 public:
     explicit ServedRecording(const std::string& path)
@@ -50,8 +52,19 @@ public:
             loop_.connection().requestName(kavro::bus::busName(service));
         }
         loop_.start();
+        kavro_api_recording_control_initiator_init(nullptr, nullptr, &control, nullptr, nullptr);
+        kavro_api_recording_information_initiator_init(nullptr, nullptr, &info, nullptr, nullptr);
+        kavro_api_recording_data_access_initiator_init(nullptr, nullptr, &data, nullptr, nullptr);
     }
-    ~ServedRecording() { loop_.stop(); }
+    ~ServedRecording()
+    {
+        kavro_api_recording_data_access_initiator_deinit(data);
+        kavro_api_recording_information_initiator_deinit(info);
+        kavro_api_recording_control_initiator_deinit(control);
+        loop_.stop();
+    }
+
+    void *control = nullptr, *info = nullptr, *data = nullptr;
 
 private:
     rstest::PrivateBus bus_;
@@ -61,132 +74,96 @@ private:
     store::RecordingStoreServices services_;
 };
 
-class StoreServices : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        {
-            RecordingWriter writer(dir_.file("r.db"), RecordingWriter::Durability::Safe);
-            writer.addEvent(at(100), {recordingSwitch(true), trackSwitch("VIDEO001", true)});
-            writer.addEvent(at(200, 5), {trackSwitch("VIDEO001", false)});
-            writer.addDocument(at(150), "<a n='1'/>");
-            writer.addDocument(at(160), "<a n='2'/>");
-        }
-        {
-            RecordingWriter writer(dir_.file("empty.db"), RecordingWriter::Durability::Safe);
-            writer.addTrack("VIDEO001");
-        }
-    }
+const char* const kControl = "recording_control";
+const char* const kInformation = "recording_information";
+const char* const kData = "recording_data_access";
 
-    void* open(kavro_core_status (*init)(void*, void*, void**, void*, void*))
-    {
-        void* handle = nullptr;
-        EXPECT_EQ(init(nullptr, nullptr, &handle, nullptr, nullptr), KAVRO_STATUS_OK);
-        return handle;
-    }
-
-    TempDir dir_;
-};
-
-TEST_F(StoreServices, AnswersEachMethodThroughTheInitiators)
+TEST(StoreServices, AnswerEachMethodThroughTheInitiators)
 {
-    ServedRecording served(dir_.file("r.db"));
-    void* control = open(kavro_api_recording_control_initiator_init);
-    void* information = open(kavro_api_recording_information_initiator_init);
-    void* data = open(kavro_api_recording_data_access_initiator_init);
-
-    char** tracks = nullptr;
-    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(control, "recording_control", &tracks),
-              0);
-    EXPECT_THAT(takeStrings(tracks), ElementsAre("VIDEO001"));
+    TempDir dir;
+    {
+        RecordingWriter writer(dir.file("r.db"), RecordingWriter::Durability::Safe);
+        writer.addEvent(at(100), {recordingSwitch(true), trackSwitch("VIDEO001", true)});
+        writer.addEvent(at(200, 5), {trackSwitch("VIDEO001", false)});
+        writer.addDocument(at(150), "<a n='1'/>");
+        writer.addDocument(at(160), "<a n='2'/>");
+    }
+    ServedRecording served(dir.file("r.db"));
+    char** strings = nullptr;
+    ASSERT_EQ(kavro_api_recording_control_get_tracks_send(served.control, kControl, &strings), 0);
+    EXPECT_THAT(takeStrings(strings), ElementsAre("VIDEO001"));
 
     unsigned s1 = 9, u1 = 9, s2 = 9, u2 = 9;
-    ASSERT_EQ(kavro_api_recording_information_get_recording_summary_send(
-                  information, "recording_information", &s1, &u1, &s2, &u2),
+    ASSERT_EQ(kavro_api_recording_information_get_recording_summary_send(served.info, kInformation,
+                                                                         &s1, &u1, &s2, &u2),
               0);
-    EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({100, 0, 200, 5}));
-    ASSERT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  information, "recording_information", "META001", &s1, &u1, &s2, &u2),
+    EXPECT_EQ(Numbers({s1, u1, s2, u2}), Numbers({100, 0, 200, 5}));
+    ASSERT_EQ(kavro_api_recording_information_get_track_summary_send(served.info, kInformation,
+                                                                     "META001", &s1, &u1, &s2, &u2),
               0);
-    EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({150, 0, 160, 0}));
-
-    unsigned char state = 9;
-    char** on = nullptr;
-    ASSERT_EQ(kavro_api_recording_information_get_recording_state_send(
-                  information, "recording_information", 150, 0, &state, &on),
-              0);
-    EXPECT_EQ(state, 1);
-    EXPECT_THAT(takeStrings(on), ElementsAre("VIDEO001"));
-
-    ASSERT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  data, "recording_data_access", &s1, &u1),
-              0);
-    EXPECT_EQ(std::make_pair(s1, u1), std::make_pair(100u, 0u));
-
-    unsigned cs, cu, ps, pu, ns, nu;
-    char** names = nullptr;
-    unsigned** keys = nullptr;
-    unsigned** values = nullptr;
-    ASSERT_EQ(kavro_api_recording_data_access_get_recording_history_event_send(
-                  data, "recording_data_access", 99, 0, &cs, &cu, &ps, &pu, &ns, &nu, &names, &keys,
-                  &values),
-              0);
-    EXPECT_EQ(std::vector<unsigned>({cs, cu, ps, pu, ns, nu}),
-              std::vector<unsigned>({100, 0, 0, 0, 200, 5}));
-    EXPECT_THAT(takeStrings(names), ElementsAre("", "VIDEO001"));
-    EXPECT_THAT(takeNumbers(keys), ElementsAre(0u, 1u));
-    EXPECT_THAT(takeNumbers(values), ElementsAre(1u, 1u));
-
-    char* document = nullptr;
-    ASSERT_EQ(kavro_api_recording_data_access_get_metadata_send(
-                  data, "recording_data_access", 155, 0, &cs, &cu, &ps, &pu, &ns, &nu, &document),
-              0);
-    EXPECT_EQ(std::vector<unsigned>({cs, cu, ps, pu, ns, nu}),
-              std::vector<unsigned>({150, 0, 0, 0, 160, 0}));
-    ASSERT_NE(document, nullptr);
-    EXPECT_STREQ(document, "<a n='1'/>");
-    std::free(document);
-
-    EXPECT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  information, "recording_information", "NOPE", &s1, &u1, &s2, &u2),
+    EXPECT_EQ(Numbers({s1, u1, s2, u2}), Numbers({150, 0, 160, 0}));
+    EXPECT_EQ(kavro_api_recording_information_get_track_summary_send(served.info, kInformation,
+                                                                     "NOPE", &s1, &u1, &s2, &u2),
               store::kStatusUnknownTrack);
 
-    kavro_api_recording_data_access_initiator_deinit(data);
-    kavro_api_recording_information_initiator_deinit(information);
-    kavro_api_recording_control_initiator_deinit(control);
-}
+    unsigned char state = 9;
+    ASSERT_EQ(kavro_api_recording_information_get_recording_state_send(served.info, kInformation,
+                                                                       150, 0, &state, &strings),
+              0);
+    EXPECT_EQ(state, 1);
+    EXPECT_THAT(takeStrings(strings), ElementsAre("VIDEO001"));
 
-TEST_F(StoreServices, AnEmptyRecordingAnswersWithTheNoDataStatus)
-{
-    ServedRecording served(dir_.file("empty.db"));
-    void* information = open(kavro_api_recording_information_initiator_init);
-    void* data = open(kavro_api_recording_data_access_initiator_init);
-    unsigned s1 = 7, u1 = 7, s2 = 7, u2 = 7, ps, pu, ns, nu;
-    EXPECT_EQ(kavro_api_recording_information_get_recording_summary_send(
-                  information, "recording_information", &s1, &u1, &s2, &u2),
-              store::kStatusNoData);
-    EXPECT_EQ(kavro_api_recording_information_get_track_summary_send(
-                  information, "recording_information", "VIDEO001", &s1, &u1, &s2, &u2),
-              store::kStatusNoData);
-    EXPECT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  data, "recording_data_access", &s1, &u1),
-              store::kStatusNoData);
-    char* document = nullptr;
-    EXPECT_EQ(kavro_api_recording_data_access_get_metadata_send(
-                  data, "recording_data_access", 1, 0, &s1, &u1, &ps, &pu, &ns, &nu, &document),
-              store::kStatusNoData);
-    EXPECT_EQ(document, nullptr);
-    char** names = nullptr;
+    ASSERT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
+                  served.data, kData, &s1, &u1),
+              0);
+    EXPECT_EQ(Numbers({s1, u1}), Numbers({100, 0}));
+
+    unsigned cs, cu, ps, pu, ns, nu;
     unsigned** keys = nullptr;
     unsigned** values = nullptr;
-    EXPECT_EQ(kavro_api_recording_data_access_get_recording_history_event_send(
-                  data, "recording_data_access", 1, 0, &s1, &u1, &ps, &pu, &ns, &nu, &names, &keys,
-                  &values),
+    ASSERT_EQ(
+        kavro_api_recording_data_access_get_recording_history_event_send(
+            served.data, kData, 99, 0, &cs, &cu, &ps, &pu, &ns, &nu, &strings, &keys, &values),
+        0);
+    EXPECT_EQ(Numbers({cs, cu, ps, pu, ns, nu}), Numbers({100, 0, 0, 0, 200, 5}));
+    EXPECT_THAT(takeStrings(strings), ElementsAre("", "VIDEO001"));
+    EXPECT_EQ(takeNumbers(keys), Numbers({0, 1}));
+    EXPECT_EQ(takeNumbers(values), Numbers({1, 1}));
+
+    char* document = nullptr;
+    ASSERT_EQ(kavro_api_recording_data_access_get_metadata_send(served.data, kData, 155, 0, &cs,
+                                                                &cu, &ps, &pu, &ns, &nu, &document),
+              0);
+    EXPECT_EQ(Numbers({cs, cu, ps, pu, ns, nu}), Numbers({150, 0, 0, 0, 160, 0}));
+    EXPECT_STREQ(document, "<a n='1'/>");
+    std::free(document);
+}
+
+TEST(StoreServices, AnEmptyRecordingAnswersWithTheNoDataStatusAndWritesNothing)
+{
+    TempDir dir;
+    {
+        RecordingWriter writer(dir.file("empty.db"), RecordingWriter::Durability::Safe);
+        writer.addTrack("VIDEO001");
+    }
+    ServedRecording served(dir.file("empty.db"));
+    unsigned s1 = 7, u1 = 7, s2 = 7, u2 = 7;
+    EXPECT_EQ(kavro_api_recording_information_get_recording_summary_send(served.info, kInformation,
+                                                                         &s1, &u1, &s2, &u2),
               store::kStatusNoData);
-    EXPECT_EQ(std::vector<unsigned>({s1, u1, s2, u2}), std::vector<unsigned>({7, 7, 7, 7}))
+    EXPECT_EQ(kavro_api_recording_information_get_track_summary_send(
+                  served.info, kInformation, "VIDEO001", &s1, &u1, &s2, &u2),
+              store::kStatusNoData);
+    EXPECT_EQ(kavro_api_recording_data_access_get_first_recording_history_event_time_send(
+                  served.data, kData, &s1, &u1),
+              store::kStatusNoData);
+    char* document = nullptr;
+    EXPECT_EQ(kavro_api_recording_data_access_get_metadata_send(served.data, kData, 1, 0, &s1, &u1,
+                                                                &s2, &u2, &s2, &u2, &document),
+              store::kStatusNoData);
+    EXPECT_EQ(document, nullptr);
+    EXPECT_EQ(Numbers({s1, u1, s2, u2}), Numbers({7, 7, 7, 7}))
         << "a failed call writes no outputs";
-    kavro_api_recording_data_access_initiator_deinit(data);
-    kavro_api_recording_information_initiator_deinit(information);
 }
 
 }  // namespace
