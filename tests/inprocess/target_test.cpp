@@ -182,36 +182,5 @@ TEST_F(Target, EndAllSearchJobsEndsEverySearchRunningOrNot)
     EXPECT_TRUE(fake::waitForCompletion(b));
 }
 
-// Each record becomes the event of its kind, in queue order; a kind that names no event is
-// dropped, and the loop goes on.
-TEST_F(Target, QueuedRecordsAreSentAsTheirEventsInOrder)
-{
-    RecordingSearchEventData r;
-    r.jobId = 4000000001u, r.sec = 3, r.usec = 999999, r.trackName = "V1", r.state = 1,
-    r.startState = 1;
-    for (auto type :
-         {TrackStateEventSearchResult, RecordingStateEventSearchResult, MetadataSearchResult,
-          static_cast<RecordingSearchEventType>(7), SearchCompleted}) {
-        r.eventType = type;
-        target->queueEventData(r);
-    }
-    ASSERT_TRUE(fake::waitForCompletion(4000000001u));
-    EXPECT_THAT(fake::takeSent(),
-                ElementsAre(Sent{Sent::Track, r.jobId, t(3, 999999), "V1", 1, 1},
-                            Sent{Sent::Recording, r.jobId, t(3, 999999), "", 1, 1},
-                            Sent{Sent::Metadata, r.jobId, t(3, 999999), "", 0, 0},
-                            Sent{Sent::Completed, r.jobId, {}, "", 0, 0}));
-}
-
-TEST(TargetLoop, StopEndsTheLoopWhetherItWaitsOrHasNotStarted)
-{
-    boost::shared_ptr<RecordingSearchTargetImpl> target(new RecordingSearchTargetImpl(nullptr));
-    std::thread loop([&] { target->processEventLoop(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    target->stopProcessEvents();
-    loop.join();
-    target->processEventLoop();  // returns at once
-}
-
 }  // namespace
 }  // namespace walk

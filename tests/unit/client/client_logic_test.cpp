@@ -12,6 +12,7 @@
 #include "cli/TerminalTimeline.h"
 #include "client/Coverage.h"
 #include "client/MetadataFilter.h"
+#include "client/Spans.h"
 #include "client/Svg.h"
 #include "client/TimeText.h"
 #include "store/AnalyticsFrame.h"
@@ -100,6 +101,31 @@ TEST(ClientCoverage, BucketsCoverTheRangeExactly)
         EXPECT_EQ(buckets.front().from, from);
         EXPECT_EQ(buckets.back().to, to);
         EXPECT_EQ(buckets.back().recordingOn, buckets.back().to - buckets.back().from);
+    }
+}
+
+// Matches no more than the gap apart share a span, one exactly the gap apart too; backward,
+// the same spans come latest first.
+TEST(ClientSpans, MatchesAtMostTheGapApartShareASpanEitherWay)
+{
+    const std::vector<int64_t> ms{0, 200, 700, 1400, 1500};
+    using Bounds = std::tuple<int64_t, int64_t, std::size_t>;
+    for (bool forward : {true, false}) {
+        SpanGrouper grouper(std::chrono::milliseconds(500));
+        std::vector<Bounds> spans;
+        const auto keep = [&](const std::optional<Span>& s) {
+            if (s)
+                spans.emplace_back(sinceEpoch(s->start).count(), sinceEpoch(s->end).count(),
+                                   s->matches);
+        };
+        for (std::size_t i = 0; i < ms.size(); ++i) {
+            keep(grouper.add(
+                timePointAt(std::chrono::milliseconds(ms[forward ? i : ms.size() - 1 - i]))));
+        }
+        keep(grouper.finish());
+        std::vector<Bounds> expected{{0, 700000, 3}, {1400000, 1500000, 2}};
+        if (!forward) std::reverse(expected.begin(), expected.end());
+        EXPECT_EQ(spans, expected) << (forward ? "forward" : "backward");
     }
 }
 
