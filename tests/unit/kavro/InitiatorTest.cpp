@@ -31,12 +31,8 @@ class RudeDataAccess : private OwnLoop,
                        public sdbus::AdaptorInterfaces<kavro::recording_data_access_adaptor> {
 public:
     struct Answer {
-        Answer(int status = 0, std::chrono::milliseconds stall = {}, std::string document = {})
-            : status(status), stall(stall), document(std::move(document))
-        {
-        }
-        int status;
-        std::chrono::milliseconds stall;
+        int status = 0;
+        std::chrono::milliseconds stall{};
         std::string document;
         std::vector<std::string> names{"V1", "V2"};
         std::vector<uint32_t> keys{1, 2}, values{1, 0};
@@ -164,10 +160,10 @@ TEST_F(Initiators, AnswersArriveWholeAndTransportFailuresAreStatusesThatWriteNoO
     const Reply whole = getMetadata(handle_, 4000000000u, 7);
     EXPECT_EQ(whole.times, (std::vector<unsigned>{4000000000u, 7, 1, 0, 4000000000u, 999999}));
     EXPECT_TRUE(whole.status == KAVRO_STATUS_OK && whole.document == text);
-    service.set({77});
+    service.set({77, {}, {}});
     EXPECT_EQ(77, getMetadata(handle_).status);
 
-    service.set({0, 1500ms});
+    service.set({0, 1500ms, {}});
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(KAVRO_STATUS_TIMEOUT, getMetadata(handle_).status);
     const auto took = std::chrono::steady_clock::now() - start;
