@@ -1,13 +1,8 @@
 #!/usr/bin/python3
-"""The search page in headless Chromium against the real programs on a private bus.
-   page_test.py BIN_DIR"""
+"""The search page in headless Chromium against the real programs on a private bus."""
 import json
 import os
-import signal
-import socket
 import subprocess
-import sys
-import tempfile
 import time
 import unittest
 import urllib.request
@@ -16,10 +11,10 @@ from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
-from selenium.webdriver.support.ui import WebDriverWait
 
-BIN = sys.argv.pop(1) if len(sys.argv) > 1 else "build/default/bin"
-TOKEN = "page-test-token"
+# Started by GatewayPage in web_gateway_test.cpp, which runs the stack and the gateway: where
+# they are comes in the environment (and DBUS_SYSTEM_BUS_ADDRESS for recsearch).
+URL, TOKEN, BIN = os.environ["RS_PAGE_URL"], os.environ["RS_PAGE_TOKEN"], os.environ["RS_BIN_DIR"]
 HOUR = ("2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z")
 WAIT = 20  # seconds: every wait is bounded and says what it waited for
 
@@ -35,68 +30,23 @@ def wait_until(what, check, timeout=WAIT):
 
 
 class Stack:
-    """dbus-daemon, recording_store serving a generated hour, recording_search, the gateway."""
+    """The gateway in front of the service, as a program uses it."""
+    url = URL
 
-    def __init__(self):
-        self.dir = tempfile.mkdtemp(prefix="rs-page-")
-        self.processes = []
-        path = f"{self.dir}/recording.db"
-        subprocess.run([f"{BIN}/recording_store", "generate", path, "--seed", "7", "--start", HOUR[0],
-                        "--duration", "1h", "--recording-on", "900", "--recording-off", "60",
-                        "--track-on", "300", "--track-off", "30"], check=True, capture_output=True)
-        with open(f"{self.dir}/bus.conf", "w") as f:
-            f.write(f"""<busconfig><type>system</type><listen>unix:path={self.dir}/bus</listen>
-<auth>EXTERNAL</auth><policy context="default"><allow user="*"/><allow own="*"/>
-<allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>""")
-        with open(f"{self.dir}/tokens", "w") as f:
-            f.write(TOKEN + "\n")
-        self.start(["dbus-daemon", "--nofork", f"--config-file={self.dir}/bus.conf"])
-        wait_until("the bus", lambda: os.path.exists(f"{self.dir}/bus"))
-        os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.dir}/bus"
-        os.environ["KAVRO_LOG_FILE"] = f"{self.dir}/log"
-        self.start([f"{BIN}/recording_store", "serve", path])
-        self.wait_for_name("kavro.recording_data_access")
-        self.start([f"{BIN}/recording_search"])
-        self.wait_for_name("kavro.recording_search")
-        with socket.socket() as s:
-            s.bind(("127.0.0.1", 0))
-            port = s.getsockname()[1]
-        self.url = f"http://127.0.0.1:{port}"
-        self.start([f"{BIN}/recording_search_web", "--listen", f"127.0.0.1:{port}",
-                    "--token-file", f"{self.dir}/tokens"])
-        wait_until("the gateway", self.serving)
-
-    def start(self, command):
-        self.processes.append(subprocess.Popen(command, stdout=subprocess.DEVNULL,
-                                               stderr=subprocess.DEVNULL))
-
-    def wait_for_name(self, name):
-        def owned():
-            r = subprocess.run(["busctl", "--address", os.environ["DBUS_SYSTEM_BUS_ADDRESS"],
-                                "status", name], capture_output=True)
-            return r.returncode == 0
-        wait_until(name, owned)
-
-    def serving(self):
-        try:
-            return urllib.request.urlopen(self.url + "/").status == 200
-        except OSError:
-            return False
+    def request(self, path, body):
+        return urllib.request.urlopen(urllib.request.Request(
+            f"{URL}/api/v1/{path}", data=json.dumps(body).encode(),
+            headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "application/json"}),
+            timeout=WAIT)
 
     def api(self, path, body):
         """The lines the API answers for a request, as objects."""
-        request = urllib.request.Request(
-            f"{self.url}/api/v1/{path}", data=json.dumps(body).encode(),
-            headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "application/json"})
-        with urllib.request.urlopen(request, timeout=WAIT) as response:
+        with self.request(path, body) as response:
             return [json.loads(line) for line in response.read().decode().splitlines()]
 
     def open_stream(self, body):
-        """A metadata search of every document of the hour, left streaming."""
-        request = urllib.request.Request(
-            f"{self.url}/api/v1/metadata", data=json.dumps(body).encode(),
-            headers={"Authorization": f"Bearer {TOKEN}", "Content-Type": "application/json"})
-        response = urllib.request.urlopen(request, timeout=WAIT)
+        """A metadata search left streaming, its first line read."""
+        response = self.request("metadata", body)
         response.readline()
         return response
 
@@ -104,14 +54,6 @@ class Stack:
         out = subprocess.run([f"{BIN}/recsearch", "state", str(job), "--json"],
                              capture_output=True, text=True).stdout
         return json.loads(out)["state_name"]
-
-    def stop(self):
-        for p in reversed(self.processes):
-            p.send_signal(signal.SIGTERM)
-            try:
-                p.wait(10)
-            except subprocess.TimeoutExpired:
-                p.kill()
 
 
 class PageTest(unittest.TestCase):
@@ -127,7 +69,6 @@ class PageTest(unittest.TestCase):
     @classmethod
     def tearDownClass(cls):
         cls.driver.quit()
-        cls.stack.stop()
 
     def setUp(self):
         self.driver.get(self.stack.url + "/")

@@ -37,7 +37,7 @@ const std::string kWholeHour = R"("start":"2024-01-01T00:00:00Z","end":"2024-01-
 rstest::ServiceStack::Options sampleStack()
 {
     static const rstest::GeneratedRecording sample(
-        RS_BIN_DIR, {"--seed", "5", "--start", "2024-01-01T00:00:00Z", "--duration", "1h",
+        RS_BIN_DIR, {"--seed", "7", "--start", "2024-01-01T00:00:00Z", "--duration", "1h",
                      "--video-tracks", "2", "--recording-on", "900", "--recording-off", "60",
                      "--track-on", "300", "--track-off", "30"});
     return {RS_BIN_DIR, sample.path(), {}, true};
@@ -332,6 +332,20 @@ TEST(GatewayStreams, EndWithTheirReader)
     ASSERT_NE(at, std::string::npos) << rest.substr(rest.size() > 300 ? rest.size() - 300 : 0);
     const json cut = json::parse(rest.substr(at, rest.find('\n', at) - at));
     EXPECT_NE(cut.value("error", "").find("the client read too slowly"), std::string::npos) << cut;
+}
+
+// The search page in headless Chromium (Debian's chromium, chromium-driver, python3-selenium)
+// against this gateway: tests/browser/page_test.py.
+TEST(GatewayPage, PassesItsBrowserTests)
+{
+    Gateway gateway;
+    auto env = gateway.stack().clientEnv();
+    env.insert(
+        {{"RS_PAGE_URL", gateway.url("")}, {"RS_PAGE_TOKEN", kToken}, {"RS_BIN_DIR", RS_BIN_DIR}});
+    const auto run =
+        rstest::runToEnd("/usr/bin/python3",
+                         {std::string(RS_SOURCE_DIR) + "/tests/browser/page_test.py"}, env, 240s);
+    EXPECT_TRUE(run.status.exited && run.status.code == 0) << run.err;
 }
 
 }  // namespace
