@@ -38,15 +38,6 @@ const char* const kExpressions[] = {
     "true()",
 };
 
-struct Time {
-    unsigned int sec, usec;
-};
-
-bool earlier(const Time& a, const Time& b)
-{
-    return a.sec < b.sec || (a.sec == b.sec && a.usec < b.usec);
-}
-
 void require(bool condition, const char* promise)
 {
     if (condition) return;
@@ -74,10 +65,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     FuzzInput input(data, size);
     const uint8_t kind = input.byte();
     const bool metadata = (kind & 1) != 0;
-    const Time start{ReplayedRecordingServices::seconds(input),
-                     ReplayedRecordingServices::microseconds(input)};
-    const Time end{ReplayedRecordingServices::seconds(input),
-                   ReplayedRecordingServices::microseconds(input)};
+    const SearchTime start{ReplayedRecordingServices::seconds(input),
+                           ReplayedRecordingServices::microseconds(input)};
+    const SearchTime end{ReplayedRecordingServices::seconds(input),
+                         ReplayedRecordingServices::microseconds(input)};
     ReplayedRecordingServices services(input);
     const int maxResults = static_cast<int8_t>(input.byte()) / 16;  // -8..7: no limit, or small
     const bool startState = (kind & 2) != 0;
@@ -111,8 +102,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fake::install(nullptr);
     require(fake::waitForCompletion(static_cast<unsigned int>(jobId)), "the search completes");
 
-    const Time lo = earlier(end, start) ? end : start;
-    const Time hi = earlier(end, start) ? start : end;
+    const SearchTime lo = end < start ? end : start;
+    const SearchTime hi = end < start ? start : end;
     int results = 0, completions = 0;
     for (const fake::Sent& e : fake::takeSent()) {
         require(e.jobId == static_cast<unsigned int>(jobId), "only this search's records");
@@ -125,8 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             continue;
         }
         ++results;
-        const Time t{e.time.sec, e.time.usec};
-        require(!earlier(t, lo) && !earlier(hi, t), "results lie inside the requested range");
+        require(lo <= e.time && e.time <= hi, "results lie inside the requested range");
         if (e.kind == fake::Sent::Track) {
             require(services.namesGiven().count(e.track) == 1,
                     "track names are those the service gave");

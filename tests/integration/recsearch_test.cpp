@@ -368,17 +368,12 @@ TEST(RecsearchCoverage, AgreesWithTheEventsOfTheSameRecording)
     };
 
     std::vector<std::pair<int64_t, int64_t>> expectedGaps, gaps;
-    int64_t covered = int64_t(kFrom) * 1000000;
-    std::size_t buckets = 0;
     for (const auto& item : parseJson(summary.out).items) {
         const int64_t start = micros(item, "start"), stop = micros(item, "end");
         if (item.at("kind") == "gap") {
             gaps.emplace_back(start, stop);
             continue;
         }
-        ++buckets;
-        EXPECT_EQ(start, covered) << item;
-        covered = stop;
         EXPECT_NEAR(item.at("recording_on_s").get<double>(), onWithin("", start, stop), 1e-6)
             << item;
         EXPECT_EQ(item.at("tracks").size(), stretches.size() - 1) << item;
@@ -387,8 +382,6 @@ TEST(RecsearchCoverage, AgreesWithTheEventsOfTheSameRecording)
                 << track << " in " << item;
         }
     }
-    EXPECT_EQ(buckets, 9u) << summary.out;  // 60 minutes in 7-minute buckets
-    EXPECT_EQ(covered, end);
     for (const auto& [a, b, on] : stretches.at("")) {
         if (!on && b - a > 60000000) expectedGaps.emplace_back(a, b);
     }

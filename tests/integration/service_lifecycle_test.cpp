@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -46,16 +45,6 @@ protected:
         return process;
     }
 
-    // Every line the service logged, from the start of its file.
-    std::vector<rstest::LogLine> fromStartLines() const
-    {
-        std::vector<rstest::LogLine> lines;
-        std::ifstream in(logPath_);
-        for (std::string text; std::getline(in, text);)
-            lines.push_back(rstest::LogCapture::parse(text));
-        return lines;
-    }
-
     static void expectCleanExit(rstest::ProcessRunner& process, int signal = SIGTERM)
     {
         process.sendSignal(signal);
@@ -80,7 +69,7 @@ protected:
         EXPECT_EQ(process.stdoutText(), "");
         const std::string what =
             err.substr(kStderrPrefix.size(), err.size() - kStderrPrefix.size() - 1);
-        const auto lines = fromStartLines();
+        const auto lines = log_.since();
         EXPECT_TRUE(std::any_of(
             lines.begin(), lines.end(),
             [&](const rstest::LogLine& l) { return l.priority == 3 && l.message == what; }))
@@ -89,6 +78,7 @@ protected:
 
     rstest::TempDir dir_;
     std::string logPath_;
+    rstest::LogCapture log_{logPath_};  // the service's every line: the file is new
 };
 
 TEST_F(ServiceProcessTest, ReportsReadyIgnoresSigpipeAndServesNoopSearchesFromId1)
@@ -139,7 +129,7 @@ TEST_P(ServiceStopTest, StopSignalEndsEverySearchAndExitsCleanly)
     expectCleanExit(*process, c.signal);
 
     std::vector<std::string> endAll;
-    for (const auto& line : fromStartLines()) {
+    for (const auto& line : log_.since()) {
         if (line.priority == 5 && line.message.rfind("Ending all ", 0) == 0) {
             endAll.push_back(line.message);
         }

@@ -99,6 +99,7 @@ TEST(ClientCoverage, BucketsCoverTheRangeExactly)
         const auto buckets = coverage(picture, size);
         ASSERT_EQ(buckets.size(), count) << size.count();
         EXPECT_EQ(buckets.front().from, from);
+        for (std::size_t i = 1; i < count; ++i) EXPECT_EQ(buckets[i].from, buckets[i - 1].to);
         EXPECT_EQ(buckets.back().to, to);
         EXPECT_EQ(buckets.back().recordingOn, buckets.back().to - buckets.back().from);
     }

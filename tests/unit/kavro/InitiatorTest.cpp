@@ -194,29 +194,6 @@ TEST_F(Initiators, HistoryEventArraysOfUnequalLengthAreAMalformedReply)
     }
 }
 
-// A null output or a handle of another service is refused before anything is sent.
-TEST(InitiatorArguments, NullOutputsAndForeignHandlesAreRefusedWithoutACall)
-{
-    void* inf = nullptr;
-    ASSERT_EQ(0, kavro_api_recording_information_initiator_init(nullptr, nullptr, &inf, nullptr,
-                                                                nullptr));
-    void* da = openDataAccess();
-    unsigned u = 0;
-    RudeDataAccess service;
-    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT,
-              kavro_api_recording_data_access_get_metadata_send(da, "recording_data_access", 1, 0,
-                                                                &u, &u, &u, &u, &u, &u, nullptr));
-    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT,
-              kavro_api_recording_data_access_get_first_recording_history_event_time_send(
-                  inf, "recording_data_access", &u, &u));
-    EXPECT_EQ(0, service.calls);
-    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, kavro_api_recording_control_initiator_deinit(inf));
-    EXPECT_EQ(KAVRO_STATUS_INVALID_ARGUMENT, kavro_api_recording_control_initiator_init(
-                                                 nullptr, nullptr, nullptr, nullptr, nullptr));
-    kavro_api_recording_information_initiator_deinit(inf);
-    kavro_api_recording_data_access_initiator_deinit(da);
-}
-
 // What sd-bus reports of a bus that is gone reaches the caller as a status like any other.
 TEST(InitiatorBus, NoBusOrALostBusIsAStatus)
 {
