@@ -167,20 +167,5 @@ TEST_F(Target, WalkThatThrowsStillCompletesAndFreesItsSlot)
     EXPECT_NE(-1, createEvent(t(100), t(130)));
 }
 
-TEST_F(Target, EndAllSearchJobsEndsEverySearchRunningOrNot)
-{
-    services.history = [](SearchTime, fake::HistoryAnswer&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    };
-    const int a = createEvent(t(100), t(130));
-    const int b = createMetadata(t(100), t(130), "/");
-    const int n = noop();
-    begin(a);
-    target->endAllSearchJobs();
-    for (int id : {a, b, n}) EXPECT_EQ(0u, state(id));
-    EXPECT_TRUE(fake::waitForCompletion(a));
-    EXPECT_TRUE(fake::waitForCompletion(b));
-}
-
 }  // namespace
 }  // namespace walk
