@@ -15,14 +15,6 @@ using ::testing::IsEmpty;
 
 class EventWalk : public WalkTest {};
 
-TEST_F(EventWalk, ForwardReportsEachChangeInRangeAndEndsAtTheRequestedEnd)
-{
-    SearchTime reached;
-    EXPECT_THAT(walk(createEvent(t(105), t(125)), &reached),
-                ElementsAre(track(t(110, 500000), "AUDIO001", 1), track(t(120), "VIDEO001", 0)));
-    EXPECT_EQ(t(125), reached);
-}
-
 TEST_F(EventWalk, BackwardReportsInReverseWithTheStateAtBothEnds)
 {
     EXPECT_THAT(walk(createEvent(t(125), t(105), -1, true)),

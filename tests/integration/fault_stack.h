@@ -1,6 +1,6 @@
-// The real processes on a bus of their own, for the fault, load, access and hostile
-// tests: recording_store serving a long generated recording, recording_search, and helpers to
-// run a search and to read a process's resource use from /proc.
+// The real processes on a bus of their own, for the integration tests: recording_store serving
+// a long generated recording, recording_search, and helpers to run a search, to read a
+// process's resource use from /proc, and to read a program's output.
 #pragma once
 
 #include <stdlib.h>
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,14 +26,20 @@ using namespace std::chrono_literals;
 
 inline std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
 
+inline std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
 // An integer from the environment, for counts and durations that the sanitizer runs scale down.
 inline long envNumber(const char* name, long fallback)
 {
     const char* text = std::getenv(name);
-    if (text == nullptr || *text == '\0') return fallback;
-    char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    return (end != text && *end == '\0' && value > 0) ? value : fallback;
+    const long value = text ? std::atol(text) : 0;
+    return value > 0 ? value : fallback;
 }
 
 // One recording for the whole test binary that a walk needs many seconds for: about 21000

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "fault_stack.h"
 #include "support/GeneratedRecording.h"
 #include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
@@ -24,11 +25,11 @@
 namespace {
 
 using namespace std::chrono_literals;
+using reliability::bin;
+using reliability::lines;
 using rstest::SearchSignal;
 using Kind = SearchSignal::Kind;
 using nlohmann::json;
-
-std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
 
 // The sample recording: one hour from 2024-01-01T00:00:00Z.
 constexpr uint32_t kFrom = 1704067200;
@@ -53,14 +54,6 @@ rstest::RunResult recsearch(const rstest::ServiceStack& stack, const std::vector
 }
 
 bool ok(const rstest::RunResult& r) { return r.status.exited && r.status.code == 0; }
-
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
 
 std::string describe(const rstest::RunResult& r)
 {

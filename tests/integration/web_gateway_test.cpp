@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "fault_stack.h"
 #include "support/GeneratedRecording.h"
 #include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
@@ -28,8 +29,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
-
-std::string bin(const std::string& name) { return std::string(RS_BIN_DIR) + "/" + name; }
+using reliability::bin;
+using reliability::lines;
 
 const char* const kToken = "test-token-1";
 const std::string kWholeHour = R"("start":"2024-01-01T00:00:00Z","end":"2024-01-01T01:00:00Z")";
@@ -54,14 +55,6 @@ int freePort()
     getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
     close(s);
     return ntohs(address.sin_port);
-}
-
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
 }
 
 // What arrives on `s` until `marker` has (empty: until the end), within 60 s.
