@@ -20,26 +20,16 @@
 #include "store/Recording.h"
 #include "store/RecordingStoreServices.h"
 #include "store/RecordingWriter.h"
+#include "support/ProcessRunner.h"
 #include "support/TempDir.h"
 #include "target/RecordingSearchTargetImpl.h"
 
 namespace walk {
 
 using fake::Sent;
+using rstest::pollUntil;
 
 inline SearchTime t(unsigned int sec, unsigned int usec = 0) { return {sec, usec}; }
-
-// Asks until `done` says yes, at most `limit`; whether it did.
-template <typename Done>
-bool eventually(Done done, std::chrono::milliseconds limit = std::chrono::seconds(5))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 inline std::string frame(const char* type)
 {

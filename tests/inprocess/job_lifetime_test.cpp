@@ -50,7 +50,7 @@ TEST_F(UnbegunExpiry, SearchNeverBegunFreesItsSlotWhileABegunOneKeepsWalking)
     const int idle = create();
     unsigned int out = 0;
     target->beginSearch(static_cast<unsigned int>(begun), &out);
-    ASSERT_TRUE(eventually([&] { return inCall.load(); })) << "the begun search never walked";
+    ASSERT_TRUE(pollUntil([&] { return inCall.load(); })) << "the begun search never walked";
     // Clearly before the expiry (300 ms after the create) the slot is still taken; clearly
     // after it, it is free.
     std::this_thread::sleep_until(created + 100ms);
@@ -58,7 +58,7 @@ TEST_F(UnbegunExpiry, SearchNeverBegunFreesItsSlotWhileABegunOneKeepsWalking)
         EXPECT_EQ(create(), -1);
     }
     int third = -1;
-    EXPECT_TRUE(eventually([&] { return (third = create()) > 0; }, 3s))
+    EXPECT_TRUE(pollUntil([&] { return (third = create()) > 0; }, 3s))
         << "the search never begun still holds its slot";
     EXPECT_EQ(state(idle), 0u);
     EXPECT_EQ(state(begun), 1u);

@@ -144,7 +144,7 @@ TEST_F(Target, EndingARunningWalkWaitsForTheStepInProgressAndCompletesOnce)
     };
     const int id = createEvent(t(105), t(130));
     begin(id);
-    ASSERT_TRUE(eventually([&] { return inCall.load(); })) << "the walk never reached 120";
+    ASSERT_TRUE(pollUntil([&] { return inCall.load(); })) << "the walk never reached 120";
     EXPECT_EQ(t(110, 500000), end(id));
     const int calls = services.historyCalls;  // the worker has stopped: no call after this
     std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -92,17 +92,16 @@ bool waitForOwner(const std::string& address, const std::string& name)
 {
     auto connection = sdbus::createSessionBusConnectionWithAddress(address);
     auto bus = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-    for (const auto deadline = std::chrono::steady_clock::now() + 20s;
-         std::chrono::steady_clock::now() < deadline;) {
-        bool owned = false;
-        bus->callMethod("NameHasOwner")
-            .onInterface("org.freedesktop.DBus")
-            .withArguments(name)
-            .storeResultsTo(owned);
-        if (owned) return true;
-        std::this_thread::sleep_for(20ms);  // polling a condition, bounded by the deadline
-    }
-    return false;
+    return rstest::pollUntil(
+        [&] {
+            bool owned = false;
+            bus->callMethod("NameHasOwner")
+                .onInterface("org.freedesktop.DBus")
+                .withArguments(name)
+                .storeResultsTo(owned);
+            return owned;
+        },
+        20s);
 }
 
 // setpriv's arguments that run a command as the user, with only the given extra groups.

@@ -26,18 +26,7 @@ int32_t createLongEventSearch(rstest::SearchClient& client)
         .value;
 }
 
-// Asks again until the answer comes, within the time a departure may take to be handled.
-template <typename Ask>
-bool within3s(Ask ask)
-{
-    const auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (!ask()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
-}
-
+// A departure is handled within 3 s: pollUntil(..., 3s) asks again until then.
 TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
 {
     rstest::ServiceStack stack(reliability::longRecordingStack());
@@ -56,7 +45,8 @@ TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
 
     rstest::SearchClient other(stack.address());
     int32_t survivor = -1;
-    ASSERT_TRUE(within3s([&] { return (survivor = createLongEventSearch(other)) > 0; }))
+    ASSERT_TRUE(
+        rstest::pollUntil([&] { return (survivor = createLongEventSearch(other)) > 0; }, 3s))
         << log.dump();
     ASSERT_TRUE(other.beginSearch(survivor).ok());
     EXPECT_EQ(observer.getSearchState(walking).value.state, 0u);
@@ -69,7 +59,8 @@ TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
     const int32_t briefNoop = brief->createNoopSearch().value;
     ASSERT_GT(briefNoop, 0);
     brief.reset();
-    ASSERT_TRUE(within3s([&] { return observer.getSearchState(briefNoop).value.state == 0; }));
+    ASSERT_TRUE(
+        rstest::pollUntil([&] { return observer.getSearchState(briefNoop).value.state == 0; }, 3s));
     EXPECT_EQ(observer.getSearchState(survivor).value.state, 1u);
     EXPECT_TRUE(observer.endSearch(survivor).ok());
     EXPECT_EQ(other.getSearchState(survivor).value.state, 0u);
@@ -97,7 +88,8 @@ TEST(ClientDeparture, ClientGoneWhileItsCreateWaitsLeavesNoSearchBehind)
     gone.sendSignal(SIGKILL);
     gone.waitForExit();
     stack.store().sendSignal(SIGCONT);
-    EXPECT_TRUE(within3s([&] { return createLongEventSearch(observer) > 0; })) << log.dump();
+    EXPECT_TRUE(rstest::pollUntil([&] { return createLongEventSearch(observer) > 0; }, 3s))
+        << log.dump();
     EXPECT_EQ(stack.stop(), "");
 }
 

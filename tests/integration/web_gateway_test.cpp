@@ -312,12 +312,9 @@ TEST(GatewayStreams, EndWithTheirReader)
     const auto slowId = uint32_t(
         std::stoul(std::regex_replace(head, std::regex(R"([\s\S]*"id":(\d+)[\s\S]*)"), "$1")));
     rstest::SearchClient service(gateway.stack().address());
-    const auto deadline = std::chrono::steady_clock::now() + 30s;
-    while (service.getSearchState(slowId).value.state != 0) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline)
-            << "search " << slowId << " still runs";
-        std::this_thread::sleep_for(100ms);
-    }
+    ASSERT_TRUE(
+        rstest::pollUntil([&] { return service.getSearchState(slowId).value.state == 0; }, 30s))
+        << "search " << slowId << " still runs";
     const std::string rest = readUntil(reader, "");
     close(reader);
     // The last line of the body, between the chunks' framing.

@@ -21,7 +21,6 @@
 namespace bp = boost::process;
 
 namespace rstest {
-namespace {
 
 bool pollUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
 {
@@ -32,6 +31,8 @@ bool pollUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     }
     return true;
 }
+
+namespace {
 
 std::string fileText(const std::string& path)
 {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -66,6 +67,10 @@ private:
     std::optional<ExitStatus> exit_;
     std::vector<std::string> notifications_;
 };
+
+// Asks `done` every few milliseconds until it says yes or `timeout` has passed; whether it did.
+bool pollUntil(const std::function<bool()>& done,
+               std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 // Runs a command to its end and returns its exit status and output (for short tools).
 struct RunResult {
