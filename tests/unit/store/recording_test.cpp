@@ -43,6 +43,9 @@ std::string writeSmallRecording(const TempDir& dir)
     writer.addDocument(at(160), "<a n='3'/>");
     writer.addDocument(at(160), "<a n='4'/>");
     writer.addDocument(at(170), "<a n='5'/>");
+    // Before the first event and after the last: the recording's start and end.
+    writer.addDocument(at(50), "<a n='0'/>");
+    writer.addDocument(at(400), "<a n='6'/>");
     transaction->commit();
     return path;
 }
@@ -92,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
         LookupCase{"OneMicrosecondApart", kDocuments, at(150, 1), at(150, 1), at(150), at(160)},
         LookupCase{"SharedTime", kDocuments, at(160), at(160), at(150, 1), at(170)},
         LookupCase{"JustAfterSharedTime", kDocuments, at(160, 1), at(160), at(150, 1), at(170)},
-        LookupCase{"AfterTheLast", kDocuments, at(171), at(170), at(160), at(0)}),
+        LookupCase{"AfterTheLast", kDocuments, at(401), at(400), at(170), at(0)}),
     [](const auto& info) {
         return (info.param.table == kEvents ? "Event" : "Document") + std::string(info.param.name);
     });
@@ -130,15 +133,15 @@ TEST_F(SmallRecording, TracksSummaryAndTrackSpans)
     EXPECT_THAT(recording_.tracks(), ElementsAre("VIDEO001", "META001", "AUDIO001", "SPARE"));
     const auto summary = recording_.summary();
     ASSERT_TRUE(summary);
-    EXPECT_EQ(summary->start, at(100));
-    EXPECT_EQ(summary->end, at(300, 999999));
+    EXPECT_EQ(summary->start, at(50));
+    EXPECT_EQ(summary->end, at(400));
     EXPECT_EQ(recording_.firstHistoryEventTime(), std::optional<StoreTime>(at(100)));
 
     // A track spans its first switch on to its last off, or to the end while still on.
     const std::vector<std::pair<const char*, std::vector<StoreTime>>> spans{
-        {"META001", {at(150), at(170)}},
+        {"META001", {at(50), at(400)}},
         {"AUDIO001", {at(200), at(250)}},
-        {"VIDEO001", {at(100), at(300, 999999)}},
+        {"VIDEO001", {at(100), at(400)}},
         {"SPARE", {}},
         {"NOPE", {}}};
     for (const auto& [track, expected] : spans) {
@@ -150,20 +153,6 @@ TEST_F(SmallRecording, TracksSummaryAndTrackSpans)
     }
     EXPECT_TRUE(recording_.hasTrack("SPARE"));
     EXPECT_FALSE(recording_.hasTrack("NOPE"));
-}
-
-TEST(DocumentsOnlyRecording, SummaryComesFromTheDocuments)
-{
-    TempDir dir;
-    {
-        RecordingWriter writer(dir.file("docs.db"), RecordingWriter::Durability::Safe);
-        writer.addDocument(at(5), "<a/>");
-        writer.addDocument(at(7), "<a/>");
-    }
-    const auto summary = Recording(dir.file("docs.db")).summary();
-    ASSERT_TRUE(summary);
-    EXPECT_EQ(summary->start, at(5));
-    EXPECT_EQ(summary->end, at(7));
 }
 
 // Files that must not be served, each with the reason the one-line error gives.
