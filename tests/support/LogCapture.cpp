@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -21,18 +22,10 @@ LogCapture::LogCapture(std::string path) : path_(std::move(path))
 
 LogLine LogCapture::parse(const std::string& text)
 {
-    LogLine line;
-    const auto blank = text.find(' ');
-    const auto colon = text.find(": ", blank == std::string::npos ? 0 : blank);
-    if (blank == 0 || blank > 9 || colon == std::string::npos ||
-        text.find_first_not_of("0123456789") != blank) {
-        line.message = text;
-        return line;
-    }
-    line.priority = std::stoi(text.substr(0, blank));
-    line.identity = text.substr(blank + 1, colon - blank - 1);
-    line.message = text.substr(colon + 2);
-    return line;
+    static const std::regex form(R"((\d{1,9}) ([^:]*): ([\s\S]*))");
+    std::smatch m;
+    if (!std::regex_match(text, m, form)) return LogLine{-1, "", text};
+    return LogLine{std::stoi(m[1]), m[2], m[3]};
 }
 
 std::vector<LogLine> LogCapture::since() const

@@ -82,8 +82,6 @@ TEST(Importer, LoadsEventsGroupingLinesOfOneTimeAndDocumentsFromFilesAndADirecto
     EXPECT_EQ(first->properties[1].name, "VIDEO001");
     EXPECT_EQ(first->times.next, at(100, 500000));
     EXPECT_EQ(recording.historyEventAt(at(300))->times.cur, at(200, 1));
-    EXPECT_EQ(recording.stateAt(at(150)).state, 1);
-    EXPECT_TRUE(recording.stateAt(at(150)).tracksOn.empty());
     EXPECT_EQ(recording.metadataAt(at(100, 1))->body, "<a>one</a>");
     EXPECT_EQ(recording.metadataAt(at(200, 7))->body, "<a>two</a>");
     EXPECT_EQ(recording.metadataAt(at(250))->body, "<a>whole</a>");
