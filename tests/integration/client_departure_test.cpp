@@ -60,7 +60,8 @@ TEST(ClientDeparture, SearchesEndWithTheirClientAndOthersAreUntouched)
     ASSERT_GT(briefNoop, 0);
     brief.reset();
     ASSERT_TRUE(
-        rstest::pollUntil([&] { return observer.getSearchState(briefNoop).value.state == 0; }, 3s));
+        rstest::pollUntil([&] { return observer.getSearchState(briefNoop).value.state == 0; }, 3s))
+        << "the search outlived its client";
     EXPECT_EQ(observer.getSearchState(survivor).value.state, 1u);
     EXPECT_TRUE(observer.endSearch(survivor).ok());
     EXPECT_EQ(other.getSearchState(survivor).value.state, 0u);
