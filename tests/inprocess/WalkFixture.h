@@ -2,7 +2,6 @@
 // link-time fake of the recording services; events are kept by the fake runner.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>

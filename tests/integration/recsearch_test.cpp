@@ -8,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
