@@ -128,13 +128,16 @@ TEST(Importer, RunTwiceSkipsWhatIsPresentAndRefusesWhatDiffers)
     EXPECT_EQ(again.skippedDocuments, 2u);
     EXPECT_EQ(answers(dir.file("r.db")), first);
 
-    sources.eventFiles = {dir.write("more.csv", "500,0,1\n200.000001,0,1\n")};
+    // An event that differs only in its track's name is another event, not a repeat.
+    sources.eventFiles = {dir.write("more.csv", "500,0,1\n200.000001,0,1\n100.5,1,0,AUDIO001\n")};
     sources.documentFiles = {dir.write("d.jsonl", "{\"time\": 300, \"document\": \"<c/>\"}\n")};
     const ImportReport differing = runImport(dir.file("r.db"), sources);
     EXPECT_THAT(
         differing.problems,
         ElementsAre(dir.file("more.csv") + ":2: the recording holds a different history event "
                                            "at 200.000001",
+                    dir.file("more.csv") + ":3: the recording holds a different history event "
+                                           "at 100.500000",
                     dir.file("d.jsonl") + ":1: the recording holds a different metadata document "
                                           "at 300.000000"));
     EXPECT_EQ(answers(dir.file("r.db")), first);
