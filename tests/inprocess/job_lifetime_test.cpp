@@ -48,6 +48,9 @@ TEST_F(UnbegunExpiry, SearchNeverBegunFreesItsSlotOnItsOwnTimerWhileABegunOneKee
         inCall = true;
         for (int i = 0; i < 1000 && !release; ++i) std::this_thread::sleep_for(10ms);
     };
+    // The loop has sent a completion and gone back to its wait when the searches are created.
+    ASSERT_TRUE(fake::waitForCompletion(createNoop()));
+    std::this_thread::sleep_for(50ms);
     const auto created = std::chrono::steady_clock::now();
     const int begun = create();
     const int idle = create();

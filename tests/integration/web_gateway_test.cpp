@@ -319,7 +319,8 @@ TEST(GatewayStreams, EndWithTheirReader)
     const auto every = gateway.post(
         "/api/v1/metadata",
         R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z","xpath":"/"})");
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
     std::size_t results = 0, progress = 0;
     for (const auto& line : lines(every.out)) {
         const std::string kind = json::parse(line).value("kind", "");
@@ -327,7 +328,8 @@ TEST(GatewayStreams, EndWithTheirReader)
         progress += kind == "progress";
     }
     EXPECT_GT(results, 1000u);
-    EXPECT_LE(double(progress), 4 * seconds + 1) << progress << " progress lines in " << seconds << " s";
+    EXPECT_LE(double(progress), 4 * seconds + 1)
+        << progress << " progress lines in " << seconds << " s";
 
     // A reader that reads nothing, with a small receive buffer: only the bound ends its search.
     const int reader = gateway.request("/api/v1/metadata", wholeHour);
