@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 
 #include "ExitCode.h"
+#include "client/Coverage.h"
+#include "client/InputText.h"
 #include "client/MetadataFilter.h"
 
 namespace recsearch {
@@ -31,12 +33,14 @@ const char* kExitCodes =
     "  7    state/end: no search with that job id\n"
     "  8    this user may not call recording_search (root and members of the group\n"
     "       recording-search-clients may)\n"
+    "  9    a recording service failed during the search: the results are incomplete after\n"
+    "       the time the last line gives\n"
     "  130  interrupted by Ctrl-C (the search is ended first); 143 SIGTERM, 129 SIGHUP\n";
 
 const CLI::Validator kTime(
     [](std::string& text) {
         std::string why;
-        return parseTime(text, &why) ? std::string() : text + ": " + why;
+        return parseTime(text, &why) ? std::string() : excerpt(text) + ": " + why;
     },
     "TIME");
 
@@ -304,6 +308,9 @@ std::optional<int> finishSummary(Parsed& p)
     }
     if (earlier(s.end, s.start)) std::swap(s.start, s.end);
     if (!p.bucket.empty()) s.bucket = durationOf(p.bucket);
+    if (const std::string why = checkBucketCount(s.start, s.end, s.bucket); !why.empty()) {
+        return usageError("--bucket: " + why);
+    }
     return std::nullopt;
 }
 

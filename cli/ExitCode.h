@@ -7,6 +7,7 @@ enum class ExitCode : int {
     Ok = 0,
     Failure = 1,
     Usage = 2,
+    Incomplete = 9,    // a recording service failed: the results end early
     Interrupted = 130  // Ctrl-C; other stop signals give 128 + their number
 };
 

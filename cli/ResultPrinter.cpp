@@ -73,28 +73,31 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
          << (span.matches == 1 ? " match\n" : " matches\n") << std::flush;
 }
 
-void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps)
+void ResultPrinter::coverage(const Picture& picture, Micros size, const std::vector<Segment>& gaps)
 {
     if (json_) {
-        for (const auto& b : buckets) putJson(out_, bucketJson(b));
+        forEachBucket(picture, size, [&](const Bucket& b) { putJson(out_, bucketJson(b)); });
         for (const auto& g : gaps) putJson(out_, gapJson(g));
         return;
     }
-    if (buckets.empty()) return;
+    if (picture.to <= picture.from) return;
     // A table: a bucket a line, a column per row of the picture, each wide enough for its name.
-    out_ << rangeText(buckets.front().from, buckets.back().to) << " in buckets of "
-         << durationText(buckets.front().to - buckets.front().from) << ": how long each was on\n";
-    std::vector<std::string> names{"recording"};
-    for (const auto& entry : buckets.front().tracksOn) names.push_back(printable(entry.first));
+    out_ << rangeText(picture.from, picture.to) << " in buckets of "
+         << durationText(std::min(size, picture.to - picture.from)) << ": how long each was on\n";
+    std::vector<std::string> names;
     auto column = [&](const std::string& text, const std::string& name) {
         const std::size_t width = std::max<std::size_t>(12, name.size());
         out_ << "  " << std::string(width > text.size() ? width - text.size() : 0, ' ') << text;
     };
-    const std::string first = bucketStart(buckets.front().from);
-    out_ << "from" << std::string(first.size() - 4, ' ');
-    for (const auto& name : names) column(name, name);
-    out_ << '\n';
-    for (const auto& b : buckets) {
+    forEachBucket(picture, size, [&](const Bucket& b) {
+        if (names.empty()) {
+            names.emplace_back("recording");
+            for (const auto& entry : b.tracksOn) names.push_back(printable(entry.first));
+            const std::string first = bucketStart(b.from);
+            out_ << "from" << std::string(first.size() - 4, ' ');
+            for (const auto& name : names) column(name, name);
+            out_ << '\n';
+        }
         out_ << bucketStart(b.from);
         column(shareText(b.recordingOn, b.to - b.from), names[0]);
         std::size_t i = 1;
@@ -102,7 +105,7 @@ void ResultPrinter::coverage(const std::vector<Bucket>& buckets, const std::vect
             column(shareText(entry.second, b.to - b.from), names[i++]);
         }
         out_ << '\n';
-    }
+    });
     if (gaps.empty()) {
         out_ << "\nno gaps: the recording was never off for more than a minute\n";
     } else {
@@ -168,6 +171,9 @@ void ResultPrinter::searchEnd(const SearchEnd& end)
     case SearchEnd::Kind::Completed:
         err_ << "search " << end.jobId << " completed: " << end.results
              << " results; searched through " << bothTimes(end.reached) << '\n';
+        break;
+    case SearchEnd::Kind::Incomplete:
+        err_ << incompleteText(end) << " (" << end.results << " results before it)\n";
         break;
     case SearchEnd::Kind::EndedElsewhere:
         err_ << "search " << end.jobId << " was ended by another client after " << end.results

@@ -28,7 +28,7 @@ public:
     void result(const SearchResult& result);
     void span(uint32_t jobId, const Span& span);
     // The summary command's answer: per bucket the on-times, then the gaps.
-    void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps);
+    void coverage(const Picture& picture, Micros size, const std::vector<Segment>& gaps);
     void state(uint32_t jobId, uint32_t state);
     void ended(uint32_t jobId, TimePoint reached);
     void searchEnd(const SearchEnd& end);

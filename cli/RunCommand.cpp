@@ -98,9 +98,9 @@ public:
     void reached(TimePoint t, std::size_t results) override { progress_.reached(t, results); }
     void idle() override { progress_.tick(); }
 
-    void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps) override
+    void coverage(const Picture& picture, Micros size, const std::vector<Segment>& gaps) override
     {
-        printer_.coverage(buckets, gaps);
+        printer_.coverage(picture, size, gaps);
     }
 
     void picture(const Picture& picture) override
@@ -125,10 +125,14 @@ public:
     void ended(const SearchEnd& end) override
     {
         progress_.clear();
-        if (end.kind == SearchEnd::Kind::Interrupted || command_.json || !command_.quiet) {
+        incomplete_ = end.kind == SearchEnd::Kind::Incomplete;
+        if (end.kind == SearchEnd::Kind::Interrupted || incomplete_ || command_.json ||
+            !command_.quiet) {
             printer_.searchEnd(end);
         }
     }
+
+    bool incomplete() const { return incomplete_; }
 
     bool good() const override { return printer_.good(); }
 
@@ -139,6 +143,7 @@ private:
     Progress progress_;
     bool clearBeforeOutput_;
     std::ofstream svg_;
+    bool incomplete_ = false;
 };
 
 int runSearch(const Command& command, EventInbox& inbox, const kavro::tools::StopRequest& stop,
@@ -150,6 +155,7 @@ int runSearch(const Command& command, EventInbox& inbox, const kavro::tools::Sto
         return int(ExitCode::Interrupted);
     }
     const int signal = session.stream();
+    if (signal == 0 && output.incomplete()) return int(ExitCode::Incomplete);
     return signal == 0 ? int(ExitCode::Ok) : 128 + signal;
 }
 

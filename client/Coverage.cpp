@@ -19,28 +19,45 @@ Micros onWithin(const std::vector<Segment>& segments, std::size_t& next, Micros 
     return on;
 }
 
+// Sub-second sizes to the microsecond, so that a bound just below them is seen as such.
+std::string sizeText(Micros d)
+{
+    if (d >= seconds(1)) return durationText(d);
+    if (d.count() % 1000 == 0) return std::to_string(d.count() / 1000) + " ms";
+    return std::to_string(d.count()) + " µs";
+}
+
 }  // namespace
 
-std::vector<Bucket> coverage(const Picture& events, Micros size)
+std::string checkBucketCount(TimePoint start, TimePoint end, Micros size)
 {
-    std::vector<Bucket> buckets;
+    if (size.count() <= 0) return "";
+    const Micros range = earlier(end, start) ? sinceEpoch(start) - sinceEpoch(end)
+                                             : sinceEpoch(end) - sinceEpoch(start);
+    const int64_t count = (range.count() + size.count() - 1) / size.count();
+    if (count <= kMaxBuckets) return "";
+    const Micros least((range.count() + kMaxBuckets - 1) / kMaxBuckets);
+    return "a bucket of " + sizeText(size) + " cuts this range into " + std::to_string(count) +
+           " buckets; at most " + std::to_string(kMaxBuckets) + " are made (choose a bucket of " +
+           sizeText(least) + " or more)";
+}
+
+void forEachBucket(const Picture& events, Micros size,
+                   const std::function<void(const Bucket&)>& each)
+{
+    std::vector<std::size_t> next(events.rows.size(), 0);
     for (Micros from = events.from; from < events.to; from += size) {
         Bucket bucket{from, std::min(from + size, events.to), Micros{0}, {}};
-        buckets.push_back(bucket);
-    }
-    for (std::size_t i = 0; i < events.rows.size(); ++i) {
-        const Row& row = events.rows[i];
-        std::size_t next = 0;
-        for (auto& bucket : buckets) {
-            const Micros on = onWithin(row.segments, next, bucket.from, bucket.to);
+        for (std::size_t i = 0; i < events.rows.size(); ++i) {
+            const Micros on = onWithin(events.rows[i].segments, next[i], bucket.from, bucket.to);
             if (i == 0) {
                 bucket.recordingOn = on;
             } else {
-                bucket.tracksOn[row.name] = on;
+                bucket.tracksOn[events.rows[i].name] = on;
             }
         }
+        each(bucket);
     }
-    return buckets;
 }
 
 std::vector<Segment> recordingGaps(const Picture& events, Micros longer)

@@ -1,6 +1,8 @@
 // Coverage: how long the recording and each track were on per time bucket, and the gaps.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,8 +18,17 @@ struct Bucket {
     std::map<std::string, Micros> tracksOn;  // every track of the picture, also when never on
 };
 
-// Consecutive buckets of `size` from the picture's start; the last one ends at its end.
-std::vector<Bucket> coverage(const Picture& events, Micros size);
+// More buckets than this are refused: a summary's work and output follow their number.
+constexpr int64_t kMaxBuckets = 10000;
+
+// What is wrong with cutting start..end into buckets of `size` (0: the default size), or an
+// empty string.
+std::string checkBucketCount(TimePoint start, TimePoint end, Micros size);
+
+// Consecutive buckets of `size` from the picture's start, handed to `each` one at a time; the
+// last one ends at the picture's end.
+void forEachBucket(const Picture& events, Micros size,
+                   const std::function<void(const Bucket&)>& each);
 
 // Times when the recording was off for longer than `longer`.
 std::vector<Segment> recordingGaps(const Picture& events, Micros longer);

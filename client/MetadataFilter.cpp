@@ -1,18 +1,12 @@
 #include "client/MetadataFilter.h"
 
-#include <regex>
 #include <sstream>
+
+#include "client/InputText.h"
 
 namespace rsclient {
 
 namespace {
-
-// What XPath 1.0 reads as a number literal: no exponent, no plus sign.
-bool plainDecimal(const std::string& text, bool negativeAllowed)
-{
-    static const std::regex decimal(R"(-?([0-9]+(\.[0-9]*)?|\.[0-9]+))");
-    return std::regex_match(text, decimal) && (negativeAllowed || text[0] != '-');
-}
 
 std::string lowerAscii(std::string text)
 {
@@ -59,6 +53,7 @@ std::vector<std::string> splitCommas(const std::string& text)
 std::string checkName(const std::string& name)
 {
     if (name.empty()) return "a name must not be empty";
+    if (const std::string why = lengthProblem(name); !why.empty()) return why;
     for (unsigned char c : name) {
         if (c == '"' || c == '\'') return "a name must not contain quotes";
         if (c < 0x20 || c == 0x7f) return "a name must not contain control characters";
@@ -68,22 +63,29 @@ std::string checkName(const std::string& name)
 
 std::string checkLikelihood(const std::string& text)
 {
-    if (!plainDecimal(text, false) || std::stod(text) > 1) {
-        return text + " is not a likelihood from 0 to 1 (for example 0.8)";
+    if (const std::string why = lengthProblem(text); !why.empty()) return why;
+    const auto value = plainDecimal(text, false) ? decimalValue(text) : std::nullopt;
+    if (!value || *value > 1) {
+        return excerpt(text) + " is not a likelihood from 0 to 1 (for example 0.8)";
     }
     return "";
 }
 
 std::string checkRegion(const std::string& text)
 {
+    if (text.size() > 4 * kMaxValueLength) return lengthProblem(text);
     const auto parts = splitCommas(text);
     const char* form = " is not LEFT,TOP,RIGHT,BOTTOM (for example 0,0,0.5,1)";
-    if (parts.size() != 4) return text + form;
-    for (const auto& part : parts) {
-        if (!plainDecimal(part, true)) return text + form;
+    if (parts.size() != 4) return excerpt(text) + form;
+    double edge[4];
+    for (std::size_t i = 0; i < 4; ++i) {
+        if (const std::string why = lengthProblem(parts[i]); !why.empty()) return why;
+        const auto value = decimalValue(parts[i]);
+        if (!value) return excerpt(text) + form;
+        edge[i] = *value;
     }
-    if (std::stod(parts[0]) >= std::stod(parts[2])) return text + ": LEFT must be below RIGHT";
-    if (std::stod(parts[1]) >= std::stod(parts[3])) return text + ": TOP must be below BOTTOM";
+    if (edge[0] >= edge[2]) return "the left edge must lie left of the right edge";
+    if (edge[1] >= edge[3]) return "the top edge must lie above the bottom edge";
     return "";
 }
 

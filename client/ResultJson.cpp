@@ -103,15 +103,23 @@ Json endedJson(uint32_t jobId, TimePoint reached)
     return j;
 }
 
+std::string incompleteText(const SearchEnd& end)
+{
+    return "a recording service failed during search " + std::to_string(end.jobId) +
+           ": the results are incomplete after " + isoText(end.reached);
+}
+
 Json searchEndJson(const SearchEnd& end)
 {
     if (end.kind == SearchEnd::Kind::EndedElsewhere) {
         return {{"job", end.jobId}, {"kind", "ended_elsewhere"}, {"results", end.results}};
     }
-    Json j = {{"job", end.jobId},
-              {"kind", end.kind == SearchEnd::Kind::Interrupted ? "interrupted" : "completed"},
-              {"results", end.results}};
+    const char* kind = end.kind == SearchEnd::Kind::Interrupted  ? "interrupted"
+                       : end.kind == SearchEnd::Kind::Incomplete ? "incomplete"
+                                                                 : "completed";
+    Json j = {{"job", end.jobId}, {"kind", kind}, {"results", end.results}};
     addTime(j, end.reached);
+    if (end.kind == SearchEnd::Kind::Incomplete) j["error"] = incompleteText(end);
     return j;
 }
 

@@ -23,6 +23,8 @@ Json gapJson(const Segment& gap);
 Json stateJson(uint32_t jobId, uint32_t state);
 Json endedJson(uint32_t jobId, TimePoint reached);  // ended on request of another client
 Json searchEndJson(const SearchEnd& end);
+// What the last line says of a search that a failing recording service cut short.
+std::string incompleteText(const SearchEnd& end);
 
 // One line, newline included. Invalid UTF-8 (in a track name) is replaced, never an error.
 std::string jsonLine(const Json& json);

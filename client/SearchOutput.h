@@ -13,7 +13,8 @@
 namespace rsclient {
 
 struct SearchEnd {
-    enum class Kind { Completed, Interrupted, EndedElsewhere };
+    // Incomplete: the walk ended early because a recording service failed; `reached` is where.
+    enum class Kind { Completed, Interrupted, EndedElsewhere, Incomplete };
     Kind kind = Kind::Completed;
     uint32_t jobId = 0;
     TimePoint reached;  // not known when ended elsewhere
@@ -29,7 +30,9 @@ public:
     virtual void span(uint32_t jobId, const Span& span) = 0;
     virtual void reached(TimePoint /*t*/, std::size_t /*results*/) {}  // after every result
     virtual void idle() {}  // nothing arrived for a while
-    virtual void coverage(const std::vector<Bucket>& buckets, const std::vector<Segment>& gaps) = 0;
+    // The picture cut into buckets of `size` (forEachBucket), then the recording's gaps.
+    virtual void coverage(const Picture& picture, Micros size,
+                          const std::vector<Segment>& gaps) = 0;
     virtual void picture(const Picture& /*picture*/) {}  // only when the request asks for one
     virtual void ended(const SearchEnd& end) = 0;
     // False once nobody reads what is written; the search is then ended without a word.

@@ -13,6 +13,7 @@ namespace rsclient {
 namespace {
 
 constexpr std::chrono::milliseconds kTickEvery{100};
+constexpr std::chrono::milliseconds kAskProgressEvery{250};
 constexpr std::chrono::minutes kLongGap{1};
 
 }  // namespace
@@ -75,6 +76,7 @@ int SearchSession::stream()
     while (true) {
         auto event = inbox_.waitNext(kTickEvery);
         if (!event) {
+            askProgress();
             output_.idle();
             continue;
         }
@@ -101,10 +103,24 @@ int SearchSession::stream()
     }
 }
 
+// While no result arrives, the service is asked how far the search has got, so that progress
+// moves over stretches that match nothing.
+void SearchSession::askProgress()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastReached_ < kAskProgressEvery) return;
+    lastReached_ = now;
+    const SearchProgress progress = service_.searchProgress(jobId_);
+    if (progress.state == kavro::contract::kStateSearching) {
+        output_.reached(progress.through, results_);
+    }
+}
+
 void SearchSession::take(const SearchResult& result)
 {
     ++results_;
     last_ = result.time;
+    lastReached_ = std::chrono::steady_clock::now();
     const bool metadata = result.kind == SearchResult::Kind::Metadata;
     if (keep_ && !metadata) kept_.push_back(result);
     if (keep_ && metadata && !spans_) marks_.push_back(Span{result.time, result.time, 1});
@@ -142,7 +158,7 @@ void SearchSession::conclude(TimePoint reached)
     if (r.kind == SearchRequest::Kind::Summary) {
         const Micros size =
             r.bucket.count() > 0 ? r.bucket : defaultBucket(picture.to - picture.from);
-        output_.coverage(rsclient::coverage(picture, size), recordingGaps(picture, kLongGap));
+        output_.coverage(picture, size, recordingGaps(picture, kLongGap));
     }
     if (r.picture) output_.picture(picture);
 }
@@ -150,15 +166,25 @@ void SearchSession::conclude(TimePoint reached)
 // signal 0: the search completed by itself, or someone else ended it.
 int SearchSession::finish(int signal)
 {
-    if (signal == 0 && service_.searchState(jobId_) == kavro::contract::kStateUnknown) {
-        // Ended elsewhere: there is no position left to ask for; the last result is as far as
-        // anything is known.
-        conclude(results_ > 0 ? last_ : request_.start);
-        output_.ended(SearchEnd{SearchEnd::Kind::EndedElsewhere, jobId_, last_, results_});
-        return 0;
+    std::optional<TimePoint> failedAt;
+    if (signal == 0) {
+        const SearchProgress progress = service_.searchProgress(jobId_);
+        if (progress.state == kavro::contract::kStateUnknown) {
+            // Ended elsewhere: there is no position left to ask for; the last result is as far
+            // as anything is known.
+            conclude(results_ > 0 ? last_ : request_.start);
+            output_.ended(SearchEnd{SearchEnd::Kind::EndedElsewhere, jobId_, last_, results_});
+            return 0;
+        }
+        failedAt = progress.failedAt;
     }
     const EndReply end = service_.endSearch(jobId_);
     if (signal == SIGPIPE) return signal;  // nobody left to tell
+    if (failedAt) {
+        conclude(*failedAt);
+        output_.ended(SearchEnd{SearchEnd::Kind::Incomplete, jobId_, *failedAt, results_});
+        return 0;
+    }
     conclude(end.reached);
     const auto kind = signal == 0 ? SearchEnd::Kind::Completed : SearchEnd::Kind::Interrupted;
     output_.ended(SearchEnd{kind, jobId_, end.reached, results_});

@@ -2,6 +2,7 @@
 // SearchOutput. Shared by recsearch and the gateway, so that both say the same.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -35,6 +36,7 @@ public:
 private:
     int32_t create();
     void take(const SearchResult& result);
+    void askProgress();
     void conclude(TimePoint reached);
     int finish(int signal);
 
@@ -47,8 +49,9 @@ private:
     uint32_t jobId_ = 0;
     std::size_t results_ = 0;
     TimePoint last_;
-    std::vector<SearchResult> kept_;  // event results
-    std::vector<Span> marks_;         // metadata matches, or spans
+    std::chrono::steady_clock::time_point lastReached_;  // the last result or progress answer
+    std::vector<SearchResult> kept_;                     // event results
+    std::vector<Span> marks_;                            // metadata matches, or spans
 };
 
 }  // namespace rsclient

@@ -274,6 +274,20 @@ uint32_t ServiceConnection::searchState(uint32_t jobId)
     return state;
 }
 
+SearchProgress ServiceConnection::searchProgress(uint32_t jobId)
+{
+    SearchProgress progress;
+    call("GetSearchProgress", [&] {
+        uint32_t id = 0;
+        uint8_t failed = 0;
+        TimePoint failedAt;
+        std::tie(id, progress.state, progress.through.sec, progress.through.usec, failed,
+                 failedAt.sec, failedAt.usec) = search_->GetSearchProgress(jobId);
+        if (failed != 0) progress.failedAt = failedAt;
+    });
+    return progress;
+}
+
 EndReply ServiceConnection::endSearch(uint32_t jobId)
 {
     EndReply reply;

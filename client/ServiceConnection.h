@@ -25,6 +25,13 @@ class Registered;
 
 namespace rsclient {
 
+// How far a search has got, without ending it.
+struct SearchProgress {
+    uint32_t state = 0;  // kavro::contract::kState*
+    TimePoint through;
+    std::optional<TimePoint> failedAt;  // the walk ended early: a recording service failed there
+};
+
 struct EndReply {
     uint32_t jobId = 0;
     TimePoint reached;
@@ -51,6 +58,7 @@ public:
     int32_t createNoopSearch();
     void beginSearch(uint32_t jobId);
     uint32_t searchState(uint32_t jobId);
+    SearchProgress searchProgress(uint32_t jobId);
     EndReply endSearch(uint32_t jobId);
 
     // The recording's first and last time, if recording_information answers; for progress only.

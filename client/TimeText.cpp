@@ -6,7 +6,8 @@
 #include <cstdio>
 #include <ctime>
 #include <limits>
-#include <regex>
+
+#include "client/InputText.h"
 
 namespace rsclient {
 
@@ -108,6 +109,14 @@ std::optional<TimePoint> parseTime(const std::string& text, std::string* why)
 {
     std::string ignored;
     if (why == nullptr) why = &ignored;
+    if (const std::string tooLong = lengthProblem(text); !tooLong.empty()) {
+        *why = tooLong;
+        return std::nullopt;
+    }
+    if (text.find('\0') != std::string::npos) {
+        *why = "a time must not contain a NUL character";
+        return std::nullopt;
+    }
     if (text.find('T') != std::string::npos || text.find('t') != std::string::npos ||
         text.find('-') != std::string::npos) {
         return parseIso(text, why);
@@ -151,21 +160,34 @@ TimePoint timePointAt(Micros sinceEpoch)
 
 std::optional<Micros> parseDuration(const std::string& text, std::string* why)
 {
-    static const std::regex form(R"(([0-9]+(\.[0-9]*)?|\.[0-9]+)(ms|s|m|min|h|d)?)");
-    std::smatch m;
-    if (!std::regex_match(text, m, form)) {
-        if (why) *why = text + " is not a duration such as 90s, 500ms, 5m, 2h or 1d";
+    std::string ignored;
+    if (why == nullptr) why = &ignored;
+    if (const std::string tooLong = lengthProblem(text); !tooLong.empty()) {
+        *why = tooLong;
         return std::nullopt;
     }
-    const std::string unit = m[3];
-    double scale = 1e6;  // seconds
-    if (unit == "ms") scale = 1e3;
-    if (unit == "m" || unit == "min") scale = 60e6;
-    if (unit == "h") scale = 3600e6;
-    if (unit == "d") scale = 86400e6;
-    const double usec = std::round(std::stod(m[1]) * scale);
+    const auto unitAt = text.find_first_not_of("0123456789.");
+    const std::string number = text.substr(0, unitAt);
+    const std::string unit = unitAt == std::string::npos ? "" : text.substr(unitAt);
+    double scale = 0;
+    for (const auto& [name, micros] : {std::pair<const char*, double>{"", 1e6},
+                                       {"s", 1e6},
+                                       {"ms", 1e3},
+                                       {"m", 60e6},
+                                       {"min", 60e6},
+                                       {"h", 3600e6},
+                                       {"d", 86400e6}}) {
+        if (unit == name) scale = micros;
+    }
+    const auto value =
+        plainDecimal(number, false) && scale > 0 ? decimalValue(number) : std::nullopt;
+    if (!value) {
+        *why = excerpt(text) + " is not a duration such as 90s, 500ms, 5m, 2h or 1d";
+        return std::nullopt;
+    }
+    const double usec = std::round(*value * scale);
     if (usec < 1 || usec > 3650 * 86400e6) {
-        if (why) *why = text + " is not a duration above 0 and up to ten years";
+        *why = excerpt(text) + " is not a duration above 0 and up to ten years";
         return std::nullopt;
     }
     return Micros(int64_t(usec));

@@ -131,6 +131,7 @@ void EventSearchJob::_getNextEvents(void* dataAccessHandle, std::vector<EventPro
         kavro_core_logging_log(logCookie, 3,
                                "Bad return from %s while getting Recording/History events",
                                "recording_data_access");
+        _noteServiceFailure(status);
         throw EndOfSearchException();
     }
 

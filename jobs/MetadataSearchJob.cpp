@@ -112,6 +112,7 @@ std::optional<OwnedText> MetadataSearchJob::_getNextMetadataDoc(void* dataAccess
         kavro_core_logging_log(logCookie, 3,
                                "Bad return %d call while getting metadata at time %d.%06d", status,
                                searchPoint.sec, searchPoint.usec);
+        _noteServiceFailure(status);
         throw EndOfSearchException();
     }
 

@@ -77,6 +77,7 @@ bool TimelineSearchJob::_narrowToRecording(void* informationHandle)
                                "%d - Could not get the recording summary (status %d), ending "
                                "the search",
                                jobId, status);
+        _noteServiceFailure(status);
         return false;
     }
     if (rangeStart < recordingStart) {
@@ -103,6 +104,22 @@ void TimelineSearchJob::getCurrentTimes(unsigned int* sec, unsigned int* usec) c
     const SearchTime current = currentTime.load();
     *sec = current.sec;
     *usec = current.usec;
+}
+
+bool TimelineSearchJob::endedByServiceFailure(SearchTime* reached) const
+{
+    if (!failed.load(std::memory_order_acquire)) return false;
+    *reached = failedAt.load();
+    return true;
+}
+
+// The framework's own statuses say that a service could not be reached or did not answer in
+// time; a service's own status (no data, say) is one of its answers.
+void TimelineSearchJob::_noteServiceFailure(kavro_core_status status)
+{
+    if (status < KAVRO_STATUS_INVALID_ARGUMENT) return;
+    failedAt = currentTime.load();
+    failed.store(true, std::memory_order_release);
 }
 
 void TimelineSearchJob::_resetStartingTimes()

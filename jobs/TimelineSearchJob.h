@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "jobs/EndOfSearchException.h"
 #include "jobs/SearchJob.h"
 #include "jobs/SearchTime.h"
@@ -23,9 +25,15 @@ public:
     virtual void performTimelineSearch(void* informationHandle, void* dataAccessHandle) = 0;
 
     void getCurrentTimes(unsigned int* sec, unsigned int* usec) const;
+    // True when the walk ended because a recording service failed; `reached` is then where it
+    // had got to. Safe from any thread.
+    bool endedByServiceFailure(SearchTime* reached) const;
 
 protected:
     void _resetStartingTimes();
+    // On the worker, when a call fails with `status`: if the service failed (rather than
+    // answering a status of its own), the walk is cut short here, not at its end.
+    void _noteServiceFailure(kavro_core_status status);
     bool _earlier(unsigned int sec1, unsigned int usec1, unsigned int sec2,
                   unsigned int usec2) const
     {
@@ -60,6 +68,8 @@ protected:
     SearchTime rangeEnd;
     const bool forward;
     AtomicSearchTime currentTime;
+    AtomicSearchTime failedAt;
+    std::atomic<bool> failed{false};  // published after failedAt
     SearchTime searchPoint;
 
 private:

@@ -242,6 +242,31 @@ int RecordingSearchTargetImpl::getSearchState(unsigned int jobId, unsigned int* 
     return 0;
 }
 
+int RecordingSearchTargetImpl::getSearchProgress(unsigned int jobId, unsigned int* jobIdOut,
+                                                 unsigned int* stateOut, unsigned int* secOut,
+                                                 unsigned int* usecOut, unsigned char* failedOut,
+                                                 unsigned int* failedSecOut,
+                                                 unsigned int* failedUsecOut)
+{
+    *jobIdOut = jobId;
+    *stateOut = kavro::contract::kStateUnknown;
+    *secOut = *usecOut = *failedSecOut = *failedUsecOut = 0;
+    *failedOut = 0;
+    const boost::shared_ptr<SearchJob> job = findJob(jobId);
+    if (!job) return 0;
+    *stateOut = job->getSearchState();
+    if (const auto timeline = boost::dynamic_pointer_cast<TimelineSearchJob>(job)) {
+        timeline->getCurrentTimes(secOut, usecOut);
+        SearchTime reached;
+        if (timeline->endedByServiceFailure(&reached)) {
+            *failedOut = 1;
+            *failedSecOut = reached.sec;
+            *failedUsecOut = reached.usec;
+        }
+    }
+    return 0;
+}
+
 int RecordingSearchTargetImpl::endSearch(unsigned int jobId, unsigned int* jobIdOut,
                                          unsigned int* secOut, unsigned int* usecOut)
 {

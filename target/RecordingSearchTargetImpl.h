@@ -63,6 +63,9 @@ public:
     int createNoopSearch(int* jobId) override;
     int beginSearch(unsigned int jobId, unsigned int* jobIdOut) override;
     int getSearchState(unsigned int jobId, unsigned int* jobIdOut, unsigned int* stateOut) override;
+    int getSearchProgress(unsigned int jobId, unsigned int* jobIdOut, unsigned int* stateOut,
+                          unsigned int* secOut, unsigned int* usecOut, unsigned char* failedOut,
+                          unsigned int* failedSecOut, unsigned int* failedUsecOut) override;
     int endSearch(unsigned int jobId, unsigned int* jobIdOut, unsigned int* secOut,
                   unsigned int* usecOut) override;
 

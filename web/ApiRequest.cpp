@@ -4,6 +4,8 @@
 #include <limits>
 #include <vector>
 
+#include "client/Coverage.h"
+#include "client/InputText.h"
 #include "client/MetadataFilter.h"
 
 namespace web {
@@ -13,7 +15,34 @@ using rsclient::SearchRequest;
 
 namespace {
 
-[[noreturn]] void bad(const std::string& message) { throw ApiError(400, message); }
+constexpr int kMaxNesting = 8;
+
+[[noreturn]] void bad(const std::string& message, const std::string& field = "")
+{
+    throw ApiError(400, message, field);
+}
+
+// Deeper bodies are refused before they are parsed: no request needs more than a list in an
+// object, and a deep one would cost stack wherever it is copied or printed.
+bool nestsTooDeep(const std::string& text)
+{
+    int depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxNesting) return true;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return false;
+}
 
 const json* field(const json& body, const char* name)
 {
@@ -21,22 +50,32 @@ const json* field(const json& body, const char* name)
     return it == body.end() || it->is_null() ? nullptr : &*it;
 }
 
+// A string field's text; a NUL in it would cut it short wherever it goes next.
+std::string textOf(const json& value, const char* name)
+{
+    std::string text = value.get<std::string>();
+    if (text.find('\0') != std::string::npos) {
+        bad(std::string(name) + ": must not contain a NUL character", name);
+    }
+    return text;
+}
+
 // Numbers as the person wrote them, so that 0.80 stays 0.80 in the expression.
 std::string numberText(const json& value, const char* name)
 {
-    if (value.is_string()) return value.get<std::string>();
-    if (!value.is_number()) bad(std::string(name) + ": expected a number");
+    if (value.is_string()) return textOf(value, name);
+    if (!value.is_number()) bad(std::string(name) + ": expected a number", name);
     return value.dump();
 }
 
 rsclient::TimePoint timeField(const json& body, const char* name)
 {
     const json* value = field(body, name);
-    if (value == nullptr) bad(std::string(name) + " is required");
+    if (value == nullptr) bad(std::string(name) + " is required", name);
     const std::string text = numberText(*value, name);
     std::string why;
     const auto time = rsclient::parseTime(text, &why);
-    if (!time) bad(std::string(name) + ": " + text + ": " + why);
+    if (!time) bad(std::string(name) + ": " + rsclient::excerpt(text) + ": " + why, name);
     return *time;
 }
 
@@ -44,7 +83,7 @@ bool boolField(const json& body, const char* name)
 {
     const json* value = field(body, name);
     if (value == nullptr) return false;
-    if (!value->is_boolean()) bad(std::string(name) + ": expected true or false");
+    if (!value->is_boolean()) bad(std::string(name) + ": expected true or false", name);
     return value->get<bool>();
 }
 
@@ -52,8 +91,8 @@ std::string stringField(const json& body, const char* name)
 {
     const json* value = field(body, name);
     if (value == nullptr) return {};
-    if (!value->is_string()) bad(std::string(name) + ": expected a string");
-    return value->get<std::string>();
+    if (!value->is_string()) bad(std::string(name) + ": expected a string", name);
+    return textOf(*value, name);
 }
 
 int32_t maxResults(const json& body)
@@ -61,7 +100,8 @@ int32_t maxResults(const json& body)
     const json* value = field(body, "maxResults");
     if (value == nullptr) return -1;
     if (!value->is_number_integer() || *value < 0 || *value > std::numeric_limits<int32_t>::max()) {
-        bad("maxResults: " + value->dump() + " not in range 0 to 2147483647");
+        bad("maxResults: " + rsclient::excerpt(value->dump()) + " not in range 0 to 2147483647",
+            "maxResults");
     }
     return value->get<int32_t>();
 }
@@ -73,13 +113,13 @@ std::optional<rsclient::Micros> durationField(const json& body, const char* name
     const std::string text = numberText(*value, name);
     std::string why;
     const auto duration = rsclient::parseDuration(text, &why);
-    if (!duration) bad(std::string(name) + ": " + why);
+    if (!duration) bad(std::string(name) + ": " + why, name);
     return duration;
 }
 
 void check(const char* name, const std::string& why)
 {
-    if (!why.empty()) bad(std::string(name) + ": " + why);
+    if (!why.empty()) bad(std::string(name) + ": " + why, name);
 }
 
 std::vector<std::string> classes(const json& body)
@@ -89,9 +129,9 @@ std::vector<std::string> classes(const json& body)
     const json list = value->is_array() ? *value : json::array({*value});
     std::vector<std::string> names;
     for (const auto& item : list) {
-        if (!item.is_string()) bad("class: expected a name or a list of names");
-        check("class", rsclient::checkName(item.get<std::string>()));
-        names.push_back(item.get<std::string>());
+        if (!item.is_string()) bad("class: expected a name or a list of names", "class");
+        names.push_back(textOf(item, "class"));
+        check("class", rsclient::checkName(names.back()));
     }
     return names;
 }
@@ -101,7 +141,7 @@ std::optional<rsclient::Region> region(const json& body)
     const json* value = field(body, "region");
     if (value == nullptr) return std::nullopt;
     if (!value->is_array() || value->size() != 4)
-        bad("region: expected [left, top, right, bottom]");
+        bad("region: expected [left, top, right, bottom]", "region");
     std::string text;
     for (const auto& edge : *value) text += (text.empty() ? "" : ",") + numberText(edge, "region");
     check("region", rsclient::checkRegion(text));
@@ -136,6 +176,9 @@ SearchRequest ranged(const json& body, SearchRequest::Kind kind)
 
 json parseBody(const std::string& body)
 {
+    if (nestsTooDeep(body)) {
+        bad("the body nests deeper than " + std::to_string(kMaxNesting) + " levels");
+    }
     json parsed = json::parse(body, nullptr, false);
     if (parsed.is_discarded()) bad("the body is not valid JSON");
     if (!parsed.is_object()) bad("the body is not a JSON object");
@@ -155,7 +198,8 @@ std::string xpathOf(const json& body)
     const rsclient::MetadataFilter f = filter(body);
     if (field(body, "xpath") == nullptr && f.empty()) {
         bad("xpath is required unless a filter (class, colour, minLikelihood, region, motion) is "
-            "given");
+            "given",
+            "xpath");
     }
     return rsclient::filterXPath(f, stringField(body, "xpath"));
 }
@@ -177,10 +221,11 @@ SearchRequest summaryRequest(const json& body)
 {
     SearchRequest r = ranged(body, SearchRequest::Kind::Summary);
     if (!rsclient::earlier(r.start, r.end) && !rsclient::earlier(r.end, r.start)) {
-        bad("start and end must differ");
+        bad("start and end must differ", "end");
     }
     if (rsclient::earlier(r.end, r.start)) std::swap(r.start, r.end);
     if (auto bucket = durationField(body, "bucket")) r.bucket = *bucket;
+    check("bucket", rsclient::checkBucketCount(r.start, r.end, r.bucket));
     return r;
 }
 

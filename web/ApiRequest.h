@@ -11,19 +11,23 @@
 
 namespace web {
 
-// A request the gateway answers with `status` and {"error": message}.
+// A request the gateway answers with `status` and {"error": message}, and {"field": field} when
+// one field of the body is at fault.
 class ApiError : public std::runtime_error {
 public:
-    ApiError(int status, const std::string& message) : std::runtime_error(message), status_(status)
+    ApiError(int status, const std::string& message, std::string field = "")
+        : std::runtime_error(message), status_(status), field_(std::move(field))
     {
     }
     int status() const { return status_; }
+    const std::string& field() const { return field_; }
 
 private:
     int status_;
+    std::string field_;
 };
 
-// Throws ApiError 400 for a body that is not a JSON object.
+// Throws ApiError 400 for a body that is not a JSON object, or that nests too deep.
 nlohmann::json parseBody(const std::string& body);
 
 rsclient::SearchRequest eventsRequest(const nlohmann::json& body);

@@ -26,7 +26,10 @@ Times are ISO 8601 UTC text or seconds since 1970, as recsearch reads them.
 
 Safety: tokens are the non-empty lines of the token file, compared in constant time and never
 logged; a request from another Origin is refused; an address that is not loopback needs
---tls-cert and --tls-key, or --plain-http to say that plain HTTP is meant.
+--tls-cert and --tls-key, or --plain-http to say that plain HTTP is meant. HTTPS is TLS 1.2
+and 1.3 only. A request is answered from its headers alone when it is refused (no body is
+read); it must arrive whole within --request-timeout; a body needs exactly one Content-Length.
+A bound reached is answered 503 with Retry-After.
 
 systemd: with a socket passed (recording-search-web.socket) --listen is not used; readiness is
 reported with sd_notify. Logs go to the journal (one line per request at priority 7, without
@@ -95,6 +98,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
 {
     GatewayOptions o;
     long idle = o.limits.idle.count();
+    long request = o.limits.request.count();
     CLI::App app("The HTTP gateway and search page of recording_search.", "recording_search_web");
     app.add_option("--listen", o.listen, "ADDRESS:PORT to listen on (default 127.0.0.1:8470)")
         ->type_name("ADDR:PORT");
@@ -111,7 +115,8 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
         ->check(CLI::Range(1u, 1024u))
         ->group(bounds);
     app.add_option("--max-per-client", o.limits.connectionsPerClient,
-                   "connections at once from one client address (default 16)")
+                   "connections from one client address that wait for their request to arrive; "
+                   "a new one closes the oldest (default 16)")
         ->check(CLI::Range(1u, 1024u))
         ->group(bounds);
     app.add_option("--max-streams", o.limits.streams, "searches streamed at once (default 8)")
@@ -120,6 +125,11 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     app.add_option("--idle-timeout", idle,
                    "seconds before an idle connection is closed (default 60)")
         ->check(CLI::Range(1, 3600))
+        ->group(bounds);
+    app.add_option("--request-timeout", request,
+                   "seconds for a whole request (headers and body) to arrive, however steadily "
+                   "it trickles (default 10)")
+        ->check(CLI::Range(1, 600))
         ->group(bounds);
     app.add_option("--max-buffered", o.limits.bufferedBytes,
                    "bytes of results held for a slow reader before its search is ended "
@@ -139,6 +149,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
         return 2;
     }
     o.limits.idle = std::chrono::seconds(idle);
+    o.limits.request = std::chrono::seconds(request);
     std::string why;
     if (!parseListen(o.listen, o, why)) return usageError("--listen: " + why);
     if (o.tlsCert.empty() != o.tlsKey.empty()) {

@@ -17,6 +17,7 @@ struct Limits {
     unsigned connectionsPerClient = 16;
     std::size_t streams = 8;
     std::chrono::seconds idle{60};
+    std::chrono::seconds request{10};  // for a whole request (headers and body) to arrive
     std::size_t bufferedBytes = std::size_t{1} << 20;  // results waiting for one slow reader
 };
 

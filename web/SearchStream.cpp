@@ -25,11 +25,14 @@ constexpr std::chrono::milliseconds kGatherFor{20};
 // within a second.
 constexpr std::chrono::milliseconds kPeerCheckEvery{200};
 
+// A peer that only half-closed (shutdown of its writing side, as `nc -N` does) still reads:
+// only a connection closed both ways counts. A peer that closed without that being seen yet
+// is found by the next write, which the progress lines make a few times a second.
 bool peerGone(int socket)
 {
     if (socket < 0) return false;
-    pollfd watched{socket, POLLRDHUP, 0};
-    return ::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    pollfd watched{socket, 0, 0};
+    return ::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 std::string errorLine(const std::string& message) { return jsonLine(Json{{"error", message}}); }
@@ -107,6 +110,7 @@ void SearchStream::readerGone()
         lines_.clear();
         readFrom_ = 0;
     }
+    room_.notify_all();
     push(SIGPIPE);
 }
 
@@ -127,6 +131,7 @@ ssize_t SearchStream::read(char* buffer, std::size_t size, int socket)
                 lines_.clear();
                 readFrom_ = 0;
             }
+            room_.notify_all();
             return ssize_t(n);
         }
         if (done_) return 0;
@@ -196,11 +201,26 @@ void SearchStream::reached(rsclient::TimePoint t, std::size_t)
     append(jsonLine(Json{{"kind", "progress"}, {"through", rsclient::isoText(t)}}));
 }
 
-void SearchStream::coverage(const std::vector<rsclient::Bucket>& buckets,
+// The search is over: each line waits for room rather than overflowing, so that a reader at
+// any speed gets them all while no more than the bound is held.
+void SearchStream::coverage(const rsclient::Picture& picture, rsclient::Micros size,
                             const std::vector<rsclient::Segment>& gaps)
 {
-    for (const auto& b : buckets) append(jsonLine(rsclient::bucketJson(b)));
-    for (const auto& g : gaps) append(jsonLine(rsclient::gapJson(g)));
+    rsclient::forEachBucket(picture, size, [&](const rsclient::Bucket& b) {
+        appendWhenRoom(jsonLine(rsclient::bucketJson(b)));
+    });
+    for (const auto& g : gaps) appendWhenRoom(jsonLine(rsclient::gapJson(g)));
+}
+
+void SearchStream::appendWhenRoom(const std::string& line)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    room_.wait(lock, [&] {
+        return readerGone_ || lines_.size() - readFrom_ + line.size() <= maxBuffered_;
+    });
+    if (readerGone_) return;
+    lines_ += line;
+    if (readerWants_ != 0 && lines_.size() - readFrom_ >= readerWants_) changed_.notify_all();
 }
 
 void SearchStream::picture(const rsclient::Picture& picture)

@@ -55,7 +55,7 @@ private:
     void result(const rsclient::SearchResult& result) override;
     void span(uint32_t jobId, const rsclient::Span& span) override;
     void reached(rsclient::TimePoint t, std::size_t results) override;
-    void coverage(const std::vector<rsclient::Bucket>& buckets,
+    void coverage(const rsclient::Picture& picture, rsclient::Micros size,
                   const std::vector<rsclient::Segment>& gaps) override;
     void picture(const rsclient::Picture& picture) override;
     void ended(const rsclient::SearchEnd& end) override;
@@ -63,6 +63,7 @@ private:
 
     void run();
     void append(const std::string& line, bool evenWhenFull = false);
+    void appendWhenRoom(const std::string& line);
     void push(int signal);
 
     rsclient::SearchRequest request_;
@@ -78,7 +79,8 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::string lines_;  // from readFrom_ on: not yet read
+    std::condition_variable room_;  // the reader took lines, or left
+    std::string lines_;             // from readFrom_ on: not yet read
     std::size_t readFrom_ = 0;
     std::size_t readerWants_ = 0;  // bytes that wake the waiting reader; 0: it is not waiting
     bool overflowed_ = false;

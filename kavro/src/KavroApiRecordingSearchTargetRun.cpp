@@ -80,6 +80,18 @@ private:
               });
     }
 
+    void GetSearchProgress(
+        sdbus::Result<uint32_t, uint32_t, uint32_t, uint32_t, uint8_t, uint32_t, uint32_t>&& result,
+        uint32_t jobId) override
+    {
+        serve("getSearchProgress", std::move(result),
+              [=](Target& t, uint32_t& jobIdOut, uint32_t& state, uint32_t& sec, uint32_t& usec,
+                  uint8_t& failed, uint32_t& failedSec, uint32_t& failedUsec) {
+                  return t.getSearchProgress(jobId, &jobIdOut, &state, &sec, &usec, &failed,
+                                             &failedSec, &failedUsec);
+              });
+    }
+
     void EndSearch(sdbus::Result<uint32_t, uint32_t, uint32_t>&& result, uint32_t jobId) override
     {
         serve("endSearch", std::move(result),

@@ -10,9 +10,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "fault_stack.h"
 #include "support/LogCapture.h"
+#include "support/ProcessRunner.h"
 #include "support/SearchClient.h"
 
 namespace {
@@ -113,6 +115,31 @@ INSTANTIATE_TEST_SUITE_P(Faults, StoreFaultTest,
                                          FaultCase{"EventSearchStoreStalled", false, true},
                                          FaultCase{"MetadataSearchStoreStalled", true, true}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// The walk ends normally when the store dies, but the client is told where it was cut short:
+// its last line says the results are incomplete after that time, and recsearch exits 9.
+TEST(StoreFault, KilledStoreMidWalkIsReportedAsAnEarlyEndNotACompletion)
+{
+    Stack stack(faultStack());
+    rstest::ProcessRunner search(RS_BIN_DIR "/recsearch",
+                                 {"metadata", std::to_string(LongRecording::kStart),
+                                  std::to_string(LongRecording::kEnd), "/", "--json"},
+                                 stack.clientEnv());
+    search.start();
+    ASSERT_TRUE(search.waitForStdout("\"kind\":\"metadata\"", 20s));
+    kill(stack.store().pid(), SIGKILL);
+    const auto status = search.waitForExit(kCallTimeout + 10s);
+    ASSERT_TRUE(status.has_value()) << "recsearch did not end";
+    EXPECT_EQ(status->code, 9) << search.stderrText();
+    const auto out = reliability::lines(search.stdoutText());
+    ASSERT_GE(out.size(), 2u);
+    const auto last = nlohmann::json::parse(out.back());
+    const auto lastResult = nlohmann::json::parse(out[out.size() - 2]);
+    EXPECT_EQ(last.at("kind"), "incomplete") << out.back();
+    EXPECT_LT(last.at("sec").get<uint32_t>(), LongRecording::kEnd) << out.back();
+    EXPECT_GE(last.at("sec").get<uint32_t>(), lastResult.at("sec").get<uint32_t>()) << out.back();
+    EXPECT_NE(last.value("error", "").find("incomplete after"), std::string::npos) << out.back();
+}
 
 TEST(StoreFault, EndSearchOnAStalledStoreReturnsWithinTheCallTimeout)
 {

@@ -42,6 +42,12 @@ public:
     virtual int beginSearch(unsigned int jobId, unsigned int* jobIdOut) = 0;
     virtual int getSearchState(unsigned int jobId, unsigned int* jobIdOut,
                                unsigned int* stateOut) = 0;
+    // Read-only: the state, the time searched through (as endSearch reads it), and whether the
+    // walk ended because a recording service failed, with the time it had reached.
+    virtual int getSearchProgress(unsigned int jobId, unsigned int* jobIdOut,
+                                  unsigned int* stateOut, unsigned int* secOut,
+                                  unsigned int* usecOut, unsigned char* failedOut,
+                                  unsigned int* failedSecOut, unsigned int* failedUsecOut) = 0;
     virtual int endSearch(unsigned int jobId, unsigned int* jobIdOut, unsigned int* secOut,
                           unsigned int* usecOut) = 0;
 

@@ -96,13 +96,20 @@ TEST(ClientCoverage, BucketsCoverTheRangeExactly)
     const Micros from = std::chrono::hours(1), to = from + minutes(60);
     const Picture picture{from, to, false, {Row{"recording", {Segment{from, to, State::On}}}}};
     for (const auto& [size, count] : {std::pair{minutes(10), 6u}, std::pair{minutes(7), 9u}}) {
-        const auto buckets = coverage(picture, size);
+        std::vector<Bucket> buckets;
+        forEachBucket(picture, size, [&](const Bucket& b) { buckets.push_back(b); });
         ASSERT_EQ(buckets.size(), count) << size.count();
         EXPECT_EQ(buckets.front().from, from);
         for (std::size_t i = 1; i < count; ++i) EXPECT_EQ(buckets[i].from, buckets[i - 1].to);
         EXPECT_EQ(buckets.back().to, to);
         EXPECT_EQ(buckets.back().recordingOn, buckets.back().to - buckets.back().from);
     }
+    // Ten thousand buckets at most, either way round.
+    const TimePoint start{3600, 0}, end{7200, 0};
+    EXPECT_EQ(checkBucketCount(end, start, std::chrono::milliseconds(360)), "");
+    EXPECT_EQ(checkBucketCount(start, end, std::chrono::milliseconds(359)),
+              "a bucket of 359 ms cuts this range into 10028 buckets; at most 10000 are made "
+              "(choose a bucket of 360 ms or more)");
 }
 
 // Matches no more than the gap apart share a span, one exactly the gap apart too; backward,

@@ -67,6 +67,11 @@ public:
         }
         return jobId == kStatusJob ? 42 : 0;
     }
+    int getSearchProgress(unsigned jobId, unsigned* jobIdOut, unsigned*, unsigned*, unsigned*,
+                          unsigned char*, unsigned*, unsigned*) override
+    {
+        return *jobIdOut = jobId, 0;
+    }
     int endSearch(unsigned jobId, unsigned* jobIdOut, unsigned* secOut, unsigned* usecOut) override
     {
         return *jobIdOut = jobId, *secOut = jobId * 10, *usecOut = jobId * 100, 0;
