@@ -207,13 +207,13 @@ HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
     // Room beyond the bound, so that a request over it is answered 503 rather than dropped.
     const unsigned hardLimit = options.limits.connections + options.limits.connectionsPerClient;
     std::vector<MHD_OptionItem> items = {
+        {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(&logLibrary), this},
         {MHD_OPTION_CONNECTION_LIMIT, hardLimit, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, intptr_t(options.limits.idle.count()), nullptr},
         {MHD_OPTION_THREAD_STACK_SIZE, intptr_t(kThreadStack), nullptr},
         {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr},
         {MHD_OPTION_NOTIFY_COMPLETED, intptr_t(&requestCompleted), this},
         {MHD_OPTION_NOTIFY_CONNECTION, intptr_t(&connectionNotified), this},
-        {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(&logLibrary), this},
     };
     if (listenSocket >= 0) {
         items.push_back({MHD_OPTION_LISTEN_SOCKET, listenSocket, nullptr});
@@ -239,9 +239,11 @@ HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
         std::string why = listenSocket >= 0 ? "cannot serve on the socket from systemd"
                                             : "cannot listen on " + options.listen;
         std::lock_guard<std::mutex> lock(messageMutex_);
-        if (!lastLibraryMessage_.empty()) why += ": " + lastLibraryMessage_;
+        if (!startMessages_.empty()) why += ": " + startMessages_;
         throw std::runtime_error(why);
     }
+    std::lock_guard<std::mutex> lock(messageMutex_);
+    started_ = true;
 }
 
 HttpGateway::~HttpGateway()
@@ -255,7 +257,7 @@ void HttpGateway::libraryMessage(const std::string& message)
 {
     {
         std::lock_guard<std::mutex> lock(messageMutex_);
-        lastLibraryMessage_ = message;
+        if (!started_) startMessages_ += (startMessages_.empty() ? "" : "; ") + message;
     }
     log(LOG_NOTICE, message);
 }

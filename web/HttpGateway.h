@@ -51,7 +51,8 @@ private:
     std::string tlsCert_;
     std::string tlsKey_;
     std::mutex messageMutex_;
-    std::string lastLibraryMessage_;
+    bool started_ = false;
+    std::string startMessages_;  // what libmicrohttpd said while starting: why it could not
     MHD_Daemon* daemon_ = nullptr;
 };
 

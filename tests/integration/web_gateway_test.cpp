@@ -141,6 +141,8 @@ public:
     }
 
     rstest::ServiceStack& stack() { return stack_; }
+    pid_t pid() const { return web_->pid(); }
+    bool alive() const { return kill(web_->pid(), 0) == 0 && !web_->exitedWithin(0ms); }
     const rstest::TempDir& dir() const { return dir_; }
 
 private:
@@ -148,7 +150,50 @@ private:
     rstest::ServiceStack stack_;
     int port_;
     std::unique_ptr<rstest::ProcessRunner> web_;
+
+public:
+    int port() const { return port_; }
 };
+
+// A raw exchange on a connection of its own: `request` is sent as it is, then what comes back
+// until the gateway closes (or 10 s pass).
+std::string exchange(int port, const std::string& request, bool halfClose = false)
+{
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(uint16_t(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return "";
+    EXPECT_EQ(write(s, request.data(), request.size()), ssize_t(request.size()));
+    if (halfClose) shutdown(s, SHUT_WR);
+    std::string text;
+    char buffer[4096];
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        pollfd readable{s, POLLIN, 0};
+        if (poll(&readable, 1, 200) <= 0) continue;
+        const ssize_t n = read(s, buffer, sizeof buffer);
+        if (n <= 0) break;
+        text.append(buffer, size_t(n));
+    }
+    close(s);
+    return text;
+}
+
+std::string exchangeHalfClosed(int port, const std::string& request)
+{
+    return exchange(port, request, true);
+}
+
+long residentKiB(pid_t pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+    }
+    return -1;
+}
 
 // The lines a search streams, without its id line and progress lines, with job ids made equal.
 std::vector<std::string> resultLines(const std::string& text)
@@ -292,6 +337,136 @@ TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
     EXPECT_EQ(lines(status.out).back(), "502") << status.out;
 }
 
+// What an attacker sends, each answered from what it is: a clear refusal, never a crash, a
+// 500, a hang or memory that follows the request. The gateway serves afterwards.
+TEST(GatewayHostile, RefusesWhatAnAttackerSendsAndKeepsServing)
+{
+    Gateway gateway;
+    const auto request = [](const std::string& path, const std::string& body,
+                            const std::string& headers = "") {
+        return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " + kToken +
+               "\r\nContent-Type: application/json\r\nConnection: close\r\n" + headers +
+               (headers.find("Content-Length") == std::string::npos
+                    ? "Content-Length: " + std::to_string(body.size()) + "\r\n"
+                    : "") +
+               "\r\n" + body;
+    };
+    const auto nested = [](const std::string& field, int depth) {
+        return "{" + kWholeHour + ",\"" + field + "\":" + std::string(depth, '[') +
+               std::string(depth, ']') + "}";
+    };
+    const std::string nines(400, '9');
+    struct Case {
+        std::string what, request, status, message;
+    };
+    const std::vector<Case> cases = {
+        {"a long number",
+         request("/api/v1/xpath", R"({"minLikelihood":"0.)" + std::string(3000, '1') + "\"}"),
+         "400", "minLikelihood: a value of 3002 characters is too long (at most 64)"},
+        {"deep class", request("/api/v1/xpath", nested("class", 6000)), "400",
+         "the body nests deeper than 8 levels"},
+        {"deep maxResults", request("/api/v1/events", nested("maxResults", 5000)), "400",
+         "the body nests deeper than 8 levels"},
+        {"a million buckets",
+         request("/api/v1/summary", "{" + kWholeHour + R"(,"bucket":"0.001"})"), "400",
+         "bucket: a bucket of 1 ms cuts this range into 3600000 buckets; at most 10000 are "
+         "made (choose a bucket of 360 ms or more)"},
+        {"bucket of nines",
+         request("/api/v1/summary", "{" + kWholeHour + R"(,"bucket":")" + nines + "\"}"), "400",
+         "bucket: a value of 400 characters is too long (at most 64)"},
+        {"spans of nines",
+         request("/api/v1/metadata",
+                 "{" + kWholeHour + R"(,"class":"person","spans":")" + nines + "\"}"),
+         "400", "spans: a value of 400 characters is too long (at most 64)"},
+        {"a NUL in the xpath",
+         request("/api/v1/metadata", "{" + kWholeHour + R"(,"xpath":"//Object\u0000["})"), "400",
+         "xpath: must not contain a NUL character"},
+        {"a long bad time, quoted short",
+         request("/api/v1/events", R"({"start":")" + std::string(60, 'x') + R"(","end":1})"), "400",
+         "start: " + std::string(40, 'x') +
+             "... (60 characters): expected SECONDS[.MICROSECONDS] "
+             "or an ISO 8601 UTC time such as 2026-11-23T10:00:00Z"},
+        {"a gigabyte without a token",
+         "POST /api/v1/events HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n"
+         "Expect: 100-continue\r\nContent-Length: 1000000000\r\n\r\n",
+         "401", "a valid bearer token is required"},
+        {"a gigabyte with a token",
+         request("/api/v1/events", "", "Expect: 100-continue\r\nContent-Length: 1000000000\r\n"),
+         "413", "the body is larger than 64 KiB"},
+        {"two lengths",
+         request("/api/v1/xpath", "{}", "Content-Length: 2\r\nContent-Length: 20\r\n"), "400",
+         "the request has more than one Content-Length"},
+        {"length and chunks, a request smuggled after",
+         request("/api/v1/xpath", "{}GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n",
+                 "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n"),
+         "400", "a request body must come with one Content-Length and no Transfer-Encoding"},
+    };
+    const long before = residentKiB(gateway.pid());
+    for (const auto& c : cases) {
+        const std::string answer = exchange(gateway.port(), c.request);
+        ASSERT_EQ(answer.substr(0, 12), "HTTP/1.1 " + c.status) << c.what << ": " << answer;
+        EXPECT_EQ(answer.find("100 Continue"), std::string::npos) << c.what;
+        EXPECT_EQ(answer.find("HTTP/1.1", 1), std::string::npos) << c.what << ": a second answer";
+        EXPECT_NE(answer.find("X-Content-Type-Options: nosniff"), std::string::npos) << c.what;
+        const auto body = answer.substr(answer.find("\r\n\r\n") + 4);
+        EXPECT_EQ(json::parse(body).at("error"), c.message) << c.what;
+    }
+    // The most buckets allowed leave at a reader's pace, held a few at a time.
+    const auto most = gateway.post("/api/v1/summary", "{" + kWholeHour + R"(,"bucket":"0.36"})");
+    const auto mostLines = lines(most.out);
+    EXPECT_EQ(std::count_if(mostLines.begin(), mostLines.end(),
+                            [](const std::string& line) {
+                                return json::parse(line).value("kind", "") == "bucket";
+                            }),
+              10000);
+    EXPECT_EQ(json::parse(lines(most.out).back()).at("kind"), "completed");
+    EXPECT_LT(residentKiB(gateway.pid()), before + 8 * 1024) << "KiB resident";
+    ASSERT_TRUE(gateway.alive());
+    const auto status = gateway.post("/api/v1/status", "", {"-X", "GET"});
+    EXPECT_EQ(json::parse(status.out).at("service"), "running");
+}
+
+// Clients that trickle their requests, more of them than the gateway allows at once, cost
+// nobody else a place: a new connection closes the oldest that still waits, and none waits past
+// the request deadline.
+TEST(GatewayHostile, TricklingClientsLockNobodyOut)
+{
+    Gateway gateway({"--max-connections", "8", "--max-per-client", "4", "--request-timeout", "2"});
+    std::vector<int> trickling;
+    for (int i = 0; i < 16; ++i) {
+        const int s = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(uint16_t(gateway.port()));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(write(s, "G", 1), 1);
+        trickling.push_back(s);
+    }
+    const auto served = rstest::runToEnd(
+        "curl", {"-s", "-m", "5", "-w", "%{http_code}", "-o", "/dev/null", gateway.url("/")}, {},
+        10s);
+    EXPECT_EQ(served.out, "200");
+    // A byte a while from each: trickling is not silence, but the deadline still comes.
+    const auto closedByGateway = [](int s) {
+        char c = 0;
+        return recv(s, &c, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET;
+    };
+    std::size_t open = trickling.size();
+    const auto until = std::chrono::steady_clock::now() + 6s;
+    while (open > 0 && std::chrono::steady_clock::now() < until) {
+        open = 0;
+        for (int s : trickling) {
+            if (closedByGateway(s)) continue;
+            ++open;
+            (void)send(s, "E", 1, MSG_NOSIGNAL);
+        }
+        std::this_thread::sleep_for(500ms);
+    }
+    EXPECT_EQ(open, 0u) << "connections still trickling past the deadline";
+    for (int s : trickling) close(s);
+}
+
 // A search ends with its stream: a client that goes away ends it within a second, a reader too
 // slow for the bound is cut off. (DELETE, as the page's stop button sends it, is the page's test.)
 TEST(GatewayStreams, EndWithTheirReader)
@@ -330,6 +505,17 @@ TEST(GatewayStreams, EndWithTheirReader)
     EXPECT_GT(results, 1000u);
     EXPECT_LE(double(progress), 4 * seconds + 1)
         << progress << " progress lines in " << seconds << " s";
+
+    // A client that only half-closes after its request (as `nc -N` does) still reads it all.
+    const std::string tenMinutes =
+        R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:10:00Z","class":"person"})";
+    const std::string halfClosed = exchangeHalfClosed(
+        gateway.port(),
+        "POST /api/v1/metadata HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " +
+            std::string(kToken) + "\r\nContent-Type: application/json\r\nContent-Length: " +
+            std::to_string(tenMinutes.size()) + "\r\nConnection: close\r\n\r\n" + tenMinutes);
+    EXPECT_NE(halfClosed.find("\"kind\":\"completed\""), std::string::npos)
+        << halfClosed.substr(0, 400);
 
     // A reader that reads nothing, with a small receive buffer: only the bound ends its search.
     const int reader = gateway.request("/api/v1/metadata", wholeHour);
