@@ -156,6 +156,7 @@ struct Parsed {
     CLI::App* noop = nullptr;
     CLI::App* state = nullptr;
     CLI::App* end_ = nullptr;
+    CLI::App* index = nullptr;
     CLI::Option* xpath = nullptr;
     CLI::Option* spansOption = nullptr;
 };
@@ -196,6 +197,9 @@ void addMetadata(CLI::App& app, Parsed& p)
                                "both, both must hold")
                   ->type_name("XPATH");
     addFilters(metadata, p.filters);
+    metadata->add_flag("--walk", p.c.search.walk,
+                       "walk the documents even where recording_index could answer (a search "
+                       "with filters alone is answered from the index where it reaches)");
     metadata->add_flag("--show-xpath", p.c.showXPath,
                        "print the expression that would be searched (filters included) and "
                        "exit; START and END may be left out");
@@ -266,6 +270,13 @@ void addOthers(CLI::App& app, Parsed& p)
     addOutput(p.state, p.c, false);
     p.state->footer("\nPrints searching, completed or unknown.\n\nExample:\n  recsearch state 3\n");
 
+    p.index = app.add_subcommand("index", "what recording_index holds, and whether it follows");
+    addOutput(p.index, p.c, false);
+    p.index->footer(
+        "\nPrints the stretch indexed, the number of documents, the size on disk and the state "
+        "(building, following, or waiting for the recording services). Exit code 3 when "
+        "recording_index is not running.\n\nExample:\n  recsearch index --json\n");
+
     p.end_ = app.add_subcommand("end", "end a search that another client runs");
     p.end_->add_option("JOBID", p.c.jobId, "the search's job id")->required()->type_name("JOBID");
     addOutput(p.end_, p.c, false);
@@ -292,6 +303,7 @@ std::optional<int> finishMetadata(Parsed& p)
             "XPATH is required unless a filter (--class, --colour, "
             "--min-likelihood, --region, --motion) is given");
     }
+    if (p.xpath->count() == 0) s.filter = p.filters.filter;
     s.xpath = filterXPath(p.filters.filter, s.xpath);
     if (!p.c.showXPath && p.end.empty()) {
         return usageError(p.start.empty() ? "START is required" : "END is required");
@@ -345,9 +357,10 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     }
 
     Command& c = p.c;
-    c.kind = p.state->parsed()  ? Command::Kind::State
-             : p.end_->parsed() ? Command::Kind::End
-                                : Command::Kind::Search;
+    c.kind = p.state->parsed()   ? Command::Kind::State
+             : p.end_->parsed()  ? Command::Kind::End
+             : p.index->parsed() ? Command::Kind::Index
+                                 : Command::Kind::Search;
     c.search.kind = searchKind(p);
     c.search.picture = !c.svgPath.empty() || c.timeline;
     if (!p.start.empty() && !p.end.empty()) {

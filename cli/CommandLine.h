@@ -12,7 +12,7 @@ namespace recsearch {
 using namespace rsclient;
 
 struct Command {
-    enum class Kind { Search, State, End };
+    enum class Kind { Search, State, End, Index };
     Kind kind = Kind::Search;
     SearchRequest search;
     bool showXPath = false;

@@ -157,11 +157,40 @@ void ResultPrinter::ended(uint32_t jobId, TimePoint reached)
          << std::flush;
 }
 
+void ResultPrinter::notice(uint32_t jobId, const std::string& text)
+{
+    if (json_) {
+        putJson(out_, noticeJson(jobId, text));
+        return;
+    }
+    err_ << "note: " << text << '\n';
+}
+
+void ResultPrinter::index(const IndexState& state)
+{
+    if (json_) {
+        putJson(out_, indexJson(state));
+        return;
+    }
+    if (state.documents == 0) {
+        out_ << "recording_index holds nothing yet (" << state.state << ")\n";
+        return;
+    }
+    out_ << "recording_index: " << state.documents << " documents from " << isoText(state.from)
+         << " through " << isoText(state.through) << ", " << state.bytes / 1024 << " KiB, "
+         << state.state << '\n';
+}
+
 void ResultPrinter::searchEnd(const SearchEnd& end)
 {
     if (json_) {
         putJson(out_, searchEndJson(end));
         return;
+    }
+    if (end.indexed) {
+        err_ << end.fromIndex << " of the results came from recording_index ("
+             << isoText(end.indexed->first) << " to " << isoText(end.indexed->second)
+             << "), the rest from walking\n";
     }
     switch (end.kind) {
     case SearchEnd::Kind::Interrupted:

@@ -8,6 +8,7 @@
 
 #include "client/ClientEvent.h"
 #include "client/Coverage.h"
+#include "client/IndexAnswers.h"
 #include "client/SearchOutput.h"
 #include "client/Spans.h"
 
@@ -32,6 +33,8 @@ public:
     void state(uint32_t jobId, uint32_t state);
     void ended(uint32_t jobId, TimePoint reached);
     void searchEnd(const SearchEnd& end);
+    void notice(uint32_t jobId, const std::string& text);
+    void index(const IndexState& state);
 
     // False once standard output can no longer be written (a closed pipe).
     bool good() const { return bool(out_); }

@@ -134,6 +134,12 @@ public:
 
     bool incomplete() const { return incomplete_; }
 
+    void notice(uint32_t jobId, const std::string& text) override
+    {
+        if (clearBeforeOutput_) progress_.clear();
+        printer_.notice(jobId, text);
+    }
+
     bool good() const override { return printer_.good(); }
 
 private:
@@ -178,6 +184,14 @@ int endOther(const Command& c, ServiceConnection& service)
     return int(ExitCode::Ok);
 }
 
+int showIndex(const Command& c, ServiceConnection& service)
+{
+    const auto state = service.indexState();
+    if (!state) throw ClientError(ErrorKind::Unreachable, "recording_index is not running");
+    ResultPrinter(std::cout, std::cerr, c.json).index(*state);
+    return int(ExitCode::Ok);
+}
+
 }  // namespace
 
 int runCommand(const Command& command)
@@ -201,6 +215,7 @@ int runCommand(const Command& command)
     switch (command.kind) {
     case Command::Kind::State: return showState(command, service);
     case Command::Kind::End: return endOther(command, service);
+    case Command::Kind::Index: return showIndex(command, service);
     default: return runSearch(command, inbox, stop, service);
     }
 }

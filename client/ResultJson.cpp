@@ -103,6 +103,24 @@ Json endedJson(uint32_t jobId, TimePoint reached)
     return j;
 }
 
+Json noticeJson(uint32_t jobId, const std::string& text)
+{
+    return {{"job", jobId}, {"kind", "notice"}, {"message", text}};
+}
+
+Json indexJson(const IndexState& state)
+{
+    Json j = {{"kind", "index"},
+              {"state", state.state},
+              {"documents", state.documents},
+              {"bytes", state.bytes}};
+    if (state.documents > 0) {
+        j["from"] = isoText(state.from);
+        j["through"] = isoText(state.through);
+    }
+    return j;
+}
+
 std::string incompleteText(const SearchEnd& end)
 {
     return "a recording service failed during search " + std::to_string(end.jobId) +
@@ -120,6 +138,11 @@ Json searchEndJson(const SearchEnd& end)
     Json j = {{"job", end.jobId}, {"kind", kind}, {"results", end.results}};
     addTime(j, end.reached);
     if (end.kind == SearchEnd::Kind::Incomplete) j["error"] = incompleteText(end);
+    if (end.indexed) {
+        j["index"] = {{"from", isoText(end.indexed->first)},
+                      {"to", isoText(end.indexed->second)},
+                      {"results", end.fromIndex}};
+    }
     return j;
 }
 

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client/Coverage.h"
+#include "client/IndexAnswers.h"
 #include "client/SearchOutput.h"
 
 namespace rsclient {
@@ -23,6 +24,8 @@ Json gapJson(const Segment& gap);
 Json stateJson(uint32_t jobId, uint32_t state);
 Json endedJson(uint32_t jobId, TimePoint reached);  // ended on request of another client
 Json searchEndJson(const SearchEnd& end);
+Json noticeJson(uint32_t jobId, const std::string& text);
+Json indexJson(const IndexState& state);
 // What the last line says of a search that a failing recording service cut short.
 std::string incompleteText(const SearchEnd& end);
 

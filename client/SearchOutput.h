@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "client/ClientEvent.h"
@@ -19,6 +22,9 @@ struct SearchEnd {
     uint32_t jobId = 0;
     TimePoint reached;  // not known when ended elsewhere
     std::size_t results = 0;
+    // Results answered by recording_index, and the stretch it answered for; the rest walked.
+    std::size_t fromIndex = 0;
+    std::optional<std::pair<TimePoint, TimePoint>> indexed;
 };
 
 // Every call comes from the thread that runs the session.
@@ -35,6 +41,8 @@ public:
                           const std::vector<Segment>& gaps) = 0;
     virtual void picture(const Picture& /*picture*/) {}  // only when the request asks for one
     virtual void ended(const SearchEnd& end) = 0;
+    // One sentence about how the search is answered (the index absent or failing, say).
+    virtual void notice(uint32_t /*jobId*/, const std::string& /*text*/) {}
     // False once nobody reads what is written; the search is then ended without a word.
     virtual bool good() const { return true; }
 };

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "client/MetadataFilter.h"
 #include "client/TimeText.h"
 
 namespace rsclient {
@@ -19,7 +20,11 @@ struct SearchRequest {
     bool startState = false;
     bool flag1 = false;
     bool flag2 = false;
-    std::string xpath;              // with the filters' conditions already in it
+    std::string xpath;  // with the filters' conditions already in it
+    // The filter alone, when the person gave no XPath of their own: recording_index may then
+    // answer what it covers. `walk` asks for the walk regardless.
+    std::optional<MetadataFilter> filter;
+    bool walk = false;
     std::optional<Micros> spanGap;  // metadata matches grouped into appearances
     Micros bucket{0};               // summary; 0: a round size for the range
     bool picture = false;           // draw the range afterwards

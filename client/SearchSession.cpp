@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <string>
 
 #include "client/ClientError.h"
@@ -44,37 +45,166 @@ std::optional<uint32_t> SearchSession::start(const std::function<bool()>& stoppe
 {
     service_.watchService();
     if (stopped && stopped()) return std::nullopt;
-    const int32_t id = create();
+    planParts();
+    const auto walk =
+        std::find_if(parts_.begin(), parts_.end(), [](const Part& p) { return !p.fromIndex; });
+    if (walk != parts_.end()) {
+        beginWalk(walk->from, walk->to);
+    } else {
+        output_.begun(jobId_);
+    }
+    if (!notice_.empty()) output_.notice(jobId_, notice_);
+    return jobId_;
+}
+
+void SearchSession::beginWalk(TimePoint from, TimePoint to)
+{
+    const int32_t id = create(from, to);
     if (id == kavro::contract::kRefusedJobId) {
         throw ClientError(ErrorKind::Refused, std::string("recording_search refused the ") +
                                                   searchName(request_.kind) +
                                                   " (job id -1): two searches are already running");
     }
     jobId_ = uint32_t(id);
+    walking_ = true;
     service_.beginSearch(jobId_);
     output_.begun(jobId_);
-    return jobId_;
 }
 
-int32_t SearchSession::create()
+// The parts of the range in the order their results leave: what recording_index covers is
+// answered from it, the rest (the recent stretch it has not reached) walked. Only a filter
+// search without an XPath of the person's own may use the index.
+void SearchSession::planParts()
+{
+    const SearchRequest& r = request_;
+    parts_ = {Part{false, r.start, r.end}};
+    if (r.kind != SearchRequest::Kind::Metadata || !r.filter || r.walk) return;
+    const auto index = service_.indexState();
+    if (!index || index->documents == 0) {
+        notice_ = index ? "recording_index holds nothing yet: this search walks the whole range"
+                        : "recording_index is not running: this search walks the whole range";
+        return;
+    }
+    const bool forward = !earlier(r.end, r.start);
+    const TimePoint lo = forward ? r.start : r.end, hi = forward ? r.end : r.start;
+    if (earlier(index->through, lo)) return;  // all of it lies beyond the index
+    const TimePoint indexedTo = earlier(hi, index->through) ? hi : index->through;
+    const bool rest = earlier(index->through, hi);
+    const TimePoint restFrom = timePointAt(sinceEpoch(index->through) + Micros(1));
+    if (forward) {
+        parts_ = {Part{true, lo, indexedTo}};
+        if (rest) parts_.push_back(Part{false, restFrom, hi});
+    } else {
+        parts_.clear();
+        if (rest) parts_.push_back(Part{false, hi, restFrom});
+        parts_.push_back(Part{true, indexedTo, lo});
+    }
+}
+
+int32_t SearchSession::create(TimePoint from, TimePoint to)
 {
     const SearchRequest& r = request_;
     switch (r.kind) {
     case SearchRequest::Kind::Events:
-        return service_.createEventSearch(r.start, r.end, r.maxResults, r.flag1, r.flag2,
-                                          r.startState);
+        return service_.createEventSearch(from, to, r.maxResults, r.flag1, r.flag2, r.startState);
     case SearchRequest::Kind::Summary:
-        return service_.createEventSearch(r.start, r.end, -1, false, false, true);
+        return service_.createEventSearch(from, to, -1, false, false, true);
     case SearchRequest::Kind::Metadata:
-        return service_.createMetadataSearch(r.start, r.end, r.maxResults, r.xpath);
+        return service_.createMetadataSearch(from, to, r.maxResults, r.xpath);
     default: return service_.createNoopSearch();
     }
 }
 
+bool SearchSession::limitReached() const
+{
+    return request_.maxResults >= 0 && results_ >= std::size_t(request_.maxResults);
+}
+
 int SearchSession::stream()
 {
+    for (const Part& part : parts_) {
+        if (part.fromIndex) {
+            if (const int signal = streamIndex(part); signal != 0) return finish(signal);
+        } else if (const int signal = streamWalk(); signal != 0) {
+            return finish(signal);
+        }
+        if (limitReached()) break;
+    }
+    return finish(0);
+}
+
+// The index's matches, page by page, as if the walk had found them. Events that arrive
+// meanwhile (the walk of the rest, already running) are kept for streamWalk; a stop is obeyed
+// between pages. An index that fails mid-way: what it did not answer is walked after all.
+int SearchSession::streamIndex(const Part& part)
+{
+    constexpr uint32_t kPage = 10000;
+    const bool forward = !earlier(part.to, part.from);
+    TimePoint from = part.from;
+    std::vector<IndexMatch> page;
+    while (!limitReached()) {
+        if (const int signal = takeWaitingEvents(); signal != 0) return signal;
+        bool more = false;
+        try {
+            more = service_.indexMatches(from, part.to, *request_.filter, kPage, page);
+        } catch (const ClientError& e) {
+            output_.notice(jobId_, std::string("recording_index failed (") + e.what() +
+                                       "); the rest of its stretch is walked");
+            return walkInstead(Part{false, from, part.to});
+        }
+        for (const IndexMatch& match : page) {
+            if (limitReached()) break;
+            take(SearchResult{SearchResult::Kind::Metadata, jobId_, match.time, "", false, false});
+            ++fromIndex_;
+        }
+        if (!indexed_) indexed_ = std::make_pair(part.from, part.to);
+        if (!more || page.empty()) break;
+        const Micros after = sinceEpoch(page.back().time) + (forward ? Micros(1) : Micros(-1));
+        from = timePointAt(after);
+    }
+    reachedByIndex_ = part.to;
+    return 0;
+}
+
+// The index's stretch walked instead, once the walk of the rest (if any) is done with.
+int SearchSession::walkInstead(const Part& part)
+{
+    if (walking_) {
+        if (const int signal = streamWalk(); signal != 0) return signal;
+        service_.endSearch(jobId_);
+        walking_ = false;
+    }
+    beginWalk(part.from, part.to);
+    return streamWalk();
+}
+
+// Interrupts and departures among the events that came while the index answered; the walk's
+// own events are kept, in order, for streamWalk.
+int SearchSession::takeWaitingEvents()
+{
+    while (auto event = inbox_.waitNext(std::chrono::milliseconds(0))) {
+        switch (event->kind) {
+        case ClientEvent::Kind::Interrupted: return event->signal;
+        case ClientEvent::Kind::ServiceGone:
+        case ClientEvent::Kind::BusLost: held_.push_back(std::move(*event)); return 0;
+        default: held_.push_back(std::move(*event));
+        }
+    }
+    return 0;
+}
+
+// Until the walk completes (0) or is stopped (the signal).
+int SearchSession::streamWalk()
+{
+    if (!walking_) return 0;
     while (true) {
-        auto event = inbox_.waitNext(kTickEvery);
+        std::optional<ClientEvent> event;
+        if (!held_.empty()) {
+            event = std::move(held_.front());
+            held_.pop_front();
+        } else {
+            event = inbox_.waitNext(kTickEvery);
+        }
         if (!event) {
             askProgress();
             output_.idle();
@@ -84,12 +214,13 @@ int SearchSession::stream()
         case ClientEvent::Kind::Result:
             if (event->jobId != jobId_) break;
             take(event->result);
-            if (!output_.good()) return finish(SIGPIPE);
+            if (!output_.good()) return SIGPIPE;
+            if (limitReached()) return 0;
             break;
         case ClientEvent::Kind::Completed:
-            if (event->jobId == jobId_) return finish(0);
+            if (event->jobId == jobId_) return 0;
             break;
-        case ClientEvent::Kind::Interrupted: return finish(event->signal);
+        case ClientEvent::Kind::Interrupted: return event->signal;
         case ClientEvent::Kind::ServiceGone:
             throw ClientError(ErrorKind::ServiceGone,
                               "recording_search went away (stopped or restarted) during search " +
@@ -163,31 +294,40 @@ void SearchSession::conclude(TimePoint reached)
     if (r.picture) output_.picture(picture);
 }
 
-// signal 0: the search completed by itself, or someone else ended it.
+// signal 0: the search completed by itself (or reached its limit), or someone else ended it.
 int SearchSession::finish(int signal)
 {
     std::optional<TimePoint> failedAt;
-    if (signal == 0) {
-        const SearchProgress progress = service_.searchProgress(jobId_);
-        if (progress.state == kavro::contract::kStateUnknown) {
-            // Ended elsewhere: there is no position left to ask for; the last result is as far
-            // as anything is known.
-            conclude(results_ > 0 ? last_ : request_.start);
-            output_.ended(SearchEnd{SearchEnd::Kind::EndedElsewhere, jobId_, last_, results_});
-            return 0;
+    TimePoint reached = results_ > 0 ? last_ : request_.start;
+    if (walking_) {
+        if (signal == 0) {
+            const SearchProgress progress = service_.searchProgress(jobId_);
+            if (progress.state == kavro::contract::kStateUnknown) {
+                // Ended elsewhere: there is no position left to ask for; the last result is as
+                // far as anything is known.
+                conclude(reached);
+                output_.ended(SearchEnd{SearchEnd::Kind::EndedElsewhere, jobId_, last_, results_,
+                                        fromIndex_, indexed_});
+                return 0;
+            }
+            failedAt = progress.failedAt;
         }
-        failedAt = progress.failedAt;
+        reached = service_.endSearch(jobId_).reached;
+    } else if (signal == 0) {
+        reached = request_.end;
     }
-    const EndReply end = service_.endSearch(jobId_);
+    // Later than anything walked: the index's stretch came last (a backward search).
+    if (signal == 0 && reachedByIndex_ && parts_.back().fromIndex) reached = *reachedByIndex_;
     if (signal == SIGPIPE) return signal;  // nobody left to tell
     if (failedAt) {
         conclude(*failedAt);
-        output_.ended(SearchEnd{SearchEnd::Kind::Incomplete, jobId_, *failedAt, results_});
+        output_.ended(SearchEnd{SearchEnd::Kind::Incomplete, jobId_, *failedAt, results_,
+                                fromIndex_, indexed_});
         return 0;
     }
-    conclude(end.reached);
+    conclude(reached);
     const auto kind = signal == 0 ? SearchEnd::Kind::Completed : SearchEnd::Kind::Interrupted;
-    output_.ended(SearchEnd{kind, jobId_, end.reached, results_});
+    output_.ended(SearchEnd{kind, jobId_, reached, results_, fromIndex_, indexed_});
     return signal;
 }
 

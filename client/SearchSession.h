@@ -5,8 +5,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "client/ClientEvent.h"
@@ -34,7 +37,22 @@ public:
     int stream();
 
 private:
-    int32_t create();
+    // A stretch of the range, answered by the index or by a walk, from `from` to `to` in the
+    // search's direction.
+    struct Part {
+        bool fromIndex;
+        TimePoint from;
+        TimePoint to;
+    };
+
+    void planParts();
+    void beginWalk(TimePoint from, TimePoint to);
+    int32_t create(TimePoint from, TimePoint to);
+    int streamIndex(const Part& part);
+    int streamWalk();
+    int walkInstead(const Part& part);
+    int takeWaitingEvents();
+    bool limitReached() const;
     void take(const SearchResult& result);
     void askProgress();
     void conclude(TimePoint reached);
@@ -46,7 +64,14 @@ private:
     SearchOutput& output_;
     bool keep_;
     std::optional<SpanGrouper> spans_;
-    uint32_t jobId_ = 0;
+    uint32_t jobId_ = 0;  // 0 while no walk has been created
+    bool walking_ = false;
+    std::vector<Part> parts_;
+    std::string notice_;
+    std::deque<ClientEvent> held_;  // the walk's events that came while the index answered
+    std::size_t fromIndex_ = 0;
+    std::optional<std::pair<TimePoint, TimePoint>> indexed_;
+    std::optional<TimePoint> reachedByIndex_;
     std::size_t results_ = 0;
     TimePoint last_;
     std::chrono::steady_clock::time_point lastReached_;  // the last result or progress answer

@@ -7,8 +7,10 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "client/ClientEvent.h"
+#include "client/IndexAnswers.h"
 #include "client/TimeText.h"
 
 namespace sdbus {
@@ -24,6 +26,8 @@ class Registered;
 }  // namespace kavro
 
 namespace rsclient {
+
+struct MetadataFilter;
 
 // How far a search has got, without ending it.
 struct SearchProgress {
@@ -60,6 +64,13 @@ public:
     uint32_t searchState(uint32_t jobId);
     SearchProgress searchProgress(uint32_t jobId);
     EndReply endSearch(uint32_t jobId);
+
+    // recording_index's state; nothing when it is not on the bus or does not answer.
+    std::optional<IndexState> indexState();
+    // One page of the matches of `filter` from `from` to `to` (later first when from > to);
+    // true when there are more after the page's last. Throws ClientError when the index fails.
+    bool indexMatches(TimePoint from, TimePoint to, const MetadataFilter& filter, uint32_t limit,
+                      std::vector<IndexMatch>& page);
 
     // The recording's first and last time, if recording_information answers; for progress only.
     std::optional<std::pair<TimePoint, TimePoint>> recordingSpan();

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "jobs/HardenedParser.h"
+
 // One XPath expression, compiled once, tested as a boolean against one document after another.
 // Each document is parsed, evaluated and released within matches(), so at most one tree exists
 // at a time. Used by one thread at a time (a search's worker); not copyable.
@@ -26,10 +28,7 @@ public:
     XPathMatcher& operator=(const XPathMatcher&) = delete;
 
 private:
-    xmlDocPtr parse(std::string_view document);
-    void renewParser();
-
+    HardenedParser parser_;
     xmlXPathContextPtr context_ = nullptr;
     xmlXPathCompExprPtr expression_ = nullptr;
-    xmlParserCtxtPtr parser_ = nullptr;
 };

@@ -89,6 +89,15 @@ Statement& Statement::bind(int index, const std::string& value)
     return *this;
 }
 
+Statement& Statement::bindBlob(int index, const std::string& bytes)
+{
+    if (sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()),
+                          SQLITE_TRANSIENT) != SQLITE_OK) {
+        db_.fail("cannot bind a value");
+    }
+    return *this;
+}
+
 bool Statement::step()
 {
     const int rc = sqlite3_step(stmt_);

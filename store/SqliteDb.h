@@ -42,6 +42,7 @@ public:
     Statement& reset();
     Statement& bind(int index, int64_t value);
     Statement& bind(int index, const std::string& value);
+    Statement& bindBlob(int index, const std::string& bytes);
     // Runs to the next row: true with a row to read, false when done.
     bool step();
     // For statements that return no rows.

@@ -208,6 +208,8 @@ SearchRequest metadataRequest(const json& body)
 {
     SearchRequest r = ranged(body, SearchRequest::Kind::Metadata);
     r.xpath = xpathOf(body);
+    if (field(body, "xpath") == nullptr) r.filter = filter(body);
+    r.walk = boolField(body, "walk");
     r.maxResults = maxResults(body);
     if (const json* spans = field(body, "spans"); spans != nullptr && spans->is_boolean()) {
         if (spans->get<bool>()) r.spanGap = std::chrono::seconds(2);

@@ -28,10 +28,10 @@ struct Route {
 };
 
 const Route kRoutes[] = {
-    {"/api/v1/status", "GET", false},       {"/api/v1/events", "POST", true},
-    {"/api/v1/metadata", "POST", true},     {"/api/v1/summary", "POST", true},
-    {"/api/v1/picture", "POST", true},      {"/api/v1/xpath", "POST", true},
-    {"/api/v1/searches/", "DELETE", false},
+    {"/api/v1/status", "GET", false},  {"/api/v1/index", "GET", false},
+    {"/api/v1/events", "POST", true},  {"/api/v1/metadata", "POST", true},
+    {"/api/v1/summary", "POST", true}, {"/api/v1/picture", "POST", true},
+    {"/api/v1/xpath", "POST", true},   {"/api/v1/searches/", "DELETE", false},
 };
 
 bool matches(const Route& route, const std::string& path)
@@ -129,7 +129,7 @@ std::optional<Reply> ApiRoutes::refuse(const RequestHead& head) const
 Reply ApiRoutes::answer(const RequestHead& head, const std::string& body)
 {
     try {
-        if (head.method == "GET") return status();
+        if (head.method == "GET") return head.path == "/api/v1/index" ? index() : status();
         if (head.method == "DELETE") return endSearch(head.path.substr(head.path.rfind('/') + 1));
         return search(head, body);
     } catch (const ApiError& e) {
@@ -226,6 +226,15 @@ Reply ApiRoutes::endSearch(const std::string& idText)
     }
     service.endSearch(id);
     return Reply{MHD_HTTP_NO_CONTENT, "application/json", "", {}, nullptr, true};
+}
+
+Reply ApiRoutes::index()
+{
+    rsclient::EventInbox inbox;
+    rsclient::ServiceConnection service(inbox);
+    const auto state = service.indexState();
+    if (!state) return errorReply(MHD_HTTP_BAD_GATEWAY, "recording_index is not running");
+    return jsonReply(MHD_HTTP_OK, rsclient::indexJson(*state));
 }
 
 Reply ApiRoutes::status()

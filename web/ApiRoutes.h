@@ -47,6 +47,7 @@ private:
     Reply search(const RequestHead& head, const std::string& text);
     Reply endSearch(const std::string& id);
     Reply status();
+    Reply index();
     void log(int priority, const std::string& message) const;
 
     const GatewayOptions& options_;

@@ -230,6 +230,11 @@ void SearchStream::picture(const rsclient::Picture& picture)
     svg_ = out.str();
 }
 
+void SearchStream::notice(uint32_t jobId, const std::string& text)
+{
+    if (!request_.picture) append(jsonLine(rsclient::noticeJson(jobId, text)), true);
+}
+
 void SearchStream::ended(const rsclient::SearchEnd& end)
 {
     if (!request_.picture) append(jsonLine(rsclient::searchEndJson(end)), true);

@@ -59,6 +59,7 @@ private:
                   const std::vector<rsclient::Segment>& gaps) override;
     void picture(const rsclient::Picture& picture) override;
     void ended(const rsclient::SearchEnd& end) override;
+    void notice(uint32_t jobId, const std::string& text) override;
     bool good() const override;
 
     void run();

@@ -1,0 +1,93 @@
+#include "index/IndexFilter.h"
+
+#include <libxml/xpath.h>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+
+namespace rsindex {
+
+double xpathNumber(const std::optional<std::string>& text)
+{
+    if (!text) return std::nan("");
+    return xmlXPathCastStringToNumber(reinterpret_cast<const xmlChar*>(text->c_str()));
+}
+
+IndexFilter::IndexFilter(const rsclient::MetadataFilter& f)
+{
+    if (f.empty()) throw std::invalid_argument("an empty filter");
+    for (const auto& name : f.classes) {
+        if (!rsclient::checkName(name).empty()) throw std::invalid_argument("class: bad name");
+        classes_.push_back(foldAscii(name));
+    }
+    if (!f.colour.empty()) {
+        if (!rsclient::checkName(f.colour).empty()) throw std::invalid_argument("colour: bad name");
+        colour_ = foldAscii(f.colour);
+    }
+    if (!f.minLikelihood.empty()) {
+        if (!rsclient::checkLikelihood(f.minLikelihood).empty()) {
+            throw std::invalid_argument("minLikelihood: bad value");
+        }
+        minLikelihood_ = xpathNumber(f.minLikelihood);
+    }
+    if (f.region) {
+        const auto& r = *f.region;
+        if (!rsclient::checkRegion(r.left + "," + r.top + "," + r.right + "," + r.bottom).empty()) {
+            throw std::invalid_argument("region: bad value");
+        }
+        left_ = xpathNumber(r.left);
+        top_ = xpathNumber(r.top);
+        right_ = xpathNumber(r.right);
+        bottom_ = xpathNumber(r.bottom);
+    }
+    motion_ = f.motion;
+    aboutObjects_ = !classes_.empty() || minLikelihood_ || !colour_.empty() || left_;
+}
+
+bool IndexFilter::objectMatches(const ObjectFacts& object) const
+{
+    if (!classes_.empty() || minLikelihood_) {
+        bool found = false;
+        for (const auto& type : object.types) {
+            const bool named = classes_.empty() || std::find(classes_.begin(), classes_.end(),
+                                                             type.name) != classes_.end();
+            if (named && (!minLikelihood_ || xpathNumber(type.likelihood) >= *minLikelihood_)) {
+                found = true;
+                break;
+            }
+        }
+        if (!found) return false;
+    }
+    if (!colour_.empty()) {
+        bool found = false;
+        for (const auto& colour : object.colours) found = found || colour.name == colour_;
+        if (!found) return false;
+    }
+    if (left_) {
+        bool found = false;
+        for (const auto& box : object.boxes) {
+            found = found || (xpathNumber(box.left) < *right_ && xpathNumber(box.right) > *left_ &&
+                              xpathNumber(box.top) < *bottom_ && xpathNumber(box.bottom) > *top_);
+        }
+        if (!found) return false;
+    }
+    return true;
+}
+
+const ObjectFacts* IndexFilter::matchingObject(const DocumentFacts& facts) const
+{
+    if (!aboutObjects_) return nullptr;
+    for (const auto& object : facts.objects) {
+        if (objectMatches(object)) return &object;
+    }
+    return nullptr;
+}
+
+bool IndexFilter::matches(const DocumentFacts& facts) const
+{
+    if (motion_ && !facts.motion) return false;
+    return !aboutObjects_ || matchingObject(facts) != nullptr;
+}
+
+}  // namespace rsindex

@@ -1,0 +1,174 @@
+#include "index/IndexStore.h"
+
+#include <sys/stat.h>
+
+#include <sqlite3.h>
+
+namespace rsindex {
+
+namespace {
+
+constexpr int kClassName = 0;
+constexpr int kColourName = 1;
+
+const char* const kSchema = R"SQL(
+CREATE TABLE IF NOT EXISTS documents (
+  t INTEGER PRIMARY KEY,
+  motion INTEGER NOT NULL,
+  hash INTEGER NOT NULL,
+  facts BLOB NOT NULL);
+CREATE TABLE IF NOT EXISTS names (
+  kind INTEGER NOT NULL,
+  name TEXT NOT NULL,
+  t INTEGER NOT NULL,
+  PRIMARY KEY (kind, name, t)) WITHOUT ROWID;
+)SQL";
+
+store::SqliteDb::Mode modeOf(IndexStore::Access access)
+{
+    return access == IndexStore::Access::Writer ? store::SqliteDb::Mode::Create
+                                                : store::SqliteDb::Mode::ReadOnly;
+}
+
+}  // namespace
+
+uint64_t textHash(const std::string& text)
+{
+    uint64_t hash = 14695981039346656037ull;  // FNV-1a
+    for (unsigned char c : text) {
+        hash ^= c;
+        hash *= 1099511628211ull;
+    }
+    return hash;
+}
+
+IndexStore::IndexStore(const std::string& path, Access access)
+    : path_(path), db_(path, modeOf(access))
+{
+    sqlite3_busy_timeout(db_.handle(), 5000);
+    if (access == Access::Writer) {
+        db_.exec("PRAGMA journal_mode=WAL");
+        db_.exec("PRAGMA synchronous=NORMAL");
+        db_.exec(kSchema);
+    }
+}
+
+IndexStore::~IndexStore() = default;
+
+std::optional<IndexSpan> IndexStore::span()
+{
+    store::Statement q(db_, "SELECT min(t), max(t), count(*) FROM documents");
+    if (!q.step() || q.columnIsNull(0)) return std::nullopt;
+    return IndexSpan{q.columnInt(0), q.columnInt(1), q.columnInt(2)};
+}
+
+int64_t IndexStore::bytesOnDisk()
+{
+    int64_t bytes = 0;
+    for (const char* suffix : {"", "-wal"}) {
+        struct stat st {};
+        if (::stat((path_ + suffix).c_str(), &st) == 0) bytes += st.st_size;
+    }
+    return bytes;
+}
+
+std::optional<uint64_t> IndexStore::hashAt(Micros time)
+{
+    store::Statement q(db_, "SELECT hash FROM documents WHERE t = ?");
+    q.bind(1, time);
+    if (!q.step()) return std::nullopt;
+    return uint64_t(q.columnInt(0));
+}
+
+std::optional<Micros> IndexStore::firstFrom(Micros time)
+{
+    store::Statement q(db_, "SELECT t FROM documents WHERE t >= ? ORDER BY t LIMIT 1");
+    q.bind(1, time);
+    if (!q.step()) return std::nullopt;
+    return q.columnInt(0);
+}
+
+void IndexStore::add(const std::vector<IndexedDocument>& batch)
+{
+    store::Transaction transaction(db_);
+    store::Statement document(
+        db_, "INSERT OR REPLACE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
+    store::Statement name(db_, "INSERT OR IGNORE INTO names (kind, name, t) VALUES (?, ?, ?)");
+    for (const auto& d : batch) {
+        document.reset()
+            .bind(1, d.time)
+            .bind(2, d.facts.motion ? 1 : 0)
+            .bind(3, int64_t(d.hash))
+            .bindBlob(4, encode(d.facts))
+            .run();
+        for (const auto& object : d.facts.objects) {
+            for (const auto& type : object.types) {
+                name.reset().bind(1, kClassName).bind(2, type.name).bind(3, d.time).run();
+            }
+            for (const auto& colour : object.colours) {
+                name.reset().bind(1, kColourName).bind(2, colour.name).bind(3, d.time).run();
+            }
+        }
+    }
+    transaction.commit();
+}
+
+void IndexStore::dropBefore(Micros time)
+{
+    store::Transaction transaction(db_);
+    store::Statement documents(db_, "DELETE FROM documents WHERE t < ?");
+    documents.bind(1, time).run();
+    store::Statement names(db_, "DELETE FROM names WHERE t < ?");
+    names.bind(1, time).run();
+    transaction.commit();
+}
+
+void IndexStore::clear()
+{
+    store::Transaction transaction(db_);
+    db_.exec("DELETE FROM documents; DELETE FROM names;");
+    transaction.commit();
+}
+
+void IndexStore::scan(Micros from, Micros to, bool ascending,
+                      const std::vector<std::string>& classes, const std::string& colour,
+                      const std::function<bool(Micros, const DocumentFacts&)>& each)
+{
+    const char* order = ascending ? "ASC" : "DESC";
+    std::string sql;
+    std::vector<std::string> names;
+    int kind = kClassName;
+    if (!classes.empty()) {
+        names = classes;
+    } else if (!colour.empty()) {
+        names = {colour};
+        kind = kColourName;
+    }
+    if (names.empty()) {
+        sql = std::string(
+                  "SELECT t, motion, facts FROM documents WHERE t BETWEEN ?1 AND ?2 ORDER BY t ") +
+              order;
+    } else {
+        std::string list;
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            list += (i ? ", ?" : "?") + std::to_string(i + 4);
+        }
+        sql =
+            "SELECT d.t, d.motion, d.facts FROM documents d WHERE d.t IN (SELECT t FROM names "
+            "WHERE kind = ?3 AND name IN (" +
+            list + ") AND t BETWEEN ?1 AND ?2) ORDER BY d.t " + order;
+    }
+    store::Statement q(db_, sql.c_str());
+    q.bind(1, from).bind(2, to);
+    if (!names.empty()) {
+        q.bind(3, kind);
+        for (std::size_t i = 0; i < names.size(); ++i) q.bind(int(i) + 4, names[i]);
+    }
+    while (q.step()) {
+        DocumentFacts facts = decode(q.columnText(2));
+        facts.motion = q.columnInt(1) != 0;
+        if (!each(q.columnInt(0), facts)) return;
+    }
+}
+
+}  // namespace rsindex

@@ -1,0 +1,69 @@
+// The index's SQLite file: one row per document (its time, motion, facts and a hash of its
+// text), class and colour names for finding candidates, and the mark "indexed through". One
+// writer (the follower) and any number of readers (the queries), in WAL mode so that readers
+// never block the writer; each batch of documents lands in one transaction together with the
+// mark, so a crash leaves the old state or the new one.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "index/DocumentFacts.h"
+#include "store/SqliteDb.h"
+
+namespace rsindex {
+
+// Microseconds since 1970: a document's time as one ordered number.
+using Micros = int64_t;
+
+struct IndexedDocument {
+    Micros time = 0;
+    uint64_t hash = 0;
+    DocumentFacts facts;
+};
+
+struct IndexSpan {
+    Micros from = 0;
+    Micros through = 0;
+    int64_t documents = 0;
+};
+
+class IndexStore {
+public:
+    enum class Access { Writer, Reader };
+    IndexStore(const std::string& path, Access access);
+    ~IndexStore();
+
+    std::optional<IndexSpan> span();
+    int64_t bytesOnDisk();
+    // The stored hash of the document at `time`, if it is in the index.
+    std::optional<uint64_t> hashAt(Micros time);
+    // The first document at or after `time`.
+    std::optional<Micros> firstFrom(Micros time);
+
+    // Writer only.
+    void add(const std::vector<IndexedDocument>& batch);
+    void dropBefore(Micros time);
+    void clear();
+
+    // Documents in [from, to], ascending or descending, that `keep` accepts, until `each`
+    // returns false. Candidates are found by class or colour name when the filter has one.
+    void scan(Micros from, Micros to, bool ascending, const std::vector<std::string>& classes,
+              const std::string& colour,
+              const std::function<bool(Micros, const DocumentFacts&)>& each);
+
+    IndexStore(const IndexStore&) = delete;
+    IndexStore& operator=(const IndexStore&) = delete;
+
+private:
+    std::string path_;
+    store::SqliteDb db_;
+};
+
+uint64_t textHash(const std::string& text);
+
+}  // namespace rsindex
