@@ -320,7 +320,7 @@ std::optional<int> finishSummary(Parsed& p)
     }
     if (earlier(s.end, s.start)) std::swap(s.start, s.end);
     if (!p.bucket.empty()) s.bucket = durationOf(p.bucket);
-    if (const std::string why = checkBucketCount(s.start, s.end, s.bucket); !why.empty()) {
+    if (std::string why = checkBucketCount(s.start, s.end, s.bucket); !why.empty()) {
         return usageError("--bucket: " + why);
     }
     return std::nullopt;

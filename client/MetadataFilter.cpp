@@ -53,7 +53,7 @@ std::vector<std::string> splitCommas(const std::string& text)
 std::string checkName(const std::string& name)
 {
     if (name.empty()) return "a name must not be empty";
-    if (const std::string why = lengthProblem(name); !why.empty()) return why;
+    if (std::string why = lengthProblem(name); !why.empty()) return why;
     for (unsigned char c : name) {
         if (c == '"' || c == '\'') return "a name must not contain quotes";
         if (c < 0x20 || c == 0x7f) return "a name must not contain control characters";
@@ -63,7 +63,7 @@ std::string checkName(const std::string& name)
 
 std::string checkLikelihood(const std::string& text)
 {
-    if (const std::string why = lengthProblem(text); !why.empty()) return why;
+    if (std::string why = lengthProblem(text); !why.empty()) return why;
     const auto value = plainDecimal(text, false) ? decimalValue(text) : std::nullopt;
     if (!value || *value > 1) {
         return excerpt(text) + " is not a likelihood from 0 to 1 (for example 0.8)";
@@ -79,7 +79,7 @@ std::string checkRegion(const std::string& text)
     if (parts.size() != 4) return excerpt(text) + form;
     double edge[4];
     for (std::size_t i = 0; i < 4; ++i) {
-        if (const std::string why = lengthProblem(parts[i]); !why.empty()) return why;
+        if (std::string why = lengthProblem(parts[i]); !why.empty()) return why;
         const auto value = decimalValue(parts[i]);
         if (!value) return excerpt(text) + form;
         edge[i] = *value;

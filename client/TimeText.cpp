@@ -109,7 +109,7 @@ std::optional<TimePoint> parseTime(const std::string& text, std::string* why)
 {
     std::string ignored;
     if (why == nullptr) why = &ignored;
-    if (const std::string tooLong = lengthProblem(text); !tooLong.empty()) {
+    if (std::string tooLong = lengthProblem(text); !tooLong.empty()) {
         *why = tooLong;
         return std::nullopt;
     }
@@ -162,7 +162,7 @@ std::optional<Micros> parseDuration(const std::string& text, std::string* why)
 {
     std::string ignored;
     if (why == nullptr) why = &ignored;
-    if (const std::string tooLong = lengthProblem(text); !tooLong.empty()) {
+    if (std::string tooLong = lengthProblem(text); !tooLong.empty()) {
         *why = tooLong;
         return std::nullopt;
     }

@@ -14,5 +14,5 @@ clang-format --dry-run -Werror "${files[@]}"
 # The programs' code; the tests and benchmarks are held to the formatting only.
 echo "lint: clang-tidy" >&2
 run-clang-tidy -quiet -p build/default -j"$(nproc)" \
-  "$(pwd)/(cli|client|web|jobs|target|service|store|kavro/src)/" >build/default/clang-tidy.log 2>&1 ||
+  "$(pwd)/(cli|client|web|index|jobs|target|service|store|kavro/src)/" >build/default/clang-tidy.log 2>&1 ||
   { grep -E "(warning|error):" build/default/clang-tidy.log | sort -u >&2; exit 1; }
