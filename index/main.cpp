@@ -55,9 +55,7 @@ int serve(const std::string& database, std::chrono::milliseconds poll, void* log
     return loop.lost() ? 1 : 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     std::string database = "/var/lib/recording_index/index.db";
     double pollSeconds = 3;
@@ -94,4 +92,16 @@ int main(int argc, char** argv)
     kavro_core_logging_deinit(log);
     kavro_core_deinit();
     return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "recording_index: %s\n", e.what());
+        return 1;
+    }
 }

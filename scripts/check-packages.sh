@@ -38,7 +38,11 @@ declare -A layout=(
   [recording-search-web]="usr/bin/recording_search_web
     usr/lib/systemd/system/recording-search-web.service
     usr/lib/systemd/system/recording-search-web.socket usr/lib/sysusers.d/recording-search-web.conf
-    $(docs recording-search-web) usr/share/man/man1/recording_search_web.1.gz")
+    $(docs recording-search-web) usr/share/man/man1/recording_search_web.1.gz"
+  [recording-index]="usr/bin/recording_index usr/lib/systemd/system/recording_index.service
+    usr/lib/sysusers.d/recording-index.conf $(docs recording-index)
+    usr/share/man/man1/recording_index.1.gz
+    $dbus/system.d/kavro.recording_index.conf $dbus/interfaces/kavro.recording_index.xml")
 version=$(sed -nE 's/^project\(.* VERSION ([0-9.]+) .*/\1/p' CMakeLists.txt)
 debs=(build/packages/*.deb)
 [ ${#debs[@]} -eq ${#layout[@]} ] || fail "${#debs[@]} packages, not ${#layout[@]}: ${debs[*]}"
@@ -77,7 +81,7 @@ maint() {  # SCRIPT ARGUMENT...
 # Owners by the scratch root's own users and groups, not the machine's.
 owner() { stat -c '%u:%g %a' "$1"; }
 id_of() { awk -F: -v n="$2" '$1 == n { print $3 }' "$root/etc/$1"; }
-for pkg in recording-search recording-store recording-search-web; do
+for pkg in recording-search recording-store recording-search-web recording-index; do
   case $pkg in
     recording-search-web) unit=recording-search-web.socket wants=$root/etc/systemd/system/sockets.target.wants ;;
     *) unit=${pkg/-/_}.service wants=$root/etc/systemd/system/multi-user.target.wants ;;
@@ -126,6 +130,6 @@ for name in recording_search recording_control recording_information recording_d
 done
 
 ln -s "$root"/usr/libexec/recording_search \
-  "$root"/usr/bin/{recording_store,recsearch,recording_search_web} "$root/programs"
+  "$root"/usr/bin/{recording_store,recsearch,recording_search_web,recording_index} "$root/programs"
 scripts/demo.sh --bin "$root/programs" >/dev/null
 echo "check-packages: ${debs[*]##*/} ship the layout and run"

@@ -8,7 +8,7 @@ units=("$@")
 if ! (($#)); then
   prefix=$(mktemp -d)
   trap 'rm -rf "$prefix"' EXIT
-  for component in service store web; do
+  for component in service store web index; do
     cmake --install "$(dirname "$0")/../build/default" --prefix "$prefix" \
       --component "$component" >/dev/null
   done

@@ -156,7 +156,9 @@ start recording_store "$bin/recording_store" serve "$tmp/sample.db"
 wait_for_name recording_store kavro.recording_data_access
 start recording_search "$bin/recording_search"
 wait_for_name recording_search kavro.recording_search
-echo "recording_store and recording_search are serving (log: KAVRO_LOG_FILE=$tmp/kavro.log)"
+start recording_index "$bin/recording_index" --database "$tmp/index.db" --poll 1
+wait_for_name recording_index kavro.recording_index
+echo "recording_store, recording_search and recording_index are serving (log: KAVRO_LOG_FILE=$tmp/kavro.log)"
 
 # The gateway: a token of the demo's own, on a free loopback port.
 head -c 24 /dev/urandom | base64 | tr -d '/+=' >"$tmp/web-tokens"
@@ -192,6 +194,24 @@ say "Coverage of the hour per bucket, the gaps, and a picture of it"
 recsearch summary "$from" "$to" --timeline --svg "$svg"
 echo "The picture is in $svg (open it in a web browser)"
 
+say "The appearance index catching up with the hour (it reads at a walk's pace)"
+for _ in $(seq 120); do
+  state=$(DBUS_SYSTEM_BUS_ADDRESS=$address "$bin/recsearch" index)
+  echo "$state"
+  case $state in *following*) break ;; esac
+  sleep 2
+done
+
+say "A person's appearances over the hour: answered by the index, then by a walk"
+for how in "" --walk; do
+  began=$(date +%s%N)
+  echo "\$ recsearch metadata $from $to --class person --spans $how | tail -n 2"
+  DBUS_SYSTEM_BUS_ADDRESS=$address "$bin/recsearch" metadata "$from" "$to" --class person --spans \
+    $how 2>&1 | tail -n 2
+  hundredths=$((($(date +%s%N) - began) / 10000000))
+  printf 'the last line after %d.%02d s\n' $((hundredths / 100)) $((hundredths % 100))
+done
+
 say "The same event search through the gateway, as JSON lines (first 8)"
 curl_line="curl -sN -H 'Authorization: Bearer $token' -H 'Content-Type: application/json' -d '{\"start\":\"$from\",\"end\":\"$events_to\",\"startState\":true}' $web/api/v1/events"
 echo "\$ $curl_line"
@@ -213,6 +233,7 @@ $bin/recsearch events $to $from --max 5
 $bin/recsearch metadata $from $to --class vehicle --colour red --region 0,0,0.5,1 --spans
 $bin/recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpath
 $bin/recsearch summary $from $to --bucket 5m
+$bin/recsearch index
 $bin/recsearch noop
 $bin/recsearch --help
 $curl_line
