@@ -53,7 +53,6 @@ std::optional<uint32_t> SearchSession::start(const std::function<bool()>& stoppe
     } else {
         output_.begun(jobId_);
     }
-    if (!notice_.empty()) output_.notice(jobId_, notice_);
     return jobId_;
 }
 
@@ -122,6 +121,7 @@ bool SearchSession::limitReached() const
 
 int SearchSession::stream()
 {
+    if (!notice_.empty()) output_.notice(jobId_, notice_);
     for (const Part& part : parts_) {
         if (part.fromIndex) {
             if (const int signal = streamIndex(part); signal != 0) return finish(signal);
@@ -215,7 +215,9 @@ int SearchSession::streamWalk()
             if (event->jobId != jobId_) break;
             take(event->result);
             if (!output_.good()) return SIGPIPE;
-            if (limitReached()) return 0;
+            // The walk keeps its own limit; after the index's answers it counts them too (a
+            // metadata result is one match, so the count is the walk's).
+            if (fromIndex_ > 0 && limitReached()) return 0;
             break;
         case ClientEvent::Kind::Completed:
             if (event->jobId == jobId_) return 0;

@@ -188,4 +188,64 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
     EXPECT_EQ(stack.stack().stop(), "");
 }
 
+// Documents as a hostile or careless camera might write them, each a person in some form: the
+// index answers for every one exactly as the walk does.
+TEST(IndexAgreesWithTheWalk, OnDocumentsThatAreNotPlainFrames)
+{
+    const rstest::TempDir dir("rs-index-odd");
+    const std::string path = dir.file("odd.db");
+    const auto object = [](const std::string& type, const std::string& likelihood,
+                           const std::string& box =
+                               R"(left="0.1" top="0.1" right="0.4" bottom="0.4")") {
+        return "<Object><Appearance><Shape><BoundingBox " + box + "/></Shape><Class><Type " +
+               likelihood + ">" + type + "</Type></Class><Color><ColorCluster Name=\"Red\"/>" +
+               "</Color></Appearance></Object>";
+    };
+    const std::vector<std::string> documents = {
+        "<Frame>" + object("Person", R"(Likelihood="0.9")") + "</Frame>",
+        "<Frame>" + object("Person", R"(Likelihood="0.9")"),  // does not parse
+        "<!DOCTYPE Frame [<!ENTITY p \"Person\">]><Frame>" + object("&p;", R"(Likelihood="0.9")") +
+            "</Frame>",
+        "<Frame>" + object("Person", R"(Likelihood="0.9")") + std::string(1 << 20, ' ') +
+            "</Frame>",
+        R"(<Frame xmlns="urn:camera">)" + object("Person", R"(Likelihood="0.9")") + "</Frame>",
+        "<Frame>" + object("PERSON", R"(Likelihood=" 0.95 ")") + "</Frame>",
+        "<Frame>" + object("Person", R"(Likelihood="1e0")") + "</Frame>",
+        "<Frame>" + object("Per<b>son</b>", R"(Likelihood="0.9")") + "</Frame>",
+        "<Frame>" + object("Person", "") + object("Animal", R"(Likelihood="0.99")") + "</Frame>",
+        "<Frame>" + object("Person", R"(Likelihood="0.9")", R"(left="0.5" top="0.5" right="0.6")") +
+            "</Frame>",
+        "<Frame><Object><Object><Appearance><Class><Type>Person</Type></Class></Appearance>"
+        "</Object></Object></Frame>",
+        "<Frame>" + object("Person", R"(Likelihood="0.9")") +
+            R"(<NotificationMessage Topic="VideoSource/MotionAlarm"><Data><SimpleItem Name="State" )"
+            R"(Value="true"/></Data></NotificationMessage></Frame>)",
+        "",
+    };
+    {
+        store::RecordingWriter writer(path, store::RecordingWriter::Durability::Bulk);
+        auto transaction = writer.transaction();
+        writer.addTrack("META001");
+        writer.addEvent({1704067200, 0}, {{0, 1, ""}});
+        for (std::size_t i = 0; i < documents.size(); ++i) {
+            writer.addDocument({1704067201 + uint32_t(i), 0}, documents[i]);
+        }
+        transaction->commit();
+    }
+    IndexedStack stack(path);
+    stack.waitUntilFollowing();
+    const std::vector<std::vector<std::string>> filters = {
+        {"--class", "person"},
+        {"--class", "person", "--min-likelihood", "0.9"},
+        {"--colour", "red", "--region", "0.4,0.4,0.55,0.55"},
+        {"--region", "0,0,0.1,0.1"},
+        {"--motion", "--class", "person"},
+    };
+    for (const auto& filter : filters) {
+        auto args = filter;
+        args.insert(args.begin(), {"metadata", "2024-01-01T00:00:00Z", "2024-01-01T00:01:00Z"});
+        expectSameAsTheWalk(stack, args);
+    }
+}
+
 }  // namespace
