@@ -77,6 +77,8 @@ out=bench/results.md
   "$bin/signal_bench" 100000
   /usr/bin/python3 bench/gateway_bench.py "$bin" "$(date -u -d 2024-01-01 +%s)"
   xpath_rows rows
+  if ((quick)); then last=2024-01-01T02:00:00Z; else last=2024-01-02T00:00:00Z; fi
+  bench/index_bench.sh "$bin" "$work/recording.db" 2024-01-01T00:00:00Z "$last"
 } > "$out.tmp"
 mv "$out.tmp" "$out"
 cat "$out"

@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# The appearance index's rows of bench/results.md, on the bus and store that bench/run.sh
+# started (DBUS_SYSTEM_BUS_ADDRESS set): building the index of the recording at a walk's pace,
+# its size, and the same filter searches answered by the index and by a walk.
+#   bench/index_bench.sh BIN RECORDING FROM TO
+set -euo pipefail
+bin=$1 recording=$2 from=$3 to=$4
+work=$(mktemp -d)
+index_pid=""
+cleanup() { [ -n "$index_pid" ] && kill "$index_pid" 2>/dev/null; wait 2>/dev/null || true; rm -rf "$work"; }
+trap cleanup EXIT
+
+now() { date +%s%N; }
+seconds() { python3 -c "print(f'{($2 - $1) / 1e9:.2f}')" "$@"; }
+cpu_of() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }  # clock ticks
+rss_of() { awk '/VmRSS/ { print $2 }' "/proc/$1/status"; }
+state() { "$bin/recsearch" index --json 2>/dev/null || echo '{}'; }
+field() { python3 -c "import json,sys; print(json.loads(sys.argv[1]).get(sys.argv[2], ''))" "$1" "$2"; }
+
+start_index() {
+  "$bin/recording_index" --database "$work/index.db" --poll 1 & index_pid=$!
+  for _ in $(seq 100); do busctl --system status kavro.recording_index >/dev/null 2>&1 && break; sleep 0.1; done
+}
+
+# Building, from nothing to following the track's end.
+began=$(now)
+start_index
+until [ "$(field "$(state)" state)" = following ]; do sleep 1; done
+built=$(now)
+docs=$(field "$(state)" documents)
+bytes=$(field "$(state)" bytes)
+ticks=$(cpu_of "$index_pid")
+idle_rss=$(rss_of "$index_pid")
+xml=$(sqlite3 "$recording" "select sum(length(body)) from documents")
+build_s=$(seconds "$began" "$built")
+
+# The same searches by index and by walk; the walk is the oracle for the lines.
+time_search() {  # OUTFILE ARGS...: seconds to the last line
+  local out=$1; shift
+  local t0; t0=$(now)
+  "$bin/recsearch" metadata "$@" --json > "$out"
+  seconds "$t0" "$(now)"
+}
+broad=("$from" "$to" --class person --spans)
+by_index=$(time_search "$work/index.out" "${broad[@]}")
+by_walk=$(time_search "$work/walk.out" "${broad[@]}" --walk)
+same=$(diff <(grep -v '"completed"' "$work/index.out" | sed 's/"job":[0-9]*//') \
+            <(grep -v '"completed"' "$work/walk.out" | sed 's/"job":[0-9]*//') >/dev/null && echo equal || echo DIFFER)
+narrow=("$from" "$to" --class vehicle --colour red --region 0,0,0.5,1)
+narrow_index=$(time_search "$work/narrow.out" "${narrow[@]}")
+walk_rate=$(python3 -c "print(f'{$docs / $by_walk:.0f}')")
+build_rate=$(python3 -c "print(f'{$docs / $build_s:.0f}')")
+
+# A week: the day's rows repeated six more days later in time, in the index alone (the store
+# keeps the day; the index follows it and answers for the rest).
+kill "$index_pid"; wait "$index_pid" 2>/dev/null || true; index_pid=""
+sqlite3 "$work/index.db" "
+  WITH days(d) AS (VALUES (1),(2),(3),(4),(5),(6))
+  INSERT INTO documents SELECT t + d * 86400000000, motion, hash, facts FROM documents, days;
+  WITH days(d) AS (VALUES (1),(2),(3),(4),(5),(6))
+  INSERT INTO names SELECT kind, name, t + d * 86400000000 FROM names, days;"
+start_index
+until [ "$(field "$(state)" state)" = following ]; do sleep 0.5; done
+week_to=$(date -u -d "$(echo "$to" | sed 's/T/ /; s/Z//') + 6 days" +%Y-%m-%dT%H:%M:%SZ)
+rss_peak_before=$(awk '/VmHWM/ { print $2 }' "/proc/$index_pid/status")
+week=$(time_search "$work/week.out" "$from" "$week_to" --class person --spans)
+week_rss=$(awk '/VmHWM/ { print $2 }' "/proc/$index_pid/status")
+week_lines=$(grep -c '"span"' "$work/week.out" || true)
+
+hz=$(getconf CLK_TCK)
+python3 - <<PY
+docs, xml, size = $docs, $xml, $bytes
+cpu_us = $ticks / $hz * 1e6 / docs
+print(f"| index build, {docs} documents | {$build_rate} documents/s in {$build_s} s | the walk's {$walk_rate} steps/s | {$build_rate / $walk_rate:.2f} (goal at most 1.0) |")
+print(f"| index CPU per document while building | {cpu_us:.0f} µs | | |")
+print(f"| index size on disk | {size / 2**20:.1f} MiB | the documents' XML {xml / 2**20:.0f} MiB | {size / xml:.3f} (goal at most 0.10) |")
+print(f"| --class person --spans over the recording, time to the last line | {$by_index} s by index | {$by_walk} s by walk | {$by_walk / max($by_index, 0.001):.0f}x faster (goal 300x, under 0.5 s); lines $same |")
+print(f"| --class vehicle --colour red --region 0,0,0.5,1 over the recording | {$narrow_index} s by index | | |")
+print(f"| --class person --spans over a week (the day's index rows repeated six days on) | {$week} s, {$week_lines} appearances | goal under 2 s | {$week / 2:.2f} of goal |")
+print(f"| recording_index resident memory, idle / peak while answering the week | {$idle_rss / 1024:.1f} / {$week_rss / 1024:.1f} MiB | goal under 32 MiB | {$week_rss / 1024 / 32:.2f} of goal |")
+PY
