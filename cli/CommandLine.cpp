@@ -9,6 +9,7 @@
 #include "client/Coverage.h"
 #include "client/InputText.h"
 #include "client/MetadataFilter.h"
+#include "client/XPathCheck.h"
 
 namespace recsearch {
 
@@ -303,6 +304,7 @@ std::optional<int> finishMetadata(Parsed& p)
             "XPATH is required unless a filter (--class, --colour, "
             "--min-likelihood, --region, --motion) is given");
     }
+    if (std::string why = checkXPath(s.xpath); !why.empty()) return usageError(why);
     if (p.xpath->count() == 0) s.filter = p.filters.filter;
     s.xpath = filterXPath(p.filters.filter, s.xpath);
     if (!p.c.showXPath && p.end.empty()) {

@@ -7,6 +7,7 @@
 #include "client/Coverage.h"
 #include "client/InputText.h"
 #include "client/MetadataFilter.h"
+#include "client/XPathCheck.h"
 
 namespace web {
 
@@ -201,7 +202,9 @@ std::string xpathOf(const json& body)
             "given",
             "xpath");
     }
-    return rsclient::filterXPath(f, stringField(body, "xpath"));
+    const std::string own = stringField(body, "xpath");
+    check("xpath", rsclient::checkXPath(own));
+    return rsclient::filterXPath(f, own);
 }
 
 SearchRequest metadataRequest(const json& body)

@@ -1,4 +1,5 @@
 // recording_search_web: the search over HTTP, for programs and for a person at a browser.
+#include <libxml/parser.h>
 #include <poll.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
@@ -31,6 +32,7 @@ int run(int argc, char** argv)
     const kavro::tools::StopSignals stopSignals(stop);
     void* log = nullptr;
     kavro_core_logging_init("recording_search_web", &log);
+    xmlInitParser();  // once, before the connections' threads check expressions
     try {
         const int socket = socketFromSystemd();
         if (socket < 0 && !options.loopback && options.tlsCert.empty() && !options.plainHttp) {

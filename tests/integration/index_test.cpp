@@ -152,8 +152,9 @@ TEST_P(IndexAgreesWithTheWalk, ForEveryKindOfFilterEitherWay)
 
 INSTANTIATE_TEST_SUITE_P(Seeds, IndexAgreesWithTheWalk, testing::Values(3u, 11u));
 
-// Killed mid-build, it resumes from its mark; given another recording under the same name,
-// it notices and rebuilds. Both times its answers are the walk's.
+// Killed mid-build, it resumes from its mark; it waits while the recording services are gone;
+// given another recording under the same name, it notices and rebuilds. Its answers are the
+// walk's.
 TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
 {
     const rstest::TempDir dir("rs-index-rec");
@@ -177,6 +178,10 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
 
     const std::string before = resumed.dump();
     EXPECT_EQ(stack.stack().stop(), "");
+    // The recording services gone: it waits for them, and says so.
+    EXPECT_TRUE(
+        rstest::pollUntil([&] { return stack.state().value("state", "") == "waiting"; }, 10s))
+        << stack.state();
     generate(6);
     stack.stack().startStore();
     ASSERT_TRUE(rstest::pollUntil(

@@ -15,6 +15,7 @@
 #include "client/Spans.h"
 #include "client/Svg.h"
 #include "client/TimeText.h"
+#include "client/XPathCheck.h"
 #include "store/AnalyticsFrame.h"
 #include "support/PlainXPath.h"
 #include "support/ProcessRunner.h"
@@ -187,6 +188,23 @@ TEST(RecsearchFilters, EachExpressionMatchesExactlyWhatAHandWrittenOneMatches)
         EXPECT_GT(matched, 0u) << c.handWritten;
         EXPECT_LT(matched, docs.size()) << c.handWritten;
     }
+}
+
+// An expression is checked before any search is created; the sentence says where it breaks.
+TEST(RecsearchFilters, AnExpressionThatDoesNotCompileIsToldWhereBeforeAnySearch)
+{
+    for (const std::string good : {"", "//Object", "count(//Object) > 2"}) {
+        EXPECT_EQ(checkXPath(good), "") << good;
+    }
+    EXPECT_EQ(checkXPath("//Object["),
+              "the XPath expression //Object[ does not compile: it is not a valid expression (at "
+              "its end)");
+    EXPECT_EQ(checkXPath("//a[@b=\"x]"),
+              "the XPath expression //a[@b=\"x] does not compile: a quoted string is not closed "
+              "(at its end)");
+    EXPECT_EQ(checkXPath("foo bar"),
+              "the XPath expression foo bar does not compile: it is not a valid expression (at "
+              "character 5)");
 }
 
 // Colours of points of the SVG as rsvg-convert renders it: each point alone as a 1x1 PNG, whose
