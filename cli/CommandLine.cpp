@@ -149,7 +149,7 @@ int usageError(const std::string& message)
 // What the subcommands fill in, before it is checked and turned into a Command.
 struct Parsed {
     Command c;
-    std::string start, end, spans, bucket;
+    std::string start, end, spans, bucket, minDuration;
     Filters filters;
     CLI::App* events = nullptr;
     CLI::App* metadata = nullptr;
@@ -198,6 +198,12 @@ void addMetadata(CLI::App& app, Parsed& p)
                                "both, both must hold")
                   ->type_name("XPATH");
     addFilters(metadata, p.filters);
+    metadata
+        ->add_option("--min-duration", p.minDuration,
+                     "with --spans: leave out appearances shorter than D (such as 10s): "
+                     "what stayed, not what passed")
+        ->type_name("D")
+        ->check(kDuration);
     metadata->add_flag("--walk", p.c.search.walk,
                        "walk the documents even where recording_index could answer (a search "
                        "with filters alone is answered from the index where it reaches)");
@@ -311,6 +317,10 @@ std::optional<int> finishMetadata(Parsed& p)
         return usageError(p.start.empty() ? "START is required" : "END is required");
     }
     if (p.spansOption->count() > 0) s.spanGap = durationOf(p.spans);
+    if (!p.minDuration.empty()) {
+        if (!s.spanGap) return usageError("--min-duration needs --spans");
+        s.minDuration = durationOf(p.minDuration);
+    }
     return std::nullopt;
 }
 

@@ -70,7 +70,15 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
         return;
     }
     out_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
-         << (span.matches == 1 ? " match\n" : " matches\n") << std::flush;
+         << (span.matches == 1 ? " match" : " matches");
+    if (const auto& a = span.appeared) {
+        std::string classes;
+        for (const auto& name : a->classes) classes += (classes.empty() ? "" : ",") + name;
+        out_ << "  " << printable(classes);
+        if (!a->colour.empty()) out_ << ' ' << printable(a->colour);
+        if (!a->likelihood.empty()) out_ << ' ' << printable(a->likelihood);
+    }
+    out_ << '\n' << std::flush;
 }
 
 void ResultPrinter::coverage(const Picture& picture, Micros size, const std::vector<Segment>& gaps)

@@ -76,7 +76,13 @@ public:
     void begun(uint32_t jobId) override
     {
         if (!command_.json && !command_.quiet) {
-            std::cerr << searchName(command_.search.kind) << ' ' << jobId << " begun" << std::endl;
+            if (jobId == 0) {
+                std::cerr << searchName(command_.search.kind) << " answered by recording_index"
+                          << std::endl;
+            } else {
+                std::cerr << searchName(command_.search.kind) << ' ' << jobId << " begun"
+                          << std::endl;
+            }
         }
         if (progress_.enabled()) {
             if (auto span = service_.recordingSpan()) progress_.fitTo(span->first, span->second);

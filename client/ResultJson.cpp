@@ -70,6 +70,13 @@ Json spanJson(uint32_t jobId, const Span& span)
     Json j = {{"job", jobId}, {"kind", "span"}};
     addRange(j, sinceEpoch(span.start), sinceEpoch(span.end));
     j["matches"] = span.matches;
+    if (const auto& a = span.appeared) {
+        j["classes"] = a->classes;
+        if (!a->colour.empty()) j["colour"] = a->colour;
+        if (!a->likelihood.empty()) j["likelihood"] = a->likelihood;
+        if (!a->boxAtStart.empty()) j["box_at_start"] = a->boxAtStart;
+        if (!a->boxAtEnd.empty()) j["box_at_end"] = a->boxAtEnd;
+    }
     return j;
 }
 

@@ -26,6 +26,7 @@ struct SearchRequest {
     std::optional<MetadataFilter> filter;
     bool walk = false;
     std::optional<Micros> spanGap;  // metadata matches grouped into appearances
+    Micros minDuration{0};          // appearances shorter than this are left out
     Micros bucket{0};               // summary; 0: a round size for the range
     bool picture = false;           // draw the range afterwards
 };

@@ -154,7 +154,8 @@ int SearchSession::streamIndex(const Part& part)
         }
         for (const IndexMatch& match : page) {
             if (limitReached()) break;
-            take(SearchResult{SearchResult::Kind::Metadata, jobId_, match.time, "", false, false});
+            take(SearchResult{SearchResult::Kind::Metadata, jobId_, match.time, "", false, false},
+                 &match);
             ++fromIndex_;
         }
         if (!indexed_) indexed_ = std::make_pair(part.from, part.to);
@@ -249,19 +250,62 @@ void SearchSession::askProgress()
     }
 }
 
-void SearchSession::take(const SearchResult& result)
+namespace {
+
+double likelihoodOf(const std::string& text)
+{
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    return end != text.c_str() ? value : -1;
+}
+
+// One more match of an appearance, with what the index saw in it.
+void addTo(std::optional<Appeared>& appeared, const Span& span, const IndexMatch& match)
+{
+    if (!appeared) appeared.emplace();
+    std::string rest = match.classes;
+    for (std::size_t at = 0; at <= rest.size();) {
+        const std::size_t comma = std::min(rest.find(',', at), rest.size());
+        const std::string name = rest.substr(at, comma - at);
+        if (!name.empty() && std::find(appeared->classes.begin(), appeared->classes.end(), name) ==
+                                 appeared->classes.end()) {
+            appeared->classes.push_back(name);
+        }
+        at = comma + 1;
+    }
+    if (appeared->colour.empty()) appeared->colour = match.colour;
+    if (likelihoodOf(match.likelihood) > likelihoodOf(appeared->likelihood)) {
+        appeared->likelihood = match.likelihood;
+    }
+    if (!earlier(span.start, match.time)) appeared->boxAtStart = match.box;
+    if (!earlier(match.time, span.end)) appeared->boxAtEnd = match.box;
+}
+
+}  // namespace
+
+void SearchSession::emitSpan(Span span)
+{
+    if (sinceEpoch(span.end) - sinceEpoch(span.start) < request_.minDuration) return;
+    output_.span(jobId_, span);
+    if (keep_) marks_.push_back(span);
+}
+
+void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
 {
     ++results_;
     last_ = result.time;
     lastReached_ = std::chrono::steady_clock::now();
     const bool metadata = result.kind == SearchResult::Kind::Metadata;
     if (keep_ && !metadata) kept_.push_back(result);
-    if (keep_ && metadata && !spans_) marks_.push_back(Span{result.time, result.time, 1});
+    if (keep_ && metadata && !spans_)
+        marks_.push_back(Span{result.time, result.time, 1, std::nullopt});
     if (spans_) {
         if (auto closed = spans_->add(result.time)) {
-            output_.span(jobId_, *closed);
-            if (keep_) marks_.push_back(*closed);
+            closed->appeared = std::move(appeared_);
+            appeared_.reset();
+            emitSpan(*closed);
         }
+        if (seen) addTo(appeared_, spans_->open(), *seen);
     } else if (request_.kind != SearchRequest::Kind::Summary) {
         output_.result(result);
     }
@@ -274,8 +318,8 @@ void SearchSession::conclude(TimePoint reached)
 {
     if (spans_) {
         if (auto open = spans_->finish()) {
-            output_.span(jobId_, *open);
-            if (keep_) marks_.push_back(*open);
+            open->appeared = std::move(appeared_);
+            emitSpan(*open);
         }
     }
     if (!keep_) return;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "client/ClientEvent.h"
+#include "client/IndexAnswers.h"
 #include "client/SearchOutput.h"
 #include "client/SearchRequest.h"
 #include "client/Spans.h"
@@ -53,7 +54,8 @@ private:
     int walkInstead(const Part& part);
     int takeWaitingEvents();
     bool limitReached() const;
-    void take(const SearchResult& result);
+    void take(const SearchResult& result, const IndexMatch* seen = nullptr);
+    void emitSpan(Span span);
     void askProgress();
     void conclude(TimePoint reached);
     int finish(int signal);
@@ -77,6 +79,7 @@ private:
     std::chrono::steady_clock::time_point lastReached_;  // the last result or progress answer
     std::vector<SearchResult> kept_;                     // event results
     std::vector<Span> marks_;                            // metadata matches, or spans
+    std::optional<Appeared> appeared_;  // of the open span, from the index\'s matches
 };
 
 }  // namespace rsclient

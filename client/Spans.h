@@ -5,15 +5,29 @@
 #include <chrono>
 #include <cstddef>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "client/TimeText.h"
 
 namespace rsclient {
 
+// What appeared in an appearance, when the index answered for it: the class names of its
+// matching objects, the first one's colour, the best likelihood, and the box at its start and
+// at its end (left, top, right, bottom as written).
+struct Appeared {
+    std::vector<std::string> classes;
+    std::string colour;
+    std::string likelihood;
+    std::vector<std::string> boxAtStart;
+    std::vector<std::string> boxAtEnd;
+};
+
 struct Span {
     TimePoint start;  // never later than end, whichever way the search went
     TimePoint end;
     std::size_t matches = 0;
+    std::optional<Appeared> appeared;
 };
 
 // Takes matches in the order a search sends them: ascending, or descending when it goes
@@ -26,6 +40,8 @@ public:
     std::optional<Span> add(TimePoint match);
     // The span still open, if any; afterwards the grouper is empty.
     std::optional<Span> finish();
+    // The span that the last match joined or opened; only while one is open.
+    const Span& open() const { return *open_; }
 
 private:
     Micros gap_;

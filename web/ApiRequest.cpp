@@ -219,6 +219,10 @@ SearchRequest metadataRequest(const json& body)
     } else {
         r.spanGap = durationField(body, "spans");
     }
+    if (auto least = durationField(body, "minDuration")) {
+        if (!r.spanGap) bad("minDuration needs spans", "minDuration");
+        r.minDuration = *least;
+    }
     return r;
 }
 
