@@ -87,22 +87,24 @@ bool motionAlarm(xmlNodePtr message)
     return false;
 }
 
-// Encoding: counts and lengths as 32-bit little-endian words; an absent text is length
-// 0xffffffff.
-constexpr uint32_t kAbsent = 0xffffffffu;
-
+// Encoding: counts as unsigned LEB128 numbers; a text as its length plus one (0: absent),
+// then its bytes. Most values take one byte.
 void putWord(std::string& out, uint32_t word)
 {
-    for (int i = 0; i < 4; ++i) out += char((word >> (8 * i)) & 0xff);
+    do {
+        const auto low = uint8_t(word & 0x7f);
+        word >>= 7;
+        out += char(word != 0 ? low | 0x80 : low);
+    } while (word != 0);
 }
 
 void putText(std::string& out, const std::optional<std::string>& text)
 {
     if (!text) {
-        putWord(out, kAbsent);
+        putWord(out, 0);
         return;
     }
-    putWord(out, uint32_t(text->size()));
+    putWord(out, uint32_t(text->size()) + 1);
     out += *text;
 }
 
@@ -111,24 +113,28 @@ public:
     explicit Reader(const std::string& bytes) : bytes_(bytes) {}
     uint32_t word()
     {
-        if (at_ + 4 > bytes_.size()) throw std::runtime_error("truncated facts");
         uint32_t word = 0;
-        for (int i = 0; i < 4; ++i) word |= uint32_t(uint8_t(bytes_[at_ + i])) << (8 * i);
-        at_ += 4;
-        return word;
+        for (int shift = 0; shift < 35; shift += 7) {
+            if (at_ >= bytes_.size()) throw std::runtime_error("truncated facts");
+            const auto byte = uint8_t(bytes_[at_++]);
+            word |= uint32_t(byte & 0x7f) << shift;
+            if ((byte & 0x80) == 0) return word;
+        }
+        throw std::runtime_error("corrupt facts");
     }
-    // A count of things that each take at least a word: never more than the bytes left.
+    // A count of things that each take at least a byte: never more than the bytes left.
     uint32_t count()
     {
         const uint32_t n = word();
-        if (n > (bytes_.size() - at_) / 4) throw std::runtime_error("corrupt facts");
+        if (n > bytes_.size() - at_) throw std::runtime_error("corrupt facts");
         return n;
     }
     std::optional<std::string> text()
     {
-        const uint32_t size = word();
-        if (size == kAbsent) return std::nullopt;
-        if (at_ + size > bytes_.size()) throw std::runtime_error("truncated facts");
+        uint32_t size = word();
+        if (size == 0) return std::nullopt;
+        --size;
+        if (size > bytes_.size() - at_) throw std::runtime_error("truncated facts");
         std::string text = bytes_.substr(at_, size);
         at_ += size;
         return text;

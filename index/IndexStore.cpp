@@ -8,6 +8,7 @@ namespace rsindex {
 
 namespace {
 
+constexpr int64_t kFormat = 2;
 constexpr int kClassName = 0;
 constexpr int kColourName = 1;
 
@@ -49,6 +50,14 @@ IndexStore::IndexStore(const std::string& path, Access access)
     if (access == Access::Writer) {
         db_.exec("PRAGMA journal_mode=WAL");
         db_.exec("PRAGMA synchronous=NORMAL");
+        // The log is folded into the file every megabyte and kept no larger than that, so the
+        // index on disk is what it holds.
+        db_.exec("PRAGMA wal_autocheckpoint=256; PRAGMA journal_size_limit=1048576");
+        // Another form of the facts: thrown away, to be rebuilt from the recording.
+        if (db_.queryInt("PRAGMA user_version") != kFormat) {
+            db_.exec("DROP TABLE IF EXISTS documents; DROP TABLE IF EXISTS names;");
+            db_.exec("PRAGMA user_version = " + std::to_string(kFormat));
+        }
         db_.exec(kSchema);
     }
 }
