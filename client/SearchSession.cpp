@@ -250,39 +250,6 @@ void SearchSession::askProgress()
     }
 }
 
-namespace {
-
-double likelihoodOf(const std::string& text)
-{
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    return end != text.c_str() ? value : -1;
-}
-
-// One more match of an appearance, with what the index saw in it.
-void addTo(std::optional<Appeared>& appeared, const Span& span, const IndexMatch& match)
-{
-    if (!appeared) appeared.emplace();
-    std::string rest = match.classes;
-    for (std::size_t at = 0; at <= rest.size();) {
-        const std::size_t comma = std::min(rest.find(',', at), rest.size());
-        const std::string name = rest.substr(at, comma - at);
-        if (!name.empty() && std::find(appeared->classes.begin(), appeared->classes.end(), name) ==
-                                 appeared->classes.end()) {
-            appeared->classes.push_back(name);
-        }
-        at = comma + 1;
-    }
-    if (appeared->colour.empty()) appeared->colour = match.colour;
-    if (likelihoodOf(match.likelihood) > likelihoodOf(appeared->likelihood)) {
-        appeared->likelihood = match.likelihood;
-    }
-    if (!earlier(span.start, match.time)) appeared->boxAtStart = match.box;
-    if (!earlier(match.time, span.end)) appeared->boxAtEnd = match.box;
-}
-
-}  // namespace
-
 void SearchSession::emitSpan(Span span)
 {
     if (sinceEpoch(span.end) - sinceEpoch(span.start) < request_.minDuration) return;
@@ -305,7 +272,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
             appeared_.reset();
             emitSpan(*closed);
         }
-        if (seen) addTo(appeared_, spans_->open(), *seen);
+        if (seen) noteAppeared(appeared_, spans_->open(), *seen);
     } else if (request_.kind != SearchRequest::Kind::Summary) {
         output_.result(result);
     }

@@ -1,5 +1,8 @@
 #include "client/Spans.h"
 
+#include <algorithm>
+#include <cstdlib>
+
 namespace rsclient {
 
 std::optional<Span> SpanGrouper::add(TimePoint match)
@@ -20,5 +23,38 @@ std::optional<Span> SpanGrouper::finish()
     span.swap(open_);
     return span;
 }
+
+namespace {
+
+double likelihoodOf(const std::string& text)
+{
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    return end != text.c_str() ? value : -1;
+}
+
+}  // namespace
+
+void noteAppeared(std::optional<Appeared>& appeared, const Span& span, const IndexMatch& match)
+{
+    if (!appeared) appeared.emplace();
+    std::string rest = match.classes;
+    for (std::size_t at = 0; at <= rest.size();) {
+        const std::size_t comma = std::min(rest.find(',', at), rest.size());
+        const std::string name = rest.substr(at, comma - at);
+        if (!name.empty() && std::find(appeared->classes.begin(), appeared->classes.end(), name) ==
+                                 appeared->classes.end()) {
+            appeared->classes.push_back(name);
+        }
+        at = comma + 1;
+    }
+    if (appeared->colour.empty()) appeared->colour = match.colour;
+    if (likelihoodOf(match.likelihood) > likelihoodOf(appeared->likelihood)) {
+        appeared->likelihood = match.likelihood;
+    }
+    if (!earlier(span.start, match.time)) appeared->boxAtStart = match.box;
+    if (!earlier(match.time, span.end)) appeared->boxAtEnd = match.box;
+}
+
 
 }  // namespace rsclient

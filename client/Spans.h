@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "client/IndexAnswers.h"
 #include "client/TimeText.h"
 
 namespace rsclient {
@@ -48,5 +49,8 @@ private:
     std::optional<Span> open_;
     TimePoint last_;
 };
+
+// One more match of the open span `span`, with what the index saw in it.
+void noteAppeared(std::optional<Appeared>& appeared, const Span& span, const IndexMatch& match);
 
 }  // namespace rsclient

@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <chrono>
+#include <map>
 #include <memory>
 #include <regex>
 #include <string>
@@ -147,6 +148,73 @@ TEST_P(IndexAgreesWithTheWalk, ForEveryKindOfFilterEitherWay)
     };
     for (const auto& filter : filters) {
         for (bool backward : {false, true}) expectSameAsTheWalk(stack, search(filter, backward));
+    }
+}
+
+// The index's own appearance and count queries, on the bus, against the walk's matches and
+// spans: appearances read one at a time, as a client pages through them.
+TEST_P(IndexAgreesWithTheWalk, AppearancesAndCountsOnTheBus)
+{
+    const rstest::GeneratedRecording recording(RS_BIN_DIR, generated(GetParam(), "90s"));
+    IndexedStack stack(recording.path());
+    stack.waitUntilFollowing();
+    const int64_t from = 1704067200000000, to = from + 90000000, gap = 1000000, bucket = 10000000;
+    const auto call = [&](const std::string& method, const std::string& signature,
+                          std::vector<std::string> args) {
+        args.insert(args.begin(),
+                    {"--system", "--json=short", "call", "kavro.recording_index",
+                     "/kavro/recording_index", "kavro.recording_index", method, signature});
+        for (const char* filter : {"1", "person", "", "", "0", "false"}) args.push_back(filter);
+        const auto r = rstest::runToEnd("busctl", args, stack.stack().clientEnv());
+        EXPECT_EQ(r.status.code, 0) << r.err;
+        return json::parse(r.out.empty() ? "{}" : r.out).value("data", json::array());
+    };
+    std::vector<std::string> fromIndex;
+    for (int64_t after = from, more = 1; more;) {
+        const json page =
+            call("FindAppearances", "xxxuasssasb",
+                 {std::to_string(after), std::to_string(to), std::to_string(gap), "1"});
+        ASSERT_EQ(page.size(), 2u);
+        for (const auto& a : page[0]) {
+            fromIndex.push_back(std::to_string(a[0].get<int64_t>()) + ".." +
+                                std::to_string(a[1].get<int64_t>()) + " " +
+                                std::to_string(a[2].get<int64_t>()));
+            after = a[1].get<int64_t>() + 1;
+        }
+        more = page[1].get<bool>();
+    }
+    const auto walked =
+        stack.recsearch(search({"--class", "person", "--spans=1s", "--walk", "--json"}));
+    const auto matches = stack.recsearch(search({"--class", "person", "--walk", "--json"}));
+    std::vector<std::string> byWalk;
+    std::map<int64_t, std::pair<int64_t, int64_t>> perBucket;  // appearances, documents
+    for (const auto& line : lines(walked.out)) {
+        const json j = json::parse(line);
+        if (j.value("kind", "") != "span") continue;
+        const int64_t start =
+            j["start_sec"].get<int64_t>() * 1000000 + j["start_usec"].get<int64_t>();
+        byWalk.push_back(
+            std::to_string(start) + ".." +
+            std::to_string(j["end_sec"].get<int64_t>() * 1000000 + j["end_usec"].get<int64_t>()) +
+            " " + std::to_string(j["matches"].get<int64_t>()));
+        ++perBucket[(start - from) / bucket].first;
+    }
+    for (const auto& line : lines(matches.out)) {
+        const json j = json::parse(line);
+        if (j.value("kind", "") != "metadata") continue;
+        ++perBucket[(j["sec"].get<int64_t>() * 1000000 + j["usec"].get<int64_t>() - from) / bucket]
+              .second;
+    }
+    EXPECT_GE(byWalk.size(), 2u);
+    EXPECT_EQ(fromIndex, byWalk);
+    const json counts = call(
+        "CountPerBucket", "xxxxasssasb",
+        {std::to_string(from), std::to_string(to), std::to_string(bucket), std::to_string(gap)});
+    ASSERT_EQ(counts.size(), 1u);
+    for (const auto& c : counts[0]) {
+        const auto expected = perBucket[(c[0].get<int64_t>() - from) / bucket];
+        EXPECT_EQ(std::make_pair(c[1].get<int64_t>(), c[2].get<int64_t>()), expected)
+            << "bucket at " << c[0];
     }
 }
 
