@@ -83,7 +83,7 @@ class PageTest(unittest.TestCase):
 
     def finished(self):
         return wait_until("the search to finish", lambda: self.el("run").is_enabled()
-                          and self.el("message").text)
+                          and self.el("message").text, 60)
 
     def test_loads_clean_and_asks_for_nothing_off_the_gateway(self):
         self.search("events", *HOUR)

@@ -156,7 +156,7 @@ public:
 };
 
 // A raw exchange on a connection of its own: `request` is sent as it is, then what comes back
-// until the gateway closes (or 10 s pass).
+// until the gateway closes (or 30 s pass).
 std::string exchange(int port, const std::string& request, bool halfClose = false)
 {
     const int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -169,7 +169,7 @@ std::string exchange(int port, const std::string& request, bool halfClose = fals
     if (halfClose) shutdown(s, SHUT_WR);
     std::string text;
     char buffer[4096];
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
     while (std::chrono::steady_clock::now() < deadline) {
         pollfd readable{s, POLLIN, 0};
         if (poll(&readable, 1, 200) <= 0) continue;
@@ -421,7 +421,9 @@ TEST(GatewayHostile, RefusesWhatAnAttackerSendsAndKeepsServing)
                             }),
               10000);
     EXPECT_EQ(json::parse(lines(most.out).back()).at("kind"), "completed");
+#ifndef RS_SANITIZED  // a sanitizer keeps freed memory aside on purpose
     EXPECT_LT(residentKiB(gateway.pid()), before + 8 * 1024) << "KiB resident";
+#endif
     ASSERT_TRUE(gateway.alive());
     const auto status = gateway.post("/api/v1/status", "", {"-X", "GET"});
     EXPECT_EQ(json::parse(status.out).at("service"), "running");
@@ -508,13 +510,13 @@ TEST(GatewayStreams, EndWithTheirReader)
         << progress << " progress lines in " << seconds << " s";
 
     // A client that only half-closes after its request (as `nc -N` does) still reads it all.
-    const std::string tenMinutes =
-        R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:10:00Z","xpath":"//Nothing"})";
+    const std::string twoMinutes =
+        R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:02:00Z","xpath":"//Nothing"})";
     const std::string halfClosed = exchangeHalfClosed(
         gateway.port(),
         "POST /api/v1/metadata HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " +
             std::string(kToken) + "\r\nContent-Type: application/json\r\nContent-Length: " +
-            std::to_string(tenMinutes.size()) + "\r\nConnection: close\r\n\r\n" + tenMinutes);
+            std::to_string(twoMinutes.size()) + "\r\nConnection: close\r\n\r\n" + twoMinutes);
     EXPECT_NE(halfClosed.find("\"kind\":\"completed\""), std::string::npos)
         << halfClosed.substr(0, 400);
 
