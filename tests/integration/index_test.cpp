@@ -121,7 +121,9 @@ void expectSameAsTheWalk(const IndexedStack& stack, std::vector<std::string> arg
     EXPECT_TRUE(last.contains("index")) << what << ": not answered from the index: " << last;
     for (const auto& line : lines(indexed.out)) {
         const json j = json::parse(line);
-        if (j.value("kind", "") == "span") EXPECT_TRUE(j.contains("classes")) << what << line;
+        if (j.value("kind", "") == "span") {
+            EXPECT_TRUE(j.contains("classes")) << what << line;
+        }
     }
 }
 
