@@ -250,7 +250,7 @@ void SearchSession::askProgress()
     }
 }
 
-void SearchSession::emitSpan(Span span)
+void SearchSession::emitSpan(const Span& span)
 {
     if (sinceEpoch(span.end) - sinceEpoch(span.start) < request_.minDuration) return;
     output_.span(jobId_, span);
@@ -268,8 +268,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
         marks_.push_back(Span{result.time, result.time, 1, std::nullopt});
     if (spans_) {
         if (auto closed = spans_->add(result.time)) {
-            closed->appeared = std::move(appeared_);
-            appeared_.reset();
+            closed->appeared = std::exchange(appeared_, std::nullopt);
             emitSpan(*closed);
         }
         if (seen) noteAppeared(appeared_, spans_->open(), *seen);

@@ -55,7 +55,7 @@ private:
     int takeWaitingEvents();
     bool limitReached() const;
     void take(const SearchResult& result, const IndexMatch* seen = nullptr);
-    void emitSpan(Span span);
+    void emitSpan(const Span& span);
     void askProgress();
     void conclude(TimePoint reached);
     int finish(int signal);

@@ -56,5 +56,4 @@ void noteAppeared(std::optional<Appeared>& appeared, const Span& span, const Ind
     if (!earlier(match.time, span.end)) appeared->boxAtEnd = match.box;
 }
 
-
 }  // namespace rsclient

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include <sdbus-c++/sdbus-c++.h>
 
@@ -22,7 +23,7 @@ using Match =
     sdbus::Struct<int64_t, std::string, std::string, std::string, std::vector<std::string>>;
 
 using Appearance = sdbus::Struct<int64_t, int64_t, int64_t, std::string, std::string, std::string,
-                                std::vector<std::string>, std::vector<std::string>>;
+                                 std::vector<std::string>, std::vector<std::string>>;
 using Count = sdbus::Struct<int64_t, int64_t, int64_t>;
 
 constexpr int64_t kMaxBuckets = 10000;
@@ -66,12 +67,13 @@ Appearance wireAppearance(const rsclient::Span& span)
     std::string classes;
     rsclient::Appeared seen = span.appeared.value_or(rsclient::Appeared{});
     for (const auto& name : seen.classes) classes += (classes.empty() ? "" : ",") + name;
-    return Appearance{microsOf(span.start), microsOf(span.end), int64_t(span.matches), classes,
-                      seen.colour, seen.likelihood, seen.boxAtStart, seen.boxAtEnd};
+    return Appearance{
+        microsOf(span.start), microsOf(span.end), int64_t(span.matches), classes,
+        seen.colour,          seen.likelihood,    seen.boxAtStart,       seen.boxAtEnd};
 }
 
-rsclient::MetadataFilter filterOf(const std::vector<std::string>& classes, const std::string& colour,
-                                  const std::string& minLikelihood,
+rsclient::MetadataFilter filterOf(const std::vector<std::string>& classes,
+                                  const std::string& colour, const std::string& minLikelihood,
                                   const std::vector<std::string>& region, bool motion)
 {
     rsclient::MetadataFilter f;
@@ -184,8 +186,7 @@ private:
             bool more = false;
             scan(filter, from, to, [&](Micros time, const DocumentFacts& facts) {
                 if (auto closed = grouper.add(timeOf(time))) {
-                    closed->appeared = std::move(seen);
-                    seen.reset();
+                    closed->appeared = std::exchange(seen, std::nullopt);
                     appearances.push_back(wireAppearance(*closed));
                     if (appearances.size() == most) {
                         more = true;
