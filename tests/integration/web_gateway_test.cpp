@@ -401,7 +401,7 @@ TEST(GatewayHostile, RefusesWhatAnAttackerSendsAndKeepsServing)
                  "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n"),
          "400", "a request body must come with one Content-Length and no Transfer-Encoding"},
     };
-    const long before = residentKiB(gateway.pid());
+    [[maybe_unused]] const long before = residentKiB(gateway.pid());
     for (const auto& c : cases) {
         const std::string answer = exchange(gateway.port(), c.request);
         ASSERT_EQ(answer.substr(0, 12), "HTTP/1.1 " + c.status) << c.what << ": " << answer;
