@@ -149,7 +149,7 @@ int usageError(const std::string& message)
 // What the subcommands fill in, before it is checked and turned into a Command.
 struct Parsed {
     Command c;
-    std::string start, end, spans, bucket, minDuration;
+    std::string start, end, spans, bucket, minDuration, counts;
     Filters filters;
     CLI::App* events = nullptr;
     CLI::App* metadata = nullptr;
@@ -203,6 +203,12 @@ void addMetadata(CLI::App& app, Parsed& p)
                      "with --spans: leave out appearances shorter than D (such as 10s): "
                      "what stayed, not what passed")
         ->type_name("D")
+        ->check(kDuration);
+    metadata->add_option("--counts", p.counts,
+                         "after the results, one line per BUCKET (such as 1h): the appearances "
+                         "that start in it (matches no more than --spans' gap apart, 2s without "
+                         "it) and its matching documents")
+        ->type_name("BUCKET")
         ->check(kDuration);
     metadata->add_flag("--walk", p.c.search.walk,
                        "walk the documents even where recording_index could answer (a search "
@@ -317,6 +323,12 @@ std::optional<int> finishMetadata(Parsed& p)
         return usageError(p.start.empty() ? "START is required" : "END is required");
     }
     if (p.spansOption->count() > 0) s.spanGap = durationOf(p.spans);
+    if (!p.counts.empty()) {
+        s.countBucket = durationOf(p.counts);
+        if (std::string why = checkBucketCount(s.start, s.end, s.countBucket); !why.empty()) {
+            return usageError("--counts: " + why);
+        }
+    }
     if (!p.minDuration.empty()) {
         if (!s.spanGap) return usageError("--min-duration needs --spans");
         s.minDuration = durationOf(p.minDuration);

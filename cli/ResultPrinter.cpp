@@ -174,6 +174,17 @@ void ResultPrinter::notice(uint32_t jobId, const std::string& text)
     err_ << "note: " << text << '\n';
 }
 
+void ResultPrinter::count(const MatchCount& c)
+{
+    if (json_) {
+        putJson(out_, countJson(c));
+        return;
+    }
+    out_ << rangeText(sinceEpoch(c.from), sinceEpoch(c.to)) << "  " << c.appearances
+         << (c.appearances == 1 ? " appearance  " : " appearances  ") << c.documents
+         << (c.documents == 1 ? " matching document\n" : " matching documents\n");
+}
+
 void ResultPrinter::index(const IndexState& state)
 {
     if (json_) {

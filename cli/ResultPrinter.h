@@ -34,6 +34,7 @@ public:
     void ended(uint32_t jobId, TimePoint reached);
     void searchEnd(const SearchEnd& end);
     void notice(uint32_t jobId, const std::string& text);
+    void count(const MatchCount& count);
     void index(const IndexState& state);
 
     // False once standard output can no longer be written (a closed pipe).

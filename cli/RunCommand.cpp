@@ -140,6 +140,12 @@ public:
 
     bool incomplete() const { return incomplete_; }
 
+    void count(const MatchCount& c) override
+    {
+        if (clearBeforeOutput_) progress_.clear();
+        printer_.count(c);
+    }
+
     void notice(uint32_t jobId, const std::string& text) override
     {
         if (clearBeforeOutput_) progress_.clear();

@@ -80,6 +80,15 @@ Json spanJson(uint32_t jobId, const Span& span)
     return j;
 }
 
+Json countJson(const MatchCount& c)
+{
+    Json j = {{"kind", "count"}};
+    addRange(j, sinceEpoch(c.from), sinceEpoch(c.to));
+    j["appearances"] = c.appearances;
+    j["documents"] = c.documents;
+    return j;
+}
+
 Json bucketJson(const Bucket& b)
 {
     Json j = {{"kind", "bucket"}};

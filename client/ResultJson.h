@@ -25,6 +25,7 @@ Json stateJson(uint32_t jobId, uint32_t state);
 Json endedJson(uint32_t jobId, TimePoint reached);  // ended on request of another client
 Json searchEndJson(const SearchEnd& end);
 Json noticeJson(uint32_t jobId, const std::string& text);
+Json countJson(const MatchCount& count);
 Json indexJson(const IndexState& state);
 // What the last line says of a search that a failing recording service cut short.
 std::string incompleteText(const SearchEnd& end);

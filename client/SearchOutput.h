@@ -15,6 +15,15 @@
 
 namespace rsclient {
 
+// One bucket of a metadata search's counts: the appearances that start in it and the
+// matching documents in it.
+struct MatchCount {
+    TimePoint from;
+    TimePoint to;
+    std::size_t appearances = 0;
+    std::size_t documents = 0;
+};
+
 struct SearchEnd {
     // Incomplete: the walk ended early because a recording service failed; `reached` is where.
     enum class Kind { Completed, Interrupted, EndedElsewhere, Incomplete };
@@ -40,6 +49,7 @@ public:
     virtual void coverage(const Picture& picture, Micros size,
                           const std::vector<Segment>& gaps) = 0;
     virtual void picture(const Picture& /*picture*/) {}  // only when the request asks for one
+    virtual void count(const MatchCount& /*bucket*/) {}  // after the results, bucket by bucket
     virtual void ended(const SearchEnd& end) = 0;
     // One sentence about how the search is answered (the index absent or failing, say).
     virtual void notice(uint32_t /*jobId*/, const std::string& /*text*/) {}

@@ -27,6 +27,7 @@ struct SearchRequest {
     bool walk = false;
     std::optional<Micros> spanGap;  // metadata matches grouped into appearances
     Micros minDuration{0};          // appearances shorter than this are left out
+    Micros countBucket{0};          // metadata: appearances and matches per bucket; 0: none
     Micros bucket{0};               // summary; 0: a round size for the range
     bool picture = false;           // draw the range afterwards
 };

@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kTickEvery{100};
 constexpr std::chrono::milliseconds kAskProgressEvery{250};
+// Appearances are counted with --spans' gap, or this one.
+constexpr std::chrono::seconds kDefaultGap{2};
 constexpr std::chrono::minutes kLongGap{1};
 
 }  // namespace
@@ -39,6 +41,43 @@ SearchSession::SearchSession(const SearchRequest& request, ServiceConnection& se
       keep_(request.picture || request.kind == SearchRequest::Kind::Summary)
 {
     if (request.spanGap) spans_.emplace(*request.spanGap);
+    if (request.countBucket.count() > 0) {
+        countSpans_.emplace(request.spanGap.value_or(kDefaultGap));
+        const bool forward = !earlier(request.end, request.start);
+        countFrom_ = sinceEpoch(forward ? request.start : request.end);
+        const Micros range = sinceEpoch(forward ? request.end : request.start) - countFrom_;
+        const auto buckets = (range + request.countBucket - Micros(1)) / request.countBucket;
+        counts_.resize(std::max<std::size_t>(1, std::size_t(buckets)));
+    }
+}
+
+void SearchSession::countMatch(TimePoint time)
+{
+    const auto bucketOf = [&](TimePoint t) {
+        return std::min(counts_.size() - 1,
+                        std::size_t((sinceEpoch(t) - countFrom_) / request_.countBucket));
+    };
+    ++counts_[bucketOf(time)].documents;
+    if (auto closed = countSpans_->add(time)) ++counts_[bucketOf(closed->start)].appearances;
+}
+
+void SearchSession::concludeCounts()
+{
+    if (counts_.empty()) return;
+    if (auto open = countSpans_->finish()) {
+        const auto at = std::size_t((sinceEpoch(open->start) - countFrom_) / request_.countBucket);
+        ++counts_[std::min(counts_.size() - 1, at)].appearances;
+    }
+    const bool forward = !earlier(request_.end, request_.start);
+    const Micros last = sinceEpoch(forward ? request_.end : request_.start);
+    for (std::size_t i = 0; i < counts_.size(); ++i) {
+        const Micros from = countFrom_ + request_.countBucket * int64_t(i);
+        MatchCount& c = counts_[i];
+        c.from = timePointAt(from);
+        c.to = timePointAt(std::min(from + request_.countBucket, last));
+        output_.count(c);
+    }
+    counts_.clear();
 }
 
 std::optional<uint32_t> SearchSession::start(const std::function<bool()>& stopped)
@@ -261,6 +300,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
 {
     ++results_;
     last_ = result.time;
+    if (!counts_.empty() && result.kind == SearchResult::Kind::Metadata) countMatch(result.time);
     lastReached_ = std::chrono::steady_clock::now();
     const bool metadata = result.kind == SearchResult::Kind::Metadata;
     if (keep_ && !metadata) kept_.push_back(result);
@@ -272,7 +312,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
             emitSpan(*closed);
         }
         if (seen) noteAppeared(appeared_, spans_->open(), *seen);
-    } else if (request_.kind != SearchRequest::Kind::Summary) {
+    } else if (request_.kind != SearchRequest::Kind::Summary && counts_.empty()) {
         output_.result(result);
     }
     output_.reached(result.time, results_);
@@ -282,6 +322,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
 // `reached` is known.
 void SearchSession::conclude(TimePoint reached)
 {
+    concludeCounts();
     if (spans_) {
         if (auto open = spans_->finish()) {
             open->appeared = std::move(appeared_);

@@ -56,6 +56,8 @@ private:
     bool limitReached() const;
     void take(const SearchResult& result, const IndexMatch* seen = nullptr);
     void emitSpan(const Span& span);
+    void countMatch(TimePoint time);
+    void concludeCounts();
     void askProgress();
     void conclude(TimePoint reached);
     int finish(int signal);
@@ -66,6 +68,9 @@ private:
     SearchOutput& output_;
     bool keep_;
     std::optional<SpanGrouper> spans_;
+    std::optional<SpanGrouper> countSpans_;  // appearances as counted per bucket
+    std::vector<MatchCount> counts_;
+    Micros countFrom_{0};
     uint32_t jobId_ = 0;  // 0 while no walk has been created
     bool walking_ = false;
     std::vector<Part> parts_;

@@ -219,6 +219,10 @@ SearchRequest metadataRequest(const json& body)
     } else {
         r.spanGap = durationField(body, "spans");
     }
+    if (auto bucket = durationField(body, "counts")) {
+        r.countBucket = *bucket;
+        check("counts", rsclient::checkBucketCount(r.start, r.end, r.countBucket));
+    }
     if (auto least = durationField(body, "minDuration")) {
         if (!r.spanGap) bad("minDuration needs spans", "minDuration");
         r.minDuration = *least;

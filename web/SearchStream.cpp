@@ -230,6 +230,11 @@ void SearchStream::picture(const rsclient::Picture& picture)
     svg_ = out.str();
 }
 
+void SearchStream::count(const rsclient::MatchCount& c)
+{
+    appendWhenRoom(jsonLine(rsclient::countJson(c)));
+}
+
 void SearchStream::notice(uint32_t jobId, const std::string& text)
 {
     if (!request_.picture) append(jsonLine(rsclient::noticeJson(jobId, text)), true);

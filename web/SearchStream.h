@@ -60,6 +60,7 @@ private:
     void picture(const rsclient::Picture& picture) override;
     void ended(const rsclient::SearchEnd& end) override;
     void notice(uint32_t jobId, const std::string& text) override;
+    void count(const rsclient::MatchCount& count) override;
     bool good() const override;
 
     void run();

@@ -59,7 +59,7 @@ public:
     json state() const
     {
         const auto r = recsearch({"index", "--json"});
-        return r.status.code == 0 ? json::parse(r.out) : json{};
+        return r.status.code == 0 ? json::parse(r.out) : json::object();
     }
 
     // Until it has read the whole track and follows it; the state at that moment.
@@ -158,6 +158,10 @@ TEST_P(IndexAgreesWithTheWalk, ForEveryKindOfFilterEitherWay)
         {"--motion"},
         {"--motion", "--class", "person", "--spans"},
         {"--class", "person", "--max", "7"},
+        // What a person asks of appearances: the ones that stayed, and how many per bucket.
+        {"--class", "vehicle", "--spans", "--min-duration", "3s"},
+        {"--colour", "white", "--counts", "20s"},
+        {"--class", "person", "--spans=1s", "--counts", "40s"},
     };
     for (const auto& filter : filters) {
         for (bool backward : {false, true}) expectSameAsTheWalk(stack, search(filter, backward));
