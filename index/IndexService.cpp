@@ -289,6 +289,9 @@ void IndexService::run()
         work_.pop_front();
         lock.unlock();
         work();
+        // Gone before the lock is taken again: it may hold the last reference to a reply, whose
+        // release takes the bus connection's lock, which the loop holds while it posts here.
+        work = nullptr;
         lock.lock();
     }
 }
