@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "client/InputText.h"
 #include "client/ResultJson.h"
 #include "kavro/contract.h"
 
@@ -12,22 +13,6 @@ namespace recsearch {
 using namespace rsclient;
 
 namespace {
-
-// Track names come from the recording: keep control bytes from breaking lines or the terminal.
-std::string printable(const std::string& text)
-{
-    std::string out;
-    for (unsigned char c : text) {
-        if (c < 0x20 || c == 0x7f) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-            out += escaped;
-        } else {
-            out += char(c);
-        }
-    }
-    return out;
-}
 
 std::string bothTimes(TimePoint t) { return isoText(t) + " (" + secondsText(t) + ")"; }
 

@@ -43,11 +43,10 @@ std::optional<double> decimalValue(std::string_view text)
     return value;
 }
 
-std::string excerpt(std::string_view text)
+std::string printable(std::string_view text)
 {
     std::string out;
-    for (std::size_t i = 0; i < text.size() && i < kExcerptLength; ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
+    for (unsigned char c : text) {
         if (c < 0x20 || c == 0x7f) {
             char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
@@ -56,6 +55,12 @@ std::string excerpt(std::string_view text)
             out += char(c);
         }
     }
+    return out;
+}
+
+std::string excerpt(std::string_view text)
+{
+    std::string out = printable(text.substr(0, kExcerptLength));
     if (text.size() > kExcerptLength) {
         out += "... (" + std::to_string(text.size()) + " characters)";
     }

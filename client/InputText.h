@@ -19,6 +19,9 @@ bool plainDecimal(std::string_view text, bool negativeAllowed);
 // The value of a plain decimal (as a double, rounded); nothing for any other text.
 std::optional<double> decimalValue(std::string_view text);
 
+// Control bytes escaped (\x1b), so that text from elsewhere cannot break lines or a terminal.
+std::string printable(std::string_view text);
+
 // The value as an error message quotes it: control characters escaped, and cut to a few dozen
 // characters with the full length said.
 std::string excerpt(std::string_view text);
