@@ -434,7 +434,7 @@ TEST(GatewayHostile, RefusesWhatAnAttackerSendsAndKeepsServing)
 // the request deadline.
 TEST(GatewayHostile, TricklingClientsLockNobodyOut)
 {
-    Gateway gateway({"--max-connections", "8", "--max-per-client", "4", "--request-timeout", "2"});
+    Gateway gateway({"--max-connections", "8", "--max-per-client", "4", "--request-timeout", "3"});
     std::vector<int> trickling;
     for (int i = 0; i < 16; ++i) {
         const int s = socket(AF_INET, SOCK_STREAM, 0);
@@ -447,7 +447,7 @@ TEST(GatewayHostile, TricklingClientsLockNobodyOut)
         trickling.push_back(s);
     }
     const auto served = rstest::runToEnd(
-        "curl", {"-s", "-m", "1", "-w", "%{http_code}", "-o", "/dev/null", gateway.url("/")}, {},
+        "curl", {"-s", "-m", "2", "-w", "%{http_code}", "-o", "/dev/null", gateway.url("/")}, {},
         10s);
     EXPECT_EQ(served.out, "200");
     // A byte a while from each: trickling is not silence, but the deadline still comes.
@@ -456,7 +456,7 @@ TEST(GatewayHostile, TricklingClientsLockNobodyOut)
         return recv(s, &c, 1, MSG_DONTWAIT) == 0 || errno == ECONNRESET;
     };
     std::size_t open = trickling.size();
-    const auto until = std::chrono::steady_clock::now() + 6s;
+    const auto until = std::chrono::steady_clock::now() + 10s;
     while (open > 0 && std::chrono::steady_clock::now() < until) {
         open = 0;
         for (int s : trickling) {
