@@ -204,10 +204,11 @@ void addMetadata(CLI::App& app, Parsed& p)
                      "what stayed, not what passed")
         ->type_name("D")
         ->check(kDuration);
-    metadata->add_option("--counts", p.counts,
-                         "after the results, one line per BUCKET (such as 1h): the appearances "
-                         "that start in it (matches no more than --spans' gap apart, 2s without "
-                         "it) and its matching documents")
+    metadata
+        ->add_option("--counts", p.counts,
+                     "after the results, one line per BUCKET (such as 1h): the appearances "
+                     "that start in it (matches no more than --spans' gap apart, 2s without "
+                     "it) and its matching documents")
         ->type_name("BUCKET")
         ->check(kDuration);
     metadata->add_flag("--walk", p.c.search.walk,
