@@ -303,6 +303,13 @@ namespace {
 
 constexpr std::chrono::seconds kIndexTimeout{5};
 
+// A proxy of another service on the same connection, for a call or two.
+std::unique_ptr<sdbus::IProxy> neighbour(sdbus::IConnection& connection, const std::string& service)
+{
+    return sdbus::createProxy(connection, kavro::bus::busName(service),
+                              kavro::bus::objectPath(service));
+}
+
 int64_t micros(TimePoint t) { return int64_t(t.sec) * 1000000 + t.usec; }
 TimePoint timeOf(int64_t micros)
 {
@@ -316,9 +323,7 @@ std::optional<IndexState> ServiceConnection::indexState()
     IndexState state;
     try {
         call("GetIndexState", [&] {
-            const std::string service = "recording_index";
-            auto proxy = sdbus::createProxy(loop_->connection(), kavro::bus::busName(service),
-                                            kavro::bus::objectPath(service));
+            auto proxy = neighbour(loop_->connection(), "recording_index");
             int64_t from = 0, through = 0;
             proxy->callMethod("GetIndexState")
                 .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
@@ -346,9 +351,7 @@ bool ServiceConnection::indexMatches(TimePoint from, TimePoint to, const Metadat
                   filter.region->bottom};
     }
     call("FindMatches", [&] {
-        const std::string service = "recording_index";
-        auto proxy = sdbus::createProxy(loop_->connection(), kavro::bus::busName(service),
-                                        kavro::bus::objectPath(service));
+        auto proxy = neighbour(loop_->connection(), "recording_index");
         proxy->callMethod("FindMatches")
             .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
             .withTimeout(kIndexTimeout)
@@ -370,9 +373,7 @@ std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan(
     std::pair<TimePoint, TimePoint> span;
     try {
         call("GetRecordingSummary", [&] {
-            const std::string service = "recording_information";
-            auto proxy = sdbus::createProxy(loop_->connection(), kavro::bus::busName(service),
-                                            kavro::bus::objectPath(service));
+            auto proxy = neighbour(loop_->connection(), "recording_information");
             proxy->callMethod("GetRecordingSummary")
                 .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
                 .withTimeout(kSpanTimeout)

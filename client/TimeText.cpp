@@ -113,10 +113,6 @@ std::optional<TimePoint> parseTime(const std::string& text, std::string* why)
         *why = tooLong;
         return std::nullopt;
     }
-    if (text.find('\0') != std::string::npos) {
-        *why = "a time must not contain a NUL character";
-        return std::nullopt;
-    }
     if (text.find('T') != std::string::npos || text.find('t') != std::string::npos ||
         text.find('-') != std::string::npos) {
         return parseIso(text, why);

@@ -181,11 +181,6 @@ std::string exchange(int port, const std::string& request, bool halfClose = fals
     return text;
 }
 
-std::string exchangeHalfClosed(int port, const std::string& request)
-{
-    return exchange(port, request, true);
-}
-
 long residentKiB(pid_t pid)
 {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
@@ -512,11 +507,12 @@ TEST(GatewayStreams, EndWithTheirReader)
     // A client that only half-closes after its request (as `nc -N` does) still reads it all.
     const std::string twoMinutes =
         R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:02:00Z","xpath":"//Nothing"})";
-    const std::string halfClosed = exchangeHalfClosed(
+    const std::string halfClosed = exchange(
         gateway.port(),
         "POST /api/v1/metadata HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer " +
             std::string(kToken) + "\r\nContent-Type: application/json\r\nContent-Length: " +
-            std::to_string(twoMinutes.size()) + "\r\nConnection: close\r\n\r\n" + twoMinutes);
+            std::to_string(twoMinutes.size()) + "\r\nConnection: close\r\n\r\n" + twoMinutes,
+        true);
     EXPECT_NE(halfClosed.find("\"kind\":\"completed\""), std::string::npos)
         << halfClosed.substr(0, 400);
 
