@@ -44,8 +44,17 @@ time_search() {  # OUTFILE ARGS...: seconds to the last line
 broad=("$from" "$to" --class person --spans)
 by_index=$(time_search "$work/index.out" "${broad[@]}")
 by_walk=$(time_search "$work/walk.out" "${broad[@]}" --walk)
-same=$(diff <(grep -v '"completed"' "$work/index.out" | sed 's/"job":[0-9]*//') \
-            <(grep -v '"completed"' "$work/walk.out" | sed 's/"job":[0-9]*//') >/dev/null && echo equal || echo DIFFER)
+# The walk's lines: without job ids, the last line, and what the index adds to an appearance.
+walk_lines() {
+  python3 -c '
+import json, sys
+for line in open(sys.argv[1]):
+    j = json.loads(line)
+    if j.get("kind") in ("completed", "notice"): continue
+    for k in ("job", "classes", "colour", "likelihood", "box_at_start", "box_at_end"): j.pop(k, None)
+    print(json.dumps(j, sort_keys=True))' "$1"
+}
+same=$(diff <(walk_lines "$work/index.out") <(walk_lines "$work/walk.out") >/dev/null && echo equal || echo DIFFER)
 narrow=("$from" "$to" --class vehicle --colour red --region 0,0,0.5,1)
 narrow_index=$(time_search "$work/narrow.out" "${narrow[@]}")
 walk_rate=$(python3 -c "print(f'{$docs / $by_walk:.0f}')")
