@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <sqlite3.h>
+
 #include "store/RecordingSchema.h"
 #include "store/StoreError.h"
 
@@ -23,6 +25,13 @@ struct Recording::TimeLookup {
     Statement atOrBefore;
     Statement before;
     Statement after;
+
+    void reset()
+    {
+        atOrBefore.reset();
+        before.reset();
+        after.reset();
+    }
 };
 
 struct Recording::Statements {
@@ -66,6 +75,17 @@ struct Recording::Statements {
     Statement stateAt;
     Statement firstOn;
     Statement lastChange;
+
+    void reset()
+    {
+        events.reset();
+        documents.reset();
+        for (Statement* statement :
+             {&tracks, &trackId, &firstEvent, &lastEvent, &firstDocument, &lastDocument,
+              &properties, &document, &stateAt, &firstOn, &lastChange}) {
+            statement->reset();
+        }
+    }
 };
 
 namespace {
@@ -89,11 +109,28 @@ constexpr int64_t kTrackKey = 1;
 Recording::Recording(const std::string& path) : db_(requireFile(path), SqliteDb::Mode::ReadOnly)
 {
     schema::check(db_);
-    db_.exec("PRAGMA query_only = 1; PRAGMA mmap_size = 1073741824");
+    // A writer that keeps a rollback journal holds readers back for the moment it commits.
+    db_.exec("PRAGMA query_only = 1; PRAGMA mmap_size = 1073741824; PRAGMA busy_timeout = 2000");
     statements_ = std::make_unique<Statements>(db_);
 }
 
 Recording::~Recording() = default;
+
+Recording::Snapshot::Snapshot(Recording& recording) : recording_(recording)
+{
+    recording_.db_.exec("BEGIN");
+}
+
+Recording::Snapshot::~Snapshot()
+{
+    recording_.statements_->reset();
+    try {
+        recording_.db_.exec("COMMIT");
+    } catch (const StoreError&) {
+        // Ending a read loses nothing; a rollback leaves the connection ready for the next.
+        sqlite3_exec(recording_.db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+}
 
 // The statement is reset and bound by the caller.
 std::optional<StoreTime> Recording::bound(Statement& statement)

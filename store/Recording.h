@@ -7,6 +7,9 @@
 // *other* times, so a walk from item to item never stalls on a repeated time.
 //
 // Not thread-safe: one thread owns a Recording (the server's bus loop thread).
+//
+// The file may grow while it is read (generate --append): each answer reads inside a
+// Snapshot, so that its parts agree and no read lock outlives it to hold a writer back.
 #pragma once
 
 #include <cstdint>
@@ -78,6 +81,18 @@ public:
     std::optional<StoreTime> firstHistoryEventTime();
     std::optional<HistoryEvent> historyEventAt(StoreTime t);
     std::optional<MetadataDocument> metadataAt(StoreTime t);
+
+    // One read transaction, ended (every statement reset) when it goes.
+    class Snapshot {
+    public:
+        explicit Snapshot(Recording& recording);
+        ~Snapshot();
+        Snapshot(const Snapshot&) = delete;
+        Snapshot& operator=(const Snapshot&) = delete;
+
+    private:
+        Recording& recording_;
+    };
 
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;

@@ -29,6 +29,7 @@ protected:
     auto answer(const char* method, Fn&& fn) -> decltype(fn())
     {
         try {
+            const Recording::Snapshot snapshot(recording_);
             return fn();
         } catch (const sdbus::Error&) {
             throw;

@@ -15,6 +15,9 @@ SqliteDb& prepared(SqliteDb& db, RecordingWriter::Durability durability)
     db.exec("PRAGMA busy_timeout = 5000");
     if (durability == RecordingWriter::Durability::Bulk) {
         db.exec("PRAGMA journal_mode = OFF; PRAGMA synchronous = OFF; PRAGMA cache_size = -65536");
+    } else if (durability == RecordingWriter::Durability::Shared) {
+        // Stays in the file: its readers then need to write the log's index beside it.
+        db.exec("PRAGMA journal_mode = WAL");
     }
     schema::createOrCheck(db);
     return db;
@@ -119,6 +122,15 @@ std::optional<std::string> RecordingWriter::documentAt(StoreTime time)
     std::string body = findDocument_.columnText(0);
     findDocument_.reset();  // no read left open across the commit
     return body;
+}
+
+std::optional<StoreTime> RecordingWriter::lastTime()
+{
+    const int64_t last = db_.queryInt(
+        "SELECT max(coalesce((SELECT max(t) FROM events), 0), "
+        "coalesce((SELECT max(t) FROM documents), 0))");
+    if (last == 0) return std::nullopt;
+    return StoreTime::fromKey(last);
 }
 
 }  // namespace store

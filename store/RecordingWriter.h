@@ -19,8 +19,9 @@ namespace store {
 class RecordingWriter {
 public:
     enum class Durability {
-        Safe,  // an existing recording: journal and sync as usual
-        Bulk   // a new file that is thrown away if the load fails: no journal, no sync
+        Safe,    // an existing recording: journal and sync as usual
+        Shared,  // a recording served while it grows: write-ahead log, readers never wait
+        Bulk     // a new file that is thrown away if the load fails: no journal, no sync
     };
 
     // Creates the file (or opens an existing recording, checked) for writing.
@@ -38,6 +39,8 @@ public:
     // (in stored order; empty when none) and the first document stored there.
     std::vector<EventProperty> propertiesAt(StoreTime time);
     std::optional<std::string> documentAt(StoreTime time);
+    // The last time of anything in the file; none when it is empty.
+    std::optional<StoreTime> lastTime();
 
     RecordingWriter(const RecordingWriter&) = delete;
     RecordingWriter& operator=(const RecordingWriter&) = delete;

@@ -60,6 +60,19 @@ std::string isoTime(StoreTime time)
     return text;
 }
 
+void printSummary(const std::string& path, const SampleSummary& summary)
+{
+    std::string tracks;
+    for (const std::string& track : summary.tracks) tracks += (tracks.empty() ? "" : " ") + track;
+    std::printf(
+        "%s: %llu history events, %llu metadata documents (%.1f MB of XML), tracks %s, "
+        "from %s (%s) to %s (%s)\n",
+        path.c_str(), static_cast<unsigned long long>(summary.events),
+        static_cast<unsigned long long>(summary.documents), double(summary.documentBytes) / 1e6,
+        tracks.c_str(), summary.first.toString().c_str(), isoTime(summary.first).c_str(),
+        summary.last.toString().c_str(), isoTime(summary.last).c_str());
+}
+
 }  // namespace
 
 int generateCommand(const std::string& path, const SampleOptions& options, bool overwrite)
@@ -82,19 +95,33 @@ int generateCommand(const std::string& path, const SampleOptions& options, bool 
         if (std::rename(temporary.c_str(), path.c_str()) != 0) {
             throw StoreError(path + ": cannot write: " + std::strerror(errno));
         }
-        std::string tracks;
-        for (const std::string& track : summary.tracks)
-            tracks += (tracks.empty() ? "" : " ") + track;
-        std::printf(
-            "%s: %llu history events, %llu metadata documents (%.1f MB of XML), tracks %s, "
-            "from %s (%s) to %s (%s)\n",
-            path.c_str(), static_cast<unsigned long long>(summary.events),
-            static_cast<unsigned long long>(summary.documents), double(summary.documentBytes) / 1e6,
-            tracks.c_str(), summary.first.toString().c_str(), isoTime(summary.first).c_str(),
-            summary.last.toString().c_str(), isoTime(summary.last).c_str());
+        printSummary(path, summary);
         return 0;
     } catch (const StoreError& e) {
         ::unlink(temporary.c_str());
+        std::fprintf(stderr, "recording_store: %s\n", e.what());
+        return 1;
+    }
+}
+
+int appendCommand(const std::string& path, SampleOptions options)
+{
+    if (!exists(path)) {
+        std::fprintf(stderr, "recording_store: %s does not exist (generate it first)\n",
+                     path.c_str());
+        return 1;
+    }
+    try {
+        // One transaction: readers see the whole stretch or none of it.
+        RecordingWriter writer(path, RecordingWriter::Durability::Shared);
+        if (const auto last = writer.lastTime()) {
+            const auto interval = int64_t(1e6 / options.documentsPerSecond);
+            options.start = StoreTime::fromKey(last->key() + std::max<int64_t>(1, interval));
+        }
+        SampleGenerator generator(options);
+        printSummary(path, generator.generate(writer));
+        return 0;
+    } catch (const StoreError& e) {
         std::fprintf(stderr, "recording_store: %s\n", e.what());
         return 1;
     }

@@ -10,6 +10,9 @@
 namespace store {
 
 int generateCommand(const std::string& path, const SampleOptions& options, bool overwrite);
+// Extends the recording from its end by options' duration (its start is ignored): a stretch
+// that is a sample of its own, everything switched on at its start and off at its end.
+int appendCommand(const std::string& path, SampleOptions options);
 int importCommand(const std::string& path, const ImportSources& sources);
 
 // A time as StoreTime::parse reads it.

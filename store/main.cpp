@@ -73,7 +73,13 @@ int run(int argc, char** argv)
         ->capture_default_str();
     addParsed(generate, "--mix", options.classMix, &store::parseClassMix,
               "Object class weights (Person=40,Vehicle=30,Bicycle=10,Animal=20)");
+    bool append = false;
     generate->add_flag("--force", force, "Replace FILE if it exists");
+    generate
+        ->add_flag("--append", append,
+                   "Extend FILE from its end by --duration, while it may be served")
+        ->excludes("--force")
+        ->excludes("--start");
 
     CLI::App* import = app.add_subcommand("import", "Load history events and metadata documents");
     import->add_option("FILE", path, "The recording to load into (made when missing)")->required();
@@ -88,6 +94,7 @@ int run(int argc, char** argv)
     CLI11_PARSE(app, argc, argv);
 
     if (*serve) return store::StoreDaemon(path).run();
+    if (*generate && append) return store::appendCommand(path, options);
     if (*generate) return store::generateCommand(path, options, force);
     if (sources.eventFiles.empty() && sources.documentFiles.empty() &&
         sources.documentDirectories.empty() && sources.tracks.empty()) {

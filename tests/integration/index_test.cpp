@@ -17,6 +17,7 @@
 
 #include "fault_stack.h"
 #include "store/RecordingWriter.h"
+#include "store/SqliteDb.h"
 #include "support/GeneratedRecording.h"
 #include "support/ProcessRunner.h"
 #include "support/ServiceStack.h"
@@ -275,6 +276,51 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
             return now.value("state", "") == "following" && now.dump() != before;
         },
         60s));
+    EXPECT_EQ(stack.stack().stop(), "");
+}
+
+// A recording that grows while it is served, and then loses its start to retention: the
+// index keeps up with both, holding every document once.
+TEST(IndexFollows, ARecordingThatGrowsAndLosesItsStart)
+{
+    const rstest::TempDir dir("rs-index-grow");
+    const std::string path = dir.file("recording.db");
+    auto args = generated(9, "30s");
+    args.insert(args.begin(), {"generate", path});
+    ASSERT_EQ(rstest::runToEnd(bin("recording_store"), args).status.code, 0);
+    IndexedStack stack(path);
+    stack.waitUntilFollowing();
+    const std::vector<std::string> everything = {"metadata", kFrom,    "2024-01-01T00:02:00Z",
+                                                 "",         "--json", "--walk"};
+    const auto documentsHeld = [&] {
+        const auto all = stack.recsearch(everything);
+        return int(lines(all.out).size()) - 1;
+    };
+    const auto indexHolds = [&](int documents) {
+        return rstest::pollUntil([&] { return stack.state().value("documents", 0) == documents; },
+                                 20s);
+    };
+    for (int stretch = 0; stretch < 3; ++stretch) {
+        auto more = generated(20 + unsigned(stretch), "10s");
+        more.insert(more.begin(), {"generate", path, "--append"});
+        const auto appended = rstest::runToEnd(bin("recording_store"), more);
+        ASSERT_EQ(appended.status.code, 0) << appended.err;
+    }
+    const int grown = documentsHeld();
+    EXPECT_TRUE(indexHolds(grown)) << grown << " documents, the index: " << stack.state();
+    expectSameAsTheWalk(stack, {"metadata", kFrom, "2024-01-01T00:02:00Z", "--class", "person"});
+
+    {
+        store::SqliteDb db(path, store::SqliteDb::Mode::ReadWrite);
+        db.exec("PRAGMA busy_timeout = 5000");
+        db.exec("DELETE FROM documents WHERE t < 1704067220000000");
+    }
+    const int kept = documentsHeld();
+    ASSERT_LT(kept, grown);
+    EXPECT_TRUE(indexHolds(kept)) << kept << " documents, the index: " << stack.state();
+    const std::string from = stack.state().value("from", "");
+    EXPECT_TRUE(from >= "2024-01-01T00:00:20" && from < "2024-01-01T00:00:21") << from;
+    expectSameAsTheWalk(stack, {"metadata", kFrom, "2024-01-01T00:02:00Z", "--class", "person"});
     EXPECT_EQ(stack.stack().stop(), "");
 }
 
