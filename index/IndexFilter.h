@@ -22,9 +22,6 @@ public:
     explicit IndexFilter(const rsclient::MetadataFilter& filter);
 
     bool matches(const DocumentFacts& facts) const;
-    // The class names asked for (folded), if any: the index finds candidates by them.
-    const std::vector<std::string>& classes() const { return classes_; }
-    const std::string& colour() const { return colour_; }
 
     // What a person would want to see of the match: the first object that satisfies the
     // filter, if the filter asks about objects.

@@ -176,6 +176,7 @@ void IndexFollower::followOnce()
         }
     }
     flush();
+    store_.settle();  // caught up: what is on disk is what the index holds
     state_ = State::Following;
 }
 

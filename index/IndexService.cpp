@@ -238,8 +238,8 @@ private:
     void scan(const IndexFilter& filter, Micros from, Micros to,
               const std::function<bool(Micros, const DocumentFacts&)>& each)
     {
-        store().scan(std::min(from, to), std::max(from, to), from <= to, filter.classes(),
-                     filter.colour(), [&](Micros time, const DocumentFacts& facts) {
+        store().scan(std::min(from, to), std::max(from, to), from <= to,
+                     [&](Micros time, const DocumentFacts& facts) {
                          return !filter.matches(facts) || each(time, facts);
                      });
     }

@@ -1,5 +1,5 @@
 // The index's SQLite file: one row per document (its time, motion, facts and a hash of its
-// text), class and colour names for finding candidates, and the mark "indexed through". One
+// text); the last row is the mark "indexed through". One
 // writer (the follower) and any number of readers (the queries), in WAL mode so that readers
 // never block the writer; each batch of documents lands in one transaction together with the
 // mark, so a crash leaves the old state or the new one.
@@ -47,13 +47,13 @@ public:
 
     // Writer only.
     void add(const std::vector<IndexedDocument>& batch);
+    // Folds the log into the file and empties it, where no reader holds it back.
+    void settle();
     void dropBefore(Micros time);
     void clear();
 
-    // Documents in [from, to], ascending or descending, that `keep` accepts, until `each`
-    // returns false. Candidates are found by class or colour name when the filter has one.
-    void scan(Micros from, Micros to, bool ascending, const std::vector<std::string>& classes,
-              const std::string& colour,
+    // Documents in [from, to], ascending or descending, until `each` returns false.
+    void scan(Micros from, Micros to, bool ascending,
               const std::function<bool(Micros, const DocumentFacts&)>& each);
 
     IndexStore(const IndexStore&) = delete;
