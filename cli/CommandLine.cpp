@@ -36,6 +36,8 @@ const char* kExitCodes =
     "       recording-search-clients may)\n"
     "  9    a recording service failed during the search: the results are incomplete after\n"
     "       the time the last line gives\n"
+    "  10   --devices: a device failed or was dropped (its line says why); the others' results\n"
+    "       are all there\n"
     "  130  interrupted by Ctrl-C (the search is ended first); 143 SIGTERM, 129 SIGHUP\n";
 
 const CLI::Validator kTime(
@@ -370,6 +372,19 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     addMetadata(app, p);
     addSummary(app, p);
     addOthers(app, p);
+    app.fallthrough();  // --devices and --device after the subcommand too
+    app.add_option("--devices", p.c.devicesFile,
+                   "search every device of FILE through its gateway, as one stream in time order "
+                   "(a line per device: NAME URL TOKEN_FILE [CA_FILE])")
+        ->type_name("FILE");
+    app.add_option("--device", p.c.deviceNames, "with --devices: this device only (repeatable)")
+        ->type_name("NAME");
+    std::string deviceTimeout;
+    app.add_option("--device-timeout", deviceTimeout,
+                   "with --devices: leave out a device that sends nothing for this long "
+                   "(default 10s)")
+        ->type_name("DURATION")
+        ->check(kDuration);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
@@ -396,6 +411,14 @@ std::variant<Command, int> parseCommandLine(int argc, char** argv)
     if (p.metadata->parsed()) failed = finishMetadata(p);
     if (p.summary->parsed()) failed = finishSummary(p);
     if (failed) return *failed;
+    if (!deviceTimeout.empty()) c.deviceTimeout = durationOf(deviceTimeout);
+    if (!c.deviceNames.empty() && c.devicesFile.empty())
+        return usageError("--device needs --devices");
+    if (!c.devicesFile.empty()) {
+        if (c.kind != Command::Kind::Search || c.search.kind == SearchRequest::Kind::Noop)
+            return usageError("--devices goes with events, metadata and summary");
+        if (c.search.picture) return usageError("--svg and --timeline are for one device");
+    }
     return c;
 }
 

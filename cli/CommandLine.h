@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "client/SearchRequest.h"
 
@@ -22,6 +23,9 @@ struct Command {
     bool json = false;
     bool noProgress = false;  // progress is only ever shown on a terminal
     bool quiet = false;
+    std::string devicesFile;               // empty: the service on this device's bus
+    std::vector<std::string> deviceNames;  // empty: every device in the file
+    Micros deviceTimeout{10000000};        // a device silent this long leaves the merge
 };
 
 // A command to run, or the exit code when there is nothing to run (help, or a usage error

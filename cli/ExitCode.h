@@ -8,6 +8,7 @@ enum class ExitCode : int {
     Failure = 1,
     Usage = 2,
     Incomplete = 9,    // a recording service failed: the results end early
+    DeviceFailed = 10,  // of many devices, one or more failed or were dropped; the rest answered
     Interrupted = 130  // Ctrl-C; other stop signals give 128 + their number
 };
 

@@ -54,7 +54,7 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
         putJson(out_, spanJson(jobId, span));
         return;
     }
-    out_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
+    out_ << prefix_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
          << (span.matches == 1 ? " match" : " matches");
     if (const auto& a = span.appeared) {
         std::string classes;
@@ -116,7 +116,7 @@ void ResultPrinter::result(const SearchResult& r)
         putJson(out_, resultJson(r));
         return;
     }
-    out_ << isoText(r.time) << "  " << secondsText(r.time) << "  ";
+    out_ << prefix_ << isoText(r.time) << "  " << secondsText(r.time) << "  ";
     switch (r.kind) {
     case SearchResult::Kind::Metadata: out_ << "metadata match"; break;
     case SearchResult::Kind::TrackState: out_ << "track " << printable(r.track) << ' '; break;
@@ -165,7 +165,7 @@ void ResultPrinter::count(const MatchCount& c)
         putJson(out_, countJson(c));
         return;
     }
-    out_ << rangeText(sinceEpoch(c.from), sinceEpoch(c.to)) << "  " << c.appearances
+    out_ << prefix_ << rangeText(sinceEpoch(c.from), sinceEpoch(c.to)) << "  " << c.appearances
          << (c.appearances == 1 ? " appearance  " : " appearances  ") << c.documents
          << (c.documents == 1 ? " matching document\n" : " matching documents\n");
 }

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "client/ClientEvent.h"
@@ -37,6 +39,9 @@ public:
     void count(const MatchCount& count);
     void index(const IndexState& state);
 
+    // Written before each readable result, appearance and count line (a device's name).
+    void setPrefix(std::string prefix) { prefix_ = std::move(prefix); }
+
     // False once standard output can no longer be written (a closed pipe).
     bool good() const { return bool(out_); }
 
@@ -44,6 +49,7 @@ private:
     std::ostream& out_;
     std::ostream& err_;
     bool json_;
+    std::string prefix_;
 };
 
 }  // namespace recsearch

@@ -13,10 +13,13 @@
 #include <string>
 
 #include "ExitCode.h"
+#include "MergedPrinter.h"
 #include "Progress.h"
 #include "ResultPrinter.h"
 #include "TerminalTimeline.h"
 #include "client/ClientError.h"
+#include "client/DeviceFanout.h"
+#include "client/DeviceList.h"
 #include "client/SearchSession.h"
 #include "client/ServiceConnection.h"
 #include "client/Svg.h"
@@ -204,10 +207,51 @@ int showIndex(const Command& c, ServiceConnection& service)
     return int(ExitCode::Ok);
 }
 
+// The search on every chosen device, through their gateways, as one stream.
+int runOnDevices(const Command& command)
+{
+    auto devices = chooseDevices(readDevices(command.devicesFile), command.deviceNames);
+    kavro::tools::StopRequest stop;
+    const kavro::tools::StopSignals signals(
+        stop, "recsearch: stopped again; leaving without waiting for the devices\n");
+    std::size_t width = 0;
+    for (const auto& device : devices) width = std::max(width, device.name.size());
+    MergedPrinter printer(std::cout, std::cerr, command.json, command.quiet, width);
+    Progress progress(!command.noProgress && isatty(STDERR_FILENO), command.search.start,
+                      command.search.end);
+    const bool clearFirst = isatty(STDOUT_FILENO) && isatty(STDERR_FILENO);
+    DeviceFanout::Options options;
+    options.stallBound =
+        std::chrono::duration_cast<std::chrono::milliseconds>(command.deviceTimeout);
+    DeviceFanout fanout(std::move(devices), command.search, options);
+    std::size_t lines = 0;
+    const bool stopped = fanout.run(
+        stop.fd(),
+        [&](const std::string& line) {
+            if (clearFirst) progress.clear();
+            printer.line(line);
+            ++lines;
+        },
+        [&](TimePoint t) { progress.reached(t, lines); });
+    progress.clear();
+    printer.end(fanout, stopped ? "interrupted" : fanout.limitReached() ? "limit" : "completed");
+    if (stopped) return stop.signal() == 0 ? int(ExitCode::Interrupted) : 128 + stop.signal();
+    bool incomplete = false;
+    for (const auto& outcome : fanout.outcomes()) {
+        if (outcome.kind == DeviceOutcome::Kind::Failed ||
+            outcome.kind == DeviceOutcome::Kind::Dropped) {
+            return int(ExitCode::DeviceFailed);
+        }
+        incomplete |= outcome.kind == DeviceOutcome::Kind::Incomplete;
+    }
+    return incomplete ? int(ExitCode::Incomplete) : int(ExitCode::Ok);
+}
+
 }  // namespace
 
 int runCommand(const Command& command)
 {
+    if (!command.devicesFile.empty()) return runOnDevices(command);
     if (command.showXPath) {
         std::cout << command.search.xpath << std::endl;
         return int(ExitCode::Ok);

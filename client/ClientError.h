@@ -10,6 +10,7 @@ namespace rsclient {
 // The numbers are recsearch's exit codes for them.
 enum class ErrorKind : int {
     Failure = 1,       // anything not listed below
+    Usage = 2,         // what the person asked cannot be done as asked (a bad devices file)
     Unreachable = 3,   // no bus, service not on it, or no answer in time
     Refused = 4,       // the service answered job id -1
     StatusError = 5,   // the service answered a nonzero status or failed the request

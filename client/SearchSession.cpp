@@ -285,8 +285,19 @@ void SearchSession::askProgress()
     lastReached_ = now;
     const SearchProgress progress = service_.searchProgress(jobId_);
     if (progress.state == kavro::contract::kStateSearching) {
-        output_.reached(progress.through, results_);
+        report(progress.through);
     }
+}
+
+// Going forward, an appearance still open is sent later with its start as its time: progress
+// stays at that start meanwhile, so that whoever merges by time may trust it.
+void SearchSession::report(TimePoint through)
+{
+    if (spans_ && spans_->isOpen() && !earlier(request_.end, request_.start) &&
+        earlier(spans_->open().start, through)) {
+        through = spans_->open().start;
+    }
+    output_.reached(through, results_);
 }
 
 void SearchSession::emitSpan(const Span& span)
@@ -315,7 +326,7 @@ void SearchSession::take(const SearchResult& result, const IndexMatch* seen)
     } else if (request_.kind != SearchRequest::Kind::Summary && counts_.empty()) {
         output_.result(result);
     }
-    output_.reached(result.time, results_);
+    report(result.time);
 }
 
 // What comes after the results: the last span, coverage, the picture. Only what arrived up to

@@ -58,6 +58,7 @@ private:
     void emitSpan(const Span& span);
     void countMatch(TimePoint time);
     void concludeCounts();
+    void report(TimePoint through);
     void askProgress();
     void conclude(TimePoint reached);
     int finish(int signal);

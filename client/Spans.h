@@ -43,6 +43,7 @@ public:
     std::optional<Span> finish();
     // The span that the last match joined or opened; only while one is open.
     const Span& open() const { return *open_; }
+    bool isOpen() const { return open_.has_value(); }
 
 private:
     Micros gap_;

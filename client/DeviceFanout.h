@@ -1,0 +1,85 @@
+// One search sent to many devices' gateways at once (libcurl, one thread), their streams merged
+// into one in time order (DeviceMerge). A device that cannot be reached, refuses, fails or stalls
+// gets a line of its own and leaves the merge; the others go on. The limit applies to the merged
+// stream; reaching it, or a stop, ends every device's search (its stream is closed, which its
+// gateway ends the search on). A device is read only while its queue has room.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "client/DeviceList.h"
+#include "client/DeviceMerge.h"
+#include "client/SearchRequest.h"
+
+namespace rsclient {
+
+// The API's path and JSON body for a search, as the gateway reads them back.
+std::string apiPath(const SearchRequest& request);
+nlohmann::ordered_json apiBody(const SearchRequest& request);
+
+struct DeviceOutcome {
+    enum class Kind { Searching, Completed, Incomplete, Failed, Dropped, Stopped };
+    Kind kind = Kind::Searching;
+    std::string error;        // why, unless completed or stopped
+    std::size_t results = 0;  // result lines of this device that left the merge
+};
+
+const char* outcomeName(DeviceOutcome::Kind kind);
+
+class DeviceFanout {
+public:
+    struct Options {
+        std::size_t queueLines = 1024;  // per device, before it is no longer read
+        std::chrono::milliseconds stallBound{10000};
+        std::chrono::milliseconds connectTimeout{5000};
+    };
+
+    DeviceFanout(std::vector<Device> devices, const SearchRequest& request, Options options);
+    ~DeviceFanout();
+
+    // Until every device is done, the limit is reached, or `stopFd` becomes readable (then
+    // true). `line` gets each line, a JSON object that starts with its "device"; `reached` the
+    // least time that every device still searching has passed.
+    bool run(int stopFd, const std::function<void(const std::string&)>& line,
+             const std::function<void(TimePoint)>& reached);
+
+    const std::vector<Device>& devices() const { return devices_; }
+    const std::vector<DeviceOutcome>& outcomes() const { return outcomes_; }
+    bool limitReached() const { return limitReached_; }
+
+    DeviceFanout(const DeviceFanout&) = delete;
+    DeviceFanout& operator=(const DeviceFanout&) = delete;
+
+private:
+    struct Transfer;
+
+    static std::size_t onData(char* data, std::size_t size, std::size_t count, void* transfer);
+    std::size_t received(std::size_t device, const char* data, std::size_t size);
+    void lineArrived(std::size_t device, const std::string& text);
+    void transferDone(std::size_t device, int curlResult);
+    void leave(std::size_t device, DeviceOutcome::Kind kind, const std::string& error);
+    void emitReady(const std::function<void(const std::string&)>& line);
+    void resumeOrDrop();
+    void removeLeft();
+    std::string tagged(std::size_t device, const std::string& jsonObject) const;
+
+    std::vector<Device> devices_;
+    SearchRequest request_;
+    Options options_;
+    std::vector<DeviceOutcome> outcomes_;
+    std::vector<Transfer> transfers_;
+    void* multi_ = nullptr;
+    std::size_t emitted_ = 0;
+    bool limitReached_ = false;
+    std::vector<std::string> asides_;  // lines about a device that leave at once
+    DeviceMerge merge_;
+};
+
+}  // namespace rsclient
