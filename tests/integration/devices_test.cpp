@@ -1,0 +1,287 @@
+// recsearch --devices against several real stacks, each a bus, recording_store,
+// recording_search and recording_search_web with a recording of its own. The oracle for the
+// merged stream is each device searched alone on its own bus, tagged and merged by time (ties
+// in the devices file's order).
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "fault_stack.h"
+#include "support/GeneratedRecording.h"
+#include "support/ProcessRunner.h"
+#include "support/ServiceStack.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using reliability::bin;
+using reliability::lines;
+
+int freePort()
+{
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(s, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+    close(s);
+    return ntohs(address.sin_port);
+}
+
+// One device: its stack and its gateway, with a token of its own.
+class Device {
+public:
+    Device(const std::string& name, unsigned seed)
+        : name_(name),
+          recording_(RS_BIN_DIR,
+                     {"--seed", std::to_string(seed), "--duration", "1h", "--objects-per-minute",
+                      "20", "--track-on", "120", "--track-off", "20"}),
+          stack_({RS_BIN_DIR, recording_.path(), {}, true}),
+          port_(freePort())
+    {
+        tokenFile_ = dir_.write("token", "token-of-" + name + "\n");
+        startGateway();
+    }
+
+    void startGateway()
+    {
+        auto env = stack_.clientEnv();
+        env["KAVRO_LOG_FILE"] = dir_.file("web.log");
+        web_ = std::make_unique<rstest::ProcessRunner>(
+            bin("recording_search_web"),
+            std::vector<std::string>{"--listen", "127.0.0.1:" + std::to_string(port_),
+                                     "--token-file", tokenFile_},
+            env);
+        web_->start();
+        if (!web_->waitForNotify("READY=1")) throw std::runtime_error("the gateway is not ready");
+    }
+
+    std::string line() const
+    {
+        return name_ + " http://127.0.0.1:" + std::to_string(port_) + " " + tokenFile_;
+    }
+    // This device searched alone, on its own bus.
+    rstest::RunResult alone(const std::vector<std::string>& args) const
+    {
+        return rstest::runToEnd(bin("recsearch"), args, stack_.clientEnv(), 120s);
+    }
+    const std::string& name() const { return name_; }
+    rstest::ProcessRunner& gateway() { return *web_; }
+
+private:
+    std::string name_;
+    rstest::TempDir dir_{"rs-device"};
+    rstest::GeneratedRecording recording_;
+    rstest::ServiceStack stack_;
+    int port_;
+    std::string tokenFile_;
+    std::unique_ptr<rstest::ProcessRunner> web_;
+};
+
+class Devices : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        for (const auto& [name, seed] : {std::pair{"north", 21u}, {"east", 22u}, {"south", 23u}})
+            devices_.push_back(std::make_unique<Device>(name, seed));
+    }
+    static void TearDownTestSuite() { devices_.clear(); }
+
+    // A devices file of the shared devices, then `more` lines.
+    std::string devicesFile(const std::vector<std::string>& more = {})
+    {
+        std::string text = "# the test's devices\n";
+        for (const auto& d : devices_) text += d->line() + "\n";
+        for (const auto& line : more) text += line + "\n";
+        return dir_.write("devices", text);
+    }
+
+    rstest::RunResult merged(const std::string& file, std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {"--devices", file});
+        return rstest::runToEnd(bin("recsearch"), args, {}, 120s);
+    }
+
+    static std::vector<std::unique_ptr<Device>> devices_;
+    rstest::TempDir dir_{"rs-devices"};
+};
+
+std::vector<std::unique_ptr<Device>> Devices::devices_;
+
+int64_t timeOf(const json& j)
+{
+    if (j.contains("sec")) return j["sec"].get<int64_t>() * 1000000 + j["usec"].get<int64_t>();
+    return j["start_sec"].get<int64_t>() * 1000000 + j["start_usec"].get<int64_t>();
+}
+
+// Result lines without what differs from run to run (job ids) or says where they came from.
+std::vector<json> resultLines(const std::string& out, const std::string& device = "")
+{
+    std::vector<json> kept;
+    for (const auto& line : lines(out)) {
+        json j = json::parse(line);
+        const std::string kind = j.value("kind", "");
+        if (kind == "completed" || kind == "limit" || kind == "notice" || kind == "progress")
+            continue;
+        j.erase("job");
+        if (!device.empty()) j["device"] = device;
+        kept.push_back(j);
+    }
+    return kept;
+}
+
+TEST_F(Devices, MergedStreamIsEachDeviceAloneMergedByTime)
+{
+    const std::string file = devicesFile();
+    const char* from = "2024-01-01T00:00:00Z";
+    const char* to = "2024-01-01T00:05:00Z";
+    struct Search {
+        std::vector<std::string> args;
+        int limit;  // -1: none
+    };
+    const std::vector<Search> searches = {
+        {{"events", from, to, "--start-state"}, -1},
+        {{"events", to, from, "--start-state"}, -1},
+        {{"events", from, to, "--max", "7"}, 7},
+        {{"metadata", from, to, "--class", "person", "--spans"}, -1},
+        {{"metadata", to, from, "--class", "vehicle", "--spans=1s"}, -1},
+        {{"metadata", from, "2024-01-01T00:01:00Z", "//Object[Appearance/Class/Type='Animal']"},
+         -1},
+        {{"metadata", from, to, "--colour", "red", "--counts", "1m"}, -1},
+        {{"summary", from, "2024-01-01T00:30:00Z", "--bucket", "10m"}, -1},
+    };
+    for (const auto& search : searches) {
+        auto args = search.args;
+        args.push_back("--json");
+        std::string what;
+        for (const auto& a : args) what += a + " ";
+        const bool backward = std::string(args[1]) > std::string(args[2]);
+        std::vector<std::pair<std::size_t, json>> expected;
+        for (std::size_t d = 0; d < devices_.size(); ++d) {
+            const auto alone = devices_[d]->alone(args);
+            ASSERT_EQ(alone.status.code, 0) << what << alone.err;
+            for (auto& j : resultLines(alone.out, devices_[d]->name())) expected.emplace_back(d, j);
+        }
+        std::stable_sort(expected.begin(), expected.end(), [&](const auto& a, const auto& b) {
+            const auto rank = [](const json& j) {
+                const std::string kind = j.value("kind", "");
+                return kind == "count" || kind == "gap" ? 1 : 0;
+            };
+            if (rank(a.second) != rank(b.second)) return rank(a.second) < rank(b.second);
+            const int64_t ta = timeOf(a.second), tb = timeOf(b.second);
+            if (ta != tb) return backward ? ta > tb : ta < tb;
+            return a.first < b.first;
+        });
+        std::vector<json> want;
+        for (auto& e : expected) want.push_back(e.second);
+        if (search.limit >= 0) want.resize(std::min(want.size(), std::size_t(search.limit)));
+
+        const auto together = merged(file, args);
+        ASSERT_EQ(together.status.code, 0) << what << together.err;
+        const auto got = resultLines(together.out);
+        EXPECT_EQ(got, want) << what;
+        EXPECT_GT(want.size(), 1u) << what << ": a search that shows nothing of the merge";
+        const json last = json::parse(lines(together.out).back());
+        EXPECT_EQ(last["kind"], search.limit >= 0 ? "limit" : "completed") << what;
+        EXPECT_EQ(last["devices"].size(), devices_.size()) << what;
+    }
+}
+
+// A device with a bad token, one nobody answers at, one whose gateway dies mid-stream and one
+// that stops answering: each gets a line of its own, and the others complete.
+TEST_F(Devices, EachFailingDeviceGetsItsLineAndTheRestComplete)
+{
+    Device dying("dying", 31);
+    const std::string badToken = dir_.write("bad-token", "not-a-token\n");
+    const std::string file = devicesFile(
+        {"refused http://127.0.0.1:" + std::to_string(freePort()) + " " + badToken, dying.line()});
+    // The refused device points at a port nobody listens on, so it is the unreachable one too;
+    // the shared north device with the bad token is the refused one.
+    const std::string refusing = dir_.write(
+        "devices-refusing", devices_[0]->line().substr(0, devices_[0]->line().rfind(' ')) + " " +
+                                badToken + "\n" + devices_[1]->line() + "\n");
+    const auto refused =
+        merged(refusing, {"events", "2024-01-01T00:00:00Z", "2024-01-01T00:10:00Z", "--json"});
+    EXPECT_EQ(refused.status.code, 10) << refused.err;
+    const json end = json::parse(lines(refused.out).back());
+    EXPECT_EQ(end["devices"][0]["outcome"], "failed");
+    EXPECT_NE(end["devices"][0].value("error", "").find("401"), std::string::npos) << end;
+    EXPECT_EQ(end["devices"][1]["outcome"], "completed");
+
+    devices_[2]->gateway().sendSignal(SIGSTOP);
+    rstest::ProcessRunner search(
+        bin("recsearch"), {"--devices", file, "--device-timeout", "2s", "metadata",
+                           "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "", "--walk", "--json"});
+    search.start();
+    ASSERT_TRUE(search.waitForStdout("\"device\":\"dying\"", 30s)) << search.stderrText();
+    dying.gateway().sendSignal(SIGKILL);
+    const auto status = search.waitForExit(60s);
+    devices_[2]->gateway().sendSignal(SIGCONT);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, 10) << search.stderrText();
+    const json last = json::parse(lines(search.stdoutText()).back());
+    std::map<std::string, std::string> outcomes;
+    for (const auto& d : last["devices"]) outcomes[d["device"]] = d["outcome"];
+    EXPECT_EQ(outcomes, (std::map<std::string, std::string>{{"north", "completed"},
+                                                            {"east", "completed"},
+                                                            {"south", "dropped"},
+                                                            {"refused", "failed"},
+                                                            {"dying", "failed"}}))
+        << last;
+    for (const char* name : {"south", "refused", "dying"}) {
+        EXPECT_NE(search.stdoutText().find(std::string("{\"device\":\"") + name + "\",\"kind\":"),
+                  std::string::npos)
+            << name << " has no line of its own";
+    }
+}
+
+// Ctrl-C ends every device's search, on each device's service.
+TEST_F(Devices, InterruptEndsTheSearchOnEveryDevice)
+{
+    rstest::ProcessRunner search(bin("recsearch"),
+                                 {"--devices", devicesFile(), "metadata", "2024-01-01T00:00:00Z",
+                                  "2024-01-01T01:00:00Z", "", "--walk", "--json"});
+    search.start();
+    std::map<std::string, uint32_t> jobs;
+    ASSERT_TRUE(rstest::pollUntil(
+        [&] {
+            for (const auto& line : lines(search.stdoutText())) {
+                const json j = json::parse(line, nullptr, false);
+                if (j.is_object() && j.contains("job")) jobs[j["device"]] = j["job"];
+            }
+            return jobs.size() == devices_.size();
+        },
+        30s));
+    search.sendSignal(SIGINT);
+    const auto status = search.waitForExit(10s);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_EQ(status->code, 130);
+    for (const auto& d : devices_) {
+        EXPECT_TRUE(rstest::pollUntil(
+            [&] {
+                const auto state = d->alone({"state", std::to_string(jobs[d->name()]), "--json"});
+                return state.out.find("\"searching\"") == std::string::npos;
+            },
+            5s))
+            << d->name() << "'s search still runs";
+    }
+}
+
+}  // namespace
