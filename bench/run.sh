@@ -78,6 +78,7 @@ out=bench/results.md
   /usr/bin/python3 bench/gateway_bench.py "$bin" "$(date -u -d 2024-01-01 +%s)"
   xpath_rows rows
   if ((quick)); then last=2024-01-01T02:00:00Z; else last=2024-01-02T00:00:00Z; fi
+  /usr/bin/python3 bench/devices_bench.py "$bin"
   bench/index_bench.sh "$bin" "$work/recording.db" 2024-01-01T00:00:00Z "$last"
 } > "$out.tmp"
 mv "$out.tmp" "$out"

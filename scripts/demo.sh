@@ -212,6 +212,36 @@ for how in "" --walk; do
   printf 'the last line after %d.%02d s\n' $((hundredths / 100)) $((hundredths % 100))
 done
 
+say "A second device (its own bus, recording and gateway), and both searched as one"
+sed "s|$tmp/bus.socket|$tmp/bus2.socket|" "$tmp/bus.conf" >"$tmp/bus2.conf"
+dbus-daemon --config-file="$tmp/bus2.conf" --nofork --print-address=1 >"$tmp/address2" \
+  2>"$tmp/bus2.err" &
+pids+=($!)
+names+=(dbus-daemon-2)
+for _ in $(seq 100); do [ -s "$tmp/address2" ] && break; sleep 0.05; done
+"$bin/recording_store" generate "$tmp/second.db" --seed 8 --start "$from" --duration 1h >/dev/null
+first_address=$address
+address=$(head -n 1 "$tmp/address2")
+start recording_store-2 "$bin/recording_store" serve "$tmp/second.db"
+wait_for_name recording_store-2 kavro.recording_data_access
+start recording_search-2 "$bin/recording_search"
+wait_for_name recording_search-2 kavro.recording_search
+port2=$((port + 1))
+while (echo >"/dev/tcp/127.0.0.1/$port2") 2>/dev/null; do port2=$((port2 + 1)); done
+start recording_search_web-2 "$bin/recording_search_web" --listen "127.0.0.1:$port2" \
+  --token-file "$tmp/web-tokens"
+address=$first_address
+for _ in $(seq 100); do
+  curl -s -o /dev/null "http://127.0.0.1:$port2/" && break
+  sleep 0.05
+done
+printf 'front %s %s\nback  http://127.0.0.1:%s %s\n' "$web" "$tmp/web-tokens" "$port2" \
+  "$tmp/web-tokens" >"$tmp/devices"
+echo "\$ cat devices"
+cat "$tmp/devices"
+echo "\$ recsearch --devices devices events $from $events_to"
+"$bin/recsearch" --devices "$tmp/devices" events "$from" "$events_to"
+
 say "The same event search through the gateway, as JSON lines (first 8)"
 curl_line="curl -sN -H 'Authorization: Bearer $token' -H 'Content-Type: application/json' -d '{\"start\":\"$from\",\"end\":\"$events_to\",\"startState\":true}' $web/api/v1/events"
 echo "\$ $curl_line"
@@ -234,6 +264,7 @@ $bin/recsearch metadata $from $to --class vehicle --colour red --region 0,0,0.5,
 $bin/recsearch metadata --class person --min-likelihood 0.8 --motion --show-xpath
 $bin/recsearch summary $from $to --bucket 5m
 $bin/recsearch index
+$bin/recsearch --devices $tmp/devices metadata $from $to --class person --spans
 $bin/recsearch noop
 $bin/recsearch --help
 $curl_line
