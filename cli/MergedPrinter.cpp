@@ -114,32 +114,22 @@ void MergedPrinter::line(const std::string& jsonLine)
 
 void MergedPrinter::end(const rsclient::DeviceFanout& fanout, const char* how)
 {
-    const auto& devices = fanout.devices();
-    const auto& outcomes = fanout.outcomes();
-    std::size_t results = 0;
-    nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    for (std::size_t d = 0; d < devices.size(); ++d) {
-        results += outcomes[d].results;
-        nlohmann::ordered_json entry = {{"device", devices[d].name},
-                                        {"outcome", rsclient::outcomeName(outcomes[d].kind)},
-                                        {"results", outcomes[d].results}};
-        if (!outcomes[d].error.empty()) entry["error"] = outcomes[d].error;
-        list.push_back(entry);
-        if (!json_ && !quiet_) {
-            err_ << devices[d].name << ": " << rsclient::outcomeName(outcomes[d].kind) << ", "
-                 << outcomes[d].results << (outcomes[d].results == 1 ? " result" : " results");
-            if (!outcomes[d].error.empty()) err_ << " (" << printable(outcomes[d].error) << ")";
-            err_ << '\n';
-        }
-    }
+    const auto last = rsclient::devicesEndJson(fanout, how);
     if (json_) {
-        out_
-            << nlohmann::ordered_json{{"kind", how}, {"results", results}, {"devices", list}}.dump()
-            << '\n'
-            << std::flush;
-    } else if (!quiet_) {
-        err_ << how << ": " << results << " results from " << devices.size() << " devices\n";
+        out_ << last.dump() << '\n' << std::flush;
+        return;
     }
+    if (quiet_) return;
+    for (const auto& device : last["devices"]) {
+        const std::size_t results = device["results"];
+        err_ << device["device"].get<std::string>() << ": " << device["outcome"].get<std::string>()
+             << ", " << results << (results == 1 ? " result" : " results");
+        if (device.contains("error"))
+            err_ << " (" << printable(device["error"].get<std::string>()) << ")";
+        err_ << '\n';
+    }
+    err_ << how << ": " << last["results"].get<std::size_t>() << " results from "
+         << last["devices"].size() << " devices\n";
 }
 
 }  // namespace recsearch

@@ -54,8 +54,8 @@ void ResultPrinter::span(uint32_t jobId, const Span& span)
         putJson(out_, spanJson(jobId, span));
         return;
     }
-    out_ << prefix_ << rangeText(from, to) << "  " << durationText(to - from) << "  " << span.matches
-         << (span.matches == 1 ? " match" : " matches");
+    out_ << prefix_ << rangeText(from, to) << "  " << durationText(to - from) << "  "
+         << span.matches << (span.matches == 1 ? " match" : " matches");
     if (const auto& a = span.appeared) {
         std::string classes;
         for (const auto& name : a->classes) classes += (classes.empty() ? "" : ",") + name;

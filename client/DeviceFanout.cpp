@@ -101,6 +101,22 @@ const char* outcomeName(DeviceOutcome::Kind kind)
     return "unknown";
 }
 
+Body devicesEndJson(const DeviceFanout& fanout, const char* how)
+{
+    std::size_t results = 0;
+    Body list = Body::array();
+    for (std::size_t d = 0; d < fanout.devices().size(); ++d) {
+        const DeviceOutcome& outcome = fanout.outcomes()[d];
+        results += outcome.results;
+        Body entry = {{"device", fanout.devices()[d].name},
+                      {"outcome", outcomeName(outcome.kind)},
+                      {"results", outcome.results}};
+        if (!outcome.error.empty()) entry["error"] = outcome.error;
+        list.push_back(entry);
+    }
+    return {{"kind", how}, {"results", results}, {"devices", list}};
+}
+
 struct DeviceFanout::Transfer {
     DeviceFanout* owner = nullptr;
     std::size_t device = 0;

@@ -33,6 +33,11 @@ struct DeviceOutcome {
 
 const char* outcomeName(DeviceOutcome::Kind kind);
 
+class DeviceFanout;
+// The last line of a merged search: how it ended (`how`: completed, limit or interrupted), its
+// results, and each device's outcome.
+nlohmann::ordered_json devicesEndJson(const DeviceFanout& fanout, const char* how);
+
 class DeviceFanout {
 public:
     struct Options {

@@ -28,10 +28,11 @@ struct Route {
 };
 
 const Route kRoutes[] = {
-    {"/api/v1/status", "GET", false},  {"/api/v1/index", "GET", false},
-    {"/api/v1/events", "POST", true},  {"/api/v1/metadata", "POST", true},
-    {"/api/v1/summary", "POST", true}, {"/api/v1/picture", "POST", true},
-    {"/api/v1/xpath", "POST", true},   {"/api/v1/searches/", "DELETE", false},
+    {"/api/v1/status", "GET", false},       {"/api/v1/index", "GET", false},
+    {"/api/v1/devices", "GET", false},      {"/api/v1/events", "POST", true},
+    {"/api/v1/metadata", "POST", true},     {"/api/v1/summary", "POST", true},
+    {"/api/v1/picture", "POST", true},      {"/api/v1/xpath", "POST", true},
+    {"/api/v1/searches/", "DELETE", false},
 };
 
 bool matches(const Route& route, const std::string& path)
@@ -129,7 +130,10 @@ std::optional<Reply> ApiRoutes::refuse(const RequestHead& head) const
 Reply ApiRoutes::answer(const RequestHead& head, const std::string& body)
 {
     try {
-        if (head.method == "GET") return head.path == "/api/v1/index" ? index() : status();
+        if (head.method == "GET") {
+            if (head.path == "/api/v1/devices") return devices();
+            return head.path == "/api/v1/index" ? index() : status();
+        }
         if (head.method == "DELETE") return endSearch(head.path.substr(head.path.rfind('/') + 1));
         return search(head, body);
     } catch (const ApiError& e) {
@@ -161,6 +165,10 @@ Reply ApiRoutes::search(const RequestHead& head, const std::string& text)
                                             : what == "metadata" ? metadataRequest(body)
                                             : what == "summary"  ? summaryRequest(body)
                                                                  : pictureRequest(body);
+    const auto devices = chosenDevices(body);
+    if (!devices.empty() && request.picture) {
+        throw ApiError(MHD_HTTP_BAD_REQUEST, "a picture is of one device", "devices");
+    }
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (streamsOpen_ >= options_.limits.streams) {
@@ -170,7 +178,10 @@ Reply ApiRoutes::search(const RequestHead& head, const std::string& text)
         }
         ++streamsOpen_;
     }
-    auto stream = std::make_shared<SearchStream>(request, options_.limits.bufferedBytes);
+    auto stream = devices.empty()
+                      ? std::make_shared<SearchStream>(request, options_.limits.bufferedBytes)
+                      : std::make_shared<SearchStream>(request, options_.limits.bufferedBytes,
+                                                       devices, nextHubId());
     try {
         stream->start();
     } catch (...) {
@@ -226,6 +237,46 @@ Reply ApiRoutes::endSearch(const std::string& idText)
     }
     service.endSearch(id);
     return Reply{MHD_HTTP_NO_CONTENT, "application/json", "", {}, nullptr, true};
+}
+
+std::vector<rsclient::Device> ApiRoutes::chosenDevices(const json& body) const
+{
+    const auto field = body.find("devices");
+    if (field == body.end()) return {};
+    if (options_.devices.empty()) {
+        throw ApiError(MHD_HTTP_BAD_REQUEST, "this gateway searches no other devices", "devices");
+    }
+    if (field->is_string() && *field == "all") return options_.devices;
+    std::vector<std::string> names;
+    if (field->is_array()) {
+        for (const auto& name : *field) {
+            if (!name.is_string()) break;
+            names.push_back(name.get<std::string>());
+        }
+    }
+    if (names.empty() || !field->is_array() || names.size() != field->size()) {
+        throw ApiError(MHD_HTTP_BAD_REQUEST, "devices: expected \"all\" or a list of names",
+                       "devices");
+    }
+    try {
+        return rsclient::chooseDevices(options_.devices, names);
+    } catch (const rsclient::ClientError& e) {
+        throw ApiError(MHD_HTTP_BAD_REQUEST, std::string("devices: ") + e.what(), "devices");
+    }
+}
+
+// Ids of merged searches sit above any job id a service gives, so that DELETE finds either.
+uint32_t ApiRoutes::nextHubId()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return 0x80000000u + ++hubSearches_;
+}
+
+Reply ApiRoutes::devices() const
+{
+    json names = json::array();
+    for (const auto& device : options_.devices) names.push_back(device.name);
+    return jsonReply(MHD_HTTP_OK, json{{"devices", names}});
 }
 
 Reply ApiRoutes::index()

@@ -10,6 +10,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "web/GatewayOptions.h"
 #include "web/Reply.h"
@@ -48,6 +51,10 @@ private:
     Reply endSearch(const std::string& id);
     Reply status();
     Reply index();
+    Reply devices() const;
+    // The devices a search body names, none when it names none; throws ApiError.
+    std::vector<rsclient::Device> chosenDevices(const nlohmann::json& body) const;
+    uint32_t nextHubId();
     void log(int priority, const std::string& message) const;
 
     const GatewayOptions& options_;
@@ -56,6 +63,7 @@ private:
     std::mutex mutex_;
     std::map<uint32_t, std::shared_ptr<SearchStream>> streams_;
     std::size_t streamsOpen_ = 0;
+    uint32_t hubSearches_ = 0;
 };
 
 }  // namespace web

@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "client/ClientError.h"
+
 namespace web {
 
 namespace {
@@ -110,6 +112,10 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     app.add_option("--tls-key", o.tlsKey, "and this private key (PEM)")->type_name("FILE");
     app.add_flag("--plain-http", o.plainHttp,
                  "allow plain HTTP on an address that is not loopback");
+    app.add_option("--devices", o.devicesFile,
+                   "a hub: searches may name these devices (a line each: NAME URL TOKEN_FILE "
+                   "[CA_FILE]), searched through their gateways and merged in time order")
+        ->type_name("FILE");
     const char* bounds = "Bounds";
     app.add_option("--max-connections", o.limits.connections, "connections at once (default 64)")
         ->check(CLI::Range(1u, 1024u))
@@ -154,6 +160,13 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     if (!parseListen(o.listen, o, why)) return usageError("--listen: " + why);
     if (o.tlsCert.empty() != o.tlsKey.empty()) {
         return usageError("--tls-cert and --tls-key go together");
+    }
+    if (!o.devicesFile.empty()) {
+        try {
+            o.devices = rsclient::readDevices(o.devicesFile);
+        } catch (const rsclient::ClientError& e) {
+            return usageError(e.what());
+        }
     }
     return o;
 }

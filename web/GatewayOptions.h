@@ -8,6 +8,9 @@
 #include <cstddef>
 #include <string>
 #include <variant>
+#include <vector>
+
+#include "client/DeviceList.h"
 
 namespace web {
 
@@ -29,6 +32,9 @@ struct GatewayOptions {
     std::string tlsCert;
     std::string tlsKey;
     bool plainHttp = false;
+    // A hub: searches that name devices go to these devices' gateways, merged.
+    std::string devicesFile;
+    std::vector<rsclient::Device> devices;
     Limits limits;
 };
 

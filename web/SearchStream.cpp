@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "client/ClientError.h"
+#include "client/DeviceFanout.h"
 #include "client/ResultJson.h"
 #include "client/SearchSession.h"
 #include "client/ServiceConnection.h"
@@ -44,6 +45,12 @@ SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t m
 {
 }
 
+SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
+                           std::vector<rsclient::Device> devices, uint32_t id)
+    : request_(request), maxBuffered_(maxBuffered), devices_(std::move(devices)), jobId_(id)
+{
+}
+
 SearchStream::~SearchStream()
 {
     readerGone();
@@ -54,6 +61,13 @@ SearchStream::~SearchStream()
 
 uint32_t SearchStream::start()
 {
+    if (!devices_.empty()) {
+        fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_,
+                                                           rsclient::DeviceFanout::Options{});
+        append(jsonLine(Json{{"kind", "search"}, {"id", jobId_}}));
+        thread_ = std::thread([this] { runOnDevices(); });
+        return jobId_;
+    }
     service_ = std::make_unique<rsclient::ServiceConnection>(inbox_);
     session_ = std::make_unique<rsclient::SearchSession>(request_, *service_, inbox_, *this);
     jobId_ = *session_->start();
@@ -70,6 +84,24 @@ void SearchStream::run()
     } catch (const std::exception& e) {
         failure = e.what();
     }
+    finish(failure, "");
+}
+
+void SearchStream::runOnDevices()
+{
+    const bool stopped = fanout_->run(
+        stop_.fd(),
+        [this](const std::string& line) {
+            append(line + "\n");
+            if (!good()) stop_.request(SIGPIPE);
+        },
+        [this](rsclient::TimePoint t) { reached(t, 0); });
+    const char* how = stopped ? "interrupted" : fanout_->limitReached() ? "limit" : "completed";
+    finish("", jsonLine(rsclient::devicesEndJson(*fanout_, how)));
+}
+
+void SearchStream::finish(std::string failure, const std::string& lastLine)
+{
     std::lock_guard<std::mutex> lock(mutex_);
     if (overflowed_) {
         failure = "the client read too slowly: more than " + std::to_string(maxBuffered_ / 1024) +
@@ -78,6 +110,8 @@ void SearchStream::run()
     if (!failure.empty()) {
         error_ = failure;
         if (!request_.picture) lines_ += errorLine(failure);
+    } else if (!readerGone_) {
+        lines_ += lastLine;
     }
     done_ = true;
     changed_.notify_all();
@@ -89,6 +123,7 @@ void SearchStream::push(int signal)
     event.kind = rsclient::ClientEvent::Kind::Interrupted;
     event.signal = signal;
     inbox_.push(std::move(event));
+    stop_.request(signal);
 }
 
 void SearchStream::interrupt()

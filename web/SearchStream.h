@@ -15,10 +15,13 @@
 #include <thread>
 
 #include "client/ClientEvent.h"
+#include "client/DeviceList.h"
 #include "client/SearchOutput.h"
 #include "client/SearchRequest.h"
+#include "kavro/tools/StopSignals.h"
 
 namespace rsclient {
+class DeviceFanout;
 class SearchSession;
 class ServiceConnection;
 }  // namespace rsclient
@@ -28,6 +31,10 @@ namespace web {
 class SearchStream : public rsclient::SearchOutput {
 public:
     SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered);
+    // The search sent to these devices' gateways and their streams merged; `id` names it for
+    // DELETE, as a job id names a search of this device.
+    SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
+                 std::vector<rsclient::Device> devices, uint32_t id);
     ~SearchStream() override;  // ends the search if it still runs
 
     // Connects, creates and begins the search; throws rsclient::ClientError. Then the search
@@ -64,6 +71,9 @@ private:
     bool good() const override;
 
     void run();
+    void runOnDevices();
+    // The search is over: `failure` (or the reader's falling behind) makes the last line.
+    void finish(std::string failure, const std::string& lastLine);
     void append(const std::string& line, bool evenWhenFull = false);
     void appendWhenRoom(const std::string& line);
     void push(int signal);
@@ -73,6 +83,9 @@ private:
     rsclient::EventInbox inbox_;
     std::unique_ptr<rsclient::ServiceConnection> service_;
     std::unique_ptr<rsclient::SearchSession> session_;
+    std::vector<rsclient::Device> devices_;
+    std::unique_ptr<rsclient::DeviceFanout> fanout_;
+    kavro::tools::StopRequest stop_;  // ends the merge
     std::thread thread_;
     uint32_t jobId_ = 0;
     std::chrono::steady_clock::time_point lastProgress_;

@@ -252,6 +252,44 @@ TEST_F(Devices, EachFailingDeviceGetsItsLineAndTheRestComplete)
     }
 }
 
+// A gateway with a devices file is a hub: a search that names devices streams what recsearch
+// --devices prints, under the hub's own token; one naming a device it does not have is refused.
+TEST_F(Devices, HubStreamsTheMergeUnderItsOwnToken)
+{
+    const std::string file = devicesFile();
+    const std::string tokens = dir_.write("hub-tokens", "hub-token\n");
+    const int port = freePort();
+    rstest::ProcessRunner hub(bin("recording_search_web"),
+                              {"--listen", "127.0.0.1:" + std::to_string(port), "--token-file",
+                               tokens, "--devices", file});
+    hub.start();
+    ASSERT_TRUE(hub.waitForNotify("READY=1"));
+    const auto post = [&](const std::string& body) {
+        return rstest::runToEnd("curl",
+                                {"-sN", "-H", "Authorization: Bearer hub-token", "-H",
+                                 "Content-Type: application/json", "--data-binary", body,
+                                 "http://127.0.0.1:" + std::to_string(port) + "/api/v1/metadata"},
+                                {}, 60s);
+    };
+    const auto viaHub = post(R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z",)"
+                             R"("class":["vehicle"],"spans":"2s","devices":["east","south"]})");
+    const auto direct =
+        merged(file, {"--device", "east", "--device", "south", "metadata", "2024-01-01T00:00:00Z",
+                      "2024-01-01T00:05:00Z", "--class", "vehicle", "--spans", "--json"});
+    ASSERT_FALSE(viaHub.out.empty());
+    EXPECT_EQ(json::parse(lines(viaHub.out).front())["kind"], "search");
+    std::string results;  // without the first line and the progress lines
+    for (const auto& line : lines(viaHub.out)) {
+        const std::string kind = json::parse(line).value("kind", "");
+        if (kind != "search" && kind != "progress") results += line + "\n";
+    }
+    EXPECT_EQ(resultLines(results), resultLines(direct.out));
+    EXPECT_GT(resultLines(results).size(), 1u);
+    const auto refused = post(R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z",)"
+                              R"("class":["vehicle"],"devices":["west"]})");
+    EXPECT_EQ(json::parse(refused.out).value("field", ""), "devices") << refused.out;
+}
+
 // Ctrl-C ends every device's search, on each device's service.
 TEST_F(Devices, InterruptEndsTheSearchOnEveryDevice)
 {
