@@ -98,7 +98,8 @@ follow_ticks=$(( $(cpu_of "$index_pid") - follow_ticks ))
 kill "$index_pid"; wait "$index_pid" 2>/dev/null || true; index_pid=""
 sqlite3 "$work/index.db" "
   WITH days(d) AS (VALUES (1),(2),(3),(4),(5),(6))
-  INSERT OR IGNORE INTO documents SELECT t + d * 86400000000, motion, hash, facts FROM documents, days;"
+  INSERT OR IGNORE INTO documents SELECT t + d * 86400000000, motion, hash, facts FROM documents, days;
+  UPDATE kept SET documents = (SELECT count(*) FROM documents);"
 start_index
 until [ "$(field "$(state)" state)" = following ]; do sleep 0.5; done
 week_to=$(date -u -d "$(echo "$to" | sed 's/T/ /; s/Z//') + 6 days" +%Y-%m-%dT%H:%M:%SZ)

@@ -144,8 +144,10 @@ void IndexFollower::followOnce()
     HardenedParser parser;
     std::vector<IndexedDocument> batch;
     auto batchStarted = std::chrono::steady_clock::now();
+    bool added = false;
     const auto flush = [&] {
         if (!batch.empty()) store_.add(batch);
+        added |= !batch.empty();
         batch.clear();
         batchStarted = std::chrono::steady_clock::now();
     };
@@ -176,7 +178,7 @@ void IndexFollower::followOnce()
         }
     }
     flush();
-    store_.settle();  // caught up: what is on disk is what the index holds
+    if (added) store_.settle();  // caught up: what is on disk is what the index holds
     state_ = State::Following;
 }
 

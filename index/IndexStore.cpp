@@ -8,7 +8,7 @@ namespace rsindex {
 
 namespace {
 
-constexpr int64_t kFormat = 3;
+constexpr int64_t kFormat = 4;
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS documents (
@@ -16,6 +16,8 @@ CREATE TABLE IF NOT EXISTS documents (
   motion INTEGER NOT NULL,
   hash INTEGER NOT NULL,
   facts BLOB NOT NULL);
+CREATE TABLE IF NOT EXISTS kept (documents INTEGER NOT NULL);
+INSERT INTO kept SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM kept);
 )SQL";
 
 store::SqliteDb::Mode modeOf(IndexStore::Access access)
@@ -48,7 +50,9 @@ IndexStore::IndexStore(const std::string& path, Access access)
         db_.exec("PRAGMA wal_autocheckpoint=256; PRAGMA journal_size_limit=1048576");
         // Another form of the facts: thrown away, to be rebuilt from the recording.
         if (db_.queryInt("PRAGMA user_version") != kFormat) {
-            db_.exec("DROP TABLE IF EXISTS documents; DROP TABLE IF EXISTS names;");
+            db_.exec(
+                "DROP TABLE IF EXISTS documents; DROP TABLE IF EXISTS names; "
+                "DROP TABLE IF EXISTS kept;");
             db_.exec("PRAGMA user_version = " + std::to_string(kFormat));
         }
         db_.exec(kSchema);
@@ -59,9 +63,11 @@ IndexStore::~IndexStore() = default;
 
 std::optional<IndexSpan> IndexStore::span()
 {
-    store::Statement q(db_, "SELECT min(t), max(t), count(*) FROM documents");
-    if (!q.step() || q.columnIsNull(0)) return std::nullopt;
-    return IndexSpan{q.columnInt(0), q.columnInt(1), q.columnInt(2)};
+    // Each a lookup at one end of the key, never a scan: the state is asked for often.
+    const auto first = db_.queryInt("SELECT min(t) FROM documents");
+    if (first == 0) return std::nullopt;
+    return IndexSpan{first, db_.queryInt("SELECT max(t) FROM documents"),
+                     db_.queryInt("SELECT documents FROM kept")};
 }
 
 int64_t IndexStore::bytesOnDisk()
@@ -94,7 +100,8 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
 {
     store::Transaction transaction(db_);
     store::Statement document(
-        db_, "INSERT OR REPLACE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
+        db_, "INSERT OR IGNORE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
+    int64_t added = 0;
     for (const auto& d : batch) {
         document.reset()
             .bind(1, d.time)
@@ -102,8 +109,16 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
             .bind(3, int64_t(d.hash))
             .bindBlob(4, encode(d.facts))
             .run();
+        added += sqlite3_changes(db_.handle());
     }
+    counted(added);
     transaction.commit();
+}
+
+void IndexStore::counted(int64_t change)
+{
+    store::Statement q(db_, "UPDATE kept SET documents = documents + ?");
+    q.bind(1, change).run();
 }
 
 void IndexStore::settle() { db_.exec("PRAGMA wal_checkpoint(TRUNCATE)"); }
@@ -113,13 +128,14 @@ void IndexStore::dropBefore(Micros time)
     store::Transaction transaction(db_);
     store::Statement documents(db_, "DELETE FROM documents WHERE t < ?");
     documents.bind(1, time).run();
+    counted(-int64_t(sqlite3_changes(db_.handle())));
     transaction.commit();
 }
 
 void IndexStore::clear()
 {
     store::Transaction transaction(db_);
-    db_.exec("DELETE FROM documents");
+    db_.exec("DELETE FROM documents; UPDATE kept SET documents = 0;");
     transaction.commit();
 }
 

@@ -60,6 +60,8 @@ public:
     IndexStore& operator=(const IndexStore&) = delete;
 
 private:
+    void counted(int64_t change);  // inside the writer's transaction
+
     std::string path_;
     store::SqliteDb db_;
 };
