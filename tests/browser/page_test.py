@@ -2,19 +2,25 @@
 """The search page in headless Chromium against the real programs on a private bus."""
 import json
 import os
+import signal
 import subprocess
 import time
 import unittest
+import urllib.error
 import urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import Select
 
 # Started by GatewayPage in web_gateway_test.cpp, which runs the stack and the gateway: where
 # they are comes in the environment (and DBUS_SYSTEM_BUS_ADDRESS for recsearch).
 URL, TOKEN, BIN = os.environ["RS_PAGE_URL"], os.environ["RS_PAGE_TOKEN"], os.environ["RS_BIN_DIR"]
+SERVICE_PID = int(os.environ.get("RS_SERVICE_PID", "0"))
+SHOTS = os.environ.get("RS_SCREENSHOT_DIR", "")
 HOUR = ("2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z")
 WAIT = 20  # seconds: every wait is bounded and says what it waited for
 
@@ -52,7 +58,7 @@ class PageTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         options = Options()
-        for argument in ["--headless=new", "--no-sandbox", "--window-size=1280,1000"]:
+        for argument in ["--headless=new", "--no-sandbox", "--window-size=1280,900"]:
             options.add_argument(argument)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         cls.driver = webdriver.Chrome(options=options)
@@ -62,13 +68,27 @@ class PageTest(unittest.TestCase):
         cls.driver.quit()
 
     def setUp(self):
+        self.width(1280)
         self.driver.get(URL + "/")
         self.driver.execute_script("sessionStorage.clear()")
         self.driver.get(URL + "/")
         self.driver.get_log("browser")  # what earlier tests left
 
+    def width(self, pixels):
+        """The page as a window this wide (360: a phone) and 900 high shows it."""
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": pixels, "height": 900, "deviceScaleFactor": 1, "mobile": pixels < 500})
+
+    def shot(self, name):
+        if SHOTS:
+            os.makedirs(SHOTS, exist_ok=True)
+            self.driver.save_screenshot(os.path.join(SHOTS, name + ".png"))
+
     def el(self, id_):
         return self.driver.find_element(By.ID, id_)
+
+    def js(self, script, *args):
+        return self.driver.execute_script(script, *args)
 
     def sign_in(self, token=TOKEN):
         self.el("token").clear()
@@ -85,14 +105,18 @@ class PageTest(unittest.TestCase):
         return wait_until("the search to finish", lambda: self.el("run").is_enabled()
                           and self.el("message").text, 60)
 
+    def rows(self):
+        return self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr")
+
+    # The page as a whole.
+
     def test_loads_clean_and_asks_for_nothing_off_the_gateway(self):
         self.search("events", *HOUR)
         self.el("end").send_keys("\n")  # Enter runs the search
         self.finished()
         errors = [e for e in self.driver.get_log("browser") if e["level"] == "SEVERE"]
         self.assertEqual(errors, [])
-        origins = self.driver.execute_script(
-            "return performance.getEntriesByType('resource').map(e => new URL(e.name).origin)")
+        origins = self.js("return performance.getEntriesByType('resource').map(e => new URL(e.name).origin)")
         self.assertEqual(set(origins) - {URL}, set())
 
     def test_a_wrong_token_is_said_and_a_right_one_is_kept_for_the_tab(self):
@@ -104,11 +128,51 @@ class PageTest(unittest.TestCase):
         self.driver.refresh()
         wait_until("the form again without a token", lambda: self.el("app").is_displayed())
 
-    def test_a_drawn_region_and_a_class_give_the_appearances_of_the_api(self):
+    def test_times_in_either_zone_presets_and_the_backward_notice(self):
+        self.sign_in()
+        wait_until("the search form", lambda: self.el("app").is_displayed())
+        Select(self.el("zone")).select_by_value("utc")
+        self.el("start").send_keys("2024-01-01 00:10")
+        self.el("end").send_keys("2024-01-01 00:05")
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        self.assertIn("backward", self.el("direction").text)
+        self.assertIn("2024-01-01 00:10:00 UTC", self.el("start-local").text)
+        self.el("run").click()
+        self.finished()
+        shown = [r.find_element(By.TAG_NAME, "td").get_attribute("title") for r in self.rows()]
+        lines = api("metadata", {"start": "2024-01-01T00:10:00Z", "end": "2024-01-01T00:05:00Z",
+                                 "class": ["person"], "spans": "2s"})
+        spans = [l["start"] for l in lines if l.get("kind") == "span"]
+        self.assertEqual(shown, spans)  # latest first, at full precision on hover
+        self.el("start").clear()
+        self.el("end").clear()
+        self.driver.find_element(By.CSS_SELECTOR, "[data-preset=hour]").click()
+        start, end = (self.el(i).get_attribute("value") for i in ("start", "end"))
+        span = self.js("return (Date.parse(arguments[1] + 'Z') - Date.parse(arguments[0] + 'Z')) / 1000",
+                       start.replace(" ", "T"), end.replace(" ", "T"))
+        self.assertEqual(span, 3600)
+        self.assertEqual(self.el("direction").text, "")
+
+    def test_a_field_that_is_empty_or_wrong_gets_a_sentence_beside_it(self):
+        self.search("appearances", "", "2024-01-01T00:10:00Z")
+        self.el("run").click()
+        self.assertIn("Enter when to start", wait_until("the empty start", lambda: self.el("start-error").text))
+        self.el("start").send_keys(HOUR[0])
+        for edge, value in zip(("left", "top", "right", "bottom"), ("0.6", "0", "0.2", "1")):
+            self.el(f"region-{edge}").send_keys(value)
+        self.el("run").click()
+        message = wait_until("the region's sentence", lambda: self.el("region-error").text)
+        self.assertIn("left below right", message)
+        self.assertNotIn("LEFT", message)
+
+    # Appearances.
+
+    def test_a_drawn_region_and_a_class_give_the_appearances_of_the_api_with_what_appeared(self):
         self.search("appearances", "2024-01-01T00:00:00Z", "2024-01-01T00:20:00Z")
         self.el("start").click()
         self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
         frame = self.el("frame")
+        self.js("arguments[0].scrollIntoView({block: 'center'})", frame)
         width, height = frame.size["width"], frame.size["height"]
         ActionChains(self.driver).move_to_element_with_offset(frame, -width // 2 + 1, -height // 2 + 1) \
             .click_and_hold().move_by_offset(width // 2, height - 2).release().perform()
@@ -116,27 +180,80 @@ class PageTest(unittest.TestCase):
         self.assertEqual(region[0], "0")
         wait_until("the expression", lambda: "BoundingBox" in self.el("xpath").get_attribute("value"))
         self.el("run").click()
-        self.finished()
-        rows = [[td.text for td in tr.find_elements(By.TAG_NAME, "td")]
-                for tr in self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr")]
+        message = self.finished()
+        rows = [[td.get_attribute("title") or td.text for td in tr.find_elements(By.TAG_NAME, "td")]
+                for tr in self.rows()]
         lines = api("metadata", {"start": "2024-01-01T00:00:00Z", "end": "2024-01-01T00:20:00Z",
-                                            "class": ["person"], "region": region, "spans": "2s"})
-        spans = [[l["start"], l["end"], str(l["matches"])] for l in lines if l.get("kind") == "span"]
+                                 "class": ["person"], "region": region, "spans": "2s"})
+        spans = [l for l in lines if l.get("kind") == "span"]
         self.assertGreater(len(spans), 0)
-        self.assertEqual([[r[0], r[1], r[3]] for r in rows], spans)
+        self.assertEqual([[r[0], r[1], r[5]] for r in rows], [[l["start"], l["end"], str(l["matches"])] for l in spans])
+        matches = next(l["results"] for l in lines if "results" in l)
+        self.assertRegex(message, rf"^Finished: {len(spans)} appearances? \({matches} matching frames?\)")
+        if "classes" in spans[0]:  # answered from the index: what appeared, and where
+            self.assertIn("person", rows[0][3])
+            self.assertTrue(self.rows()[0].find_elements(By.CSS_SELECTOR, "svg.boxes rect.end"))
+        cells = self.driver.find_elements(By.CSS_SELECTOR, "#strip .cell")
+        self.assertEqual(len(cells), 48)
+        self.assertEqual(sum(int(c.get_attribute("data-count")) for c in cells), len(spans))
+        busiest = max(cells, key=lambda c: int(c.get_attribute("data-count")))
+        busiest.click()  # narrows the range to its stretch of 25 s
+        start, end = (self.el(i).get_attribute("value") for i in ("start", "end"))
+        self.assertNotEqual(start, "2024-01-01T00:00:00Z")
+        self.assertLessEqual(self.js("return (Date.parse(arguments[1]) - Date.parse(arguments[0])) / 1000",
+                                     start.replace(" ", "T"), end.replace(" ", "T")), 26)
+
+    def test_a_broken_xpath_is_said_beside_it_and_searches_nothing(self):
+        self.search("appearances", *HOUR)
+        self.el("xpath").send_keys("//Object[")
+        self.el("run").click()
+        message = wait_until("the XPath's sentence", lambda: self.el("xpath-error").text)
+        self.assertIn("cannot be used", message)
+        self.assertEqual(self.el("message").text, "")
+        self.assertEqual(self.rows(), [])
+
+    def test_a_search_that_finds_nothing_shows_progress_and_its_status_in_view(self):
+        self.search("appearances", *HOUR)
+        self.el("xpath").send_keys("//Nothing")
+        self.el("run").send_keys(Keys.ENTER)
+        self.assertEqual(self.js("return document.activeElement.id"), "stop")
+        wait_until("progress", lambda: float(self.el("progress").get_attribute("value")) > 0.05)
+        self.assertEqual(self.el("status").get_attribute("aria-live"), "polite")
+        top = self.js("return document.getElementById('message').getBoundingClientRect().top")
+        self.assertTrue(0 <= top < self.js("return innerHeight"), top)
+        self.shot("searching-1280")
+        self.el("stop").send_keys(Keys.ENTER)
+        self.assertRegex(self.finished(), r"^Stopped: 0 appearances \(0 matching frames\); searched through 2024-01-01 00:")
+        self.assertEqual(self.js("return document.activeElement.id"), "run")
 
     def test_stop_ends_the_search_on_the_service_and_says_how_far_it_got(self):
         self.search("appearances", *HOUR)
         self.el("xpath").send_keys("/")
         self.el("run").click()
-        wait_until("a result", lambda: self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr"))
+        wait_until("a result", self.rows)
         self.el("stop").click()
         message = self.finished()
-        self.assertRegex(message, r"^Stopped after \d+ results: searched through 2024-01-01T00:")
-        job = self.driver.execute_script("return performance.getEntriesByType('resource')"
-                                         ".map(e => e.name).filter(n => n.includes('/searches/'))")
+        self.assertRegex(message, r"^Stopped: \d+ appearances? \(\d+ matching frames?\); searched through 2024-01-01 00:")
+        job = self.js("return performance.getEntriesByType('resource')"
+                      ".map(e => e.name).filter(n => n.includes('/searches/'))")
         self.assertEqual(len(job), 1)
         self.assertEqual(search_state(job[0].rsplit("/", 1)[1]), "unknown")
+
+    def test_stop_before_the_search_has_its_id_still_ends_it(self):
+        self.search("appearances", *HOUR)
+        self.el("xpath").send_keys("/")
+        self.js("document.getElementById('run').click(); document.getElementById('stop').click();")
+        self.assertIn("Stopped", self.finished())
+        # Had it gone on walking the hour, two more searches would be one too many.
+        def two_run():
+            try:
+                streams = [request("metadata", {"start": HOUR[0], "end": HOUR[1], "xpath": "/"}) for _ in range(2)]
+            except urllib.error.HTTPError:
+                return False
+            for s in streams:
+                s.close()
+            return True
+        wait_until("room for two searches", two_run, 5)
 
     def test_a_third_search_while_two_run_says_so(self):
         running = [request("metadata", {"start": HOUR[0], "end": HOUR[1], "xpath": ""}) for _ in range(2)]
@@ -151,20 +268,73 @@ class PageTest(unittest.TestCase):
             for r in running:
                 r.close()
 
-    def test_the_events_picture_and_the_coverage_bars_appear(self):
+    # Events and coverage.
+
+    def test_the_events_picture_the_coverage_chart_and_no_stale_rows(self):
         self.search("events", "2024-01-01T00:00:00Z", "2024-01-01T00:10:00Z")
+        Select(self.el("zone")).select_by_value("utc")
         self.el("run").click()
         picture = wait_until("the picture", lambda: self.el("picture").is_displayed() and self.el("picture"))
-        wait_until("the picture to load", lambda: self.driver.execute_script(
+        wait_until("the picture to load", lambda: self.js(
             "return arguments[0].complete && arguments[0].naturalWidth > 0", picture))
+        self.assertRegex(self.el("message").text, r"^Finished: \d+ events? in")
+        self.shot("events-1280")
         self.el("tab-coverage").click()
+        self.assertEqual(self.rows(), [])  # nothing of the events view is left to download
+        self.assertFalse(self.el("download-csv").is_enabled())
         self.el("end").clear()
         self.el("end").send_keys(HOUR[1])
         self.el("run").click()
         self.finished()
         bars = self.driver.find_elements(By.CSS_SELECTOR, "#bars .bar")
         self.assertEqual(len(bars), 4)  # an hour in buckets of 15 minutes
+        self.assertRegex(bars[0].find_element(By.TAG_NAME, "small").text, r"^\d+ %$")
+        self.assertEqual(self.el("bars-from").text, "2024-01-01 00:00:00")
         self.assertTrue(self.driver.find_elements(By.CSS_SELECTOR, "#gaps li"))
+        self.assertTrue(self.el("download-csv").is_enabled())
+        self.el("tab-events").click()
+        self.assertFalse(self.el("download-csv").is_enabled())
+
+    def test_the_layout_at_1280_and_at_360(self):
+        self.search("appearances", "2024-01-01T00:00:00Z", "2024-01-01T00:10:00Z")
+        self.assertLess(self.el("region-left").size["width"], 100)
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=vehicle]").click()
+        self.el("minLikelihood").send_keys("0.5\t")
+        self.el("colour").send_keys("red")
+        wait_until("a long expression", lambda: len(self.el("xpath").get_attribute("value")) > 150)
+        self.assertLessEqual(self.js("const x = document.getElementById('xpath'); return x.scrollHeight - x.clientHeight"), 2)
+        self.el("run").click()
+        self.finished()
+        self.shot("appearances-1280")
+        self.width(360)
+        self.assertFalse(self.el("results").find_element(By.TAG_NAME, "thead").is_displayed())
+        cell = self.rows()[0].find_element(By.TAG_NAME, "td")
+        self.assertEqual(cell.get_attribute("data-label"), "start")
+        self.assertLessEqual(self.js("return document.documentElement.scrollWidth"), 360)
+        self.shot("appearances-360")
+        self.el("tab-events").click()
+        self.el("run").click()
+        wait_until("the picture", lambda: self.el("picture").is_displayed())
+        box = self.el("picture-box")
+        self.assertGreater(self.js("return arguments[0].scrollWidth - arguments[0].clientWidth", box), 0)
+        self.shot("events-360")
+
+    # Last (the name sorts last): it kills the service of the stack.
+    def test_zz_the_service_going_away_is_said_plainly_and_the_header_follows(self):
+        self.search("appearances", *HOUR)
+        self.assertEqual(wait_until("the status", lambda: self.el("service").text), "Search service running")
+        self.el("xpath").send_keys("/")
+        self.el("run").click()
+        wait_until("a result", self.rows)
+        os.kill(SERVICE_PID, signal.SIGKILL)
+        message = wait_until("the sentence", lambda: self.el("problem").text)
+        self.assertIn("search service on the device stopped during the search", message)
+        self.assertNotIn("went away", message)
+        self.assertTrue(wait_until("the search to end", lambda: self.el("run").is_enabled()))
+        self.assertNotIn("Searching", self.el("message").text)
+        self.assertEqual(wait_until("the header to follow", lambda: "not running" in self.el("service").text
+                                    and self.el("service").text, 15), "The search service is not running")
 
 
 if __name__ == "__main__":

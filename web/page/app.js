@@ -1,17 +1,41 @@
 // The search page: token, time range, the three views, live results, stop and download.
 import { ApiError, request, stream, token } from './api.js';
 import { setUpRegion } from './region.js';
+import { makeStrip } from './strip.js';
+import { preset, readTime, showTime, zones } from './time.js';
 import { drawBar, durationText, gapItem, views } from './views.js';
 
 const $ = (id) => document.getElementById(id);
-const FIELDS = ['start', 'end', 'class', 'colour', 'minLikelihood', 'region', 'xpath', 'bucket'];
+const FIELDS = ['start', 'end', 'class', 'colour', 'minLikelihood', 'region', 'xpath', 'bucket', 'devices'];
+const STATUS_EVERY_MS = 5000;
 let view = 'appearances';
-let running = null; // { id, stopped }
+let running = null; // { id, began, stopRequested, controller, failed }
 let lines = [];
 let xpathTyped = false;
+let strip;
 
+const zone = () => $('zone').value;
 const say = (text) => { $('message').textContent = text; };
 const problem = (text) => { $('problem').textContent = text; };
+
+// What each field needs, said for people; the gateway's own reason follows where it adds one.
+const FIELD_HELP = {
+  start: 'Enter when to start: a date and time such as 2024-01-01 13:00, or pick a range above.',
+  end: 'Enter when to end: a date and time such as 2024-01-01 14:00, or pick a range above.',
+  minLikelihood: 'The least likelihood is a number from 0 to 1, such as 0.8.',
+  region: 'The region needs four numbers from 0 to 1, with left below right and top below bottom. Drag on the frame to draw one.',
+  class: 'A class is a plain name, such as person.',
+  colour: 'A colour is a plain name, such as red.',
+  bucket: 'That bucket size gives too many bars for this range; pick a larger one.',
+  devices: 'Pick devices from the list.',
+};
+
+function fieldError(field, message) {
+  const element = $(`${field}-error`);
+  if (!element) return false;
+  element.textContent = field === 'xpath' ? `This XPath cannot be used: ${message.replace(/^xpath: /, '')}` : FIELD_HELP[field] || message;
+  return true;
+}
 
 // Plain sentences for what the gateway answers; a bad value goes next to its field.
 function explain(error) {
@@ -21,13 +45,32 @@ function explain(error) {
     return;
   }
   if (error.status === 429) return problem('Two searches are already running on the device. Try again when one of them finishes.');
-  if (error.status === 502) return problem('The search service is not running on the device, so nothing can be searched now.');
+  if (error.status === 503) return problem('The device is busy with other visitors. Try again in a few seconds.');
+  if (error.status === 502) {
+    showService(false);
+    return problem('The search service is not running on the device, so nothing can be searched now.');
+  }
   if (error.status === 0) return problem('The gateway cannot be reached. Check the connection to the device.');
   if (error.status === 400) {
-    const field = FIELDS.find((name) => error.message.startsWith(`${name}:`) || error.message.startsWith(`${name} `));
-    if (field) return void ($(`${field}-error`).textContent = error.message);
+    const field = error.field || FIELDS.find((name) => error.message.startsWith(`${name}:`));
+    if (field && fieldError(field, error.message)) return;
   }
   problem(error.message);
+}
+
+function showService(up, text) {
+  $('service').textContent = text || (up ? 'Search service running' : 'The search service is not running');
+  $('service').className = up ? 'up' : 'down';
+}
+
+async function refreshService() {
+  try {
+    await request('GET', 'status');
+    showService(true);
+  } catch (error) {
+    if (error.status === 401) throw error;
+    showService(false, error.status === 502 ? '' : 'The gateway cannot be reached');
+  }
 }
 
 function showLogin(message) {
@@ -38,17 +81,28 @@ function showLogin(message) {
 }
 
 async function checkToken() {
-  try {
-    await request('GET', 'status');
-    $('service').textContent = 'Search service running';
-  } catch (error) {
-    if (error.status === 401) throw error;
-    $('service').textContent = error.status === 502 ? 'The search service is not running' : 'The gateway cannot be reached';
-  }
+  await refreshService();
   $('login').hidden = true;
   $('app').hidden = false;
   $('start').focus();
+  await showDevices();
 }
+
+async function showDevices() {
+  let names = [];
+  try {
+    names = (await (await request('GET', 'devices')).json()).devices || [];
+  } catch { /* a gateway without the list: this device only */ }
+  $('devices').hidden = names.length === 0;
+  $('device-choices').replaceChildren(...names.map((name) => {
+    const label = document.createElement('label');
+    const box = Object.assign(document.createElement('input'), { type: 'checkbox', name: 'device', value: name });
+    label.append(box, ` ${name}`);
+    return label;
+  }));
+}
+
+const chosenDevices = () => [...document.querySelectorAll('input[name=device]:checked')].map((c) => c.value);
 
 function filters(getRegion) {
   const classes = [...document.querySelectorAll('input[name=class]:checked')].map((c) => c.value);
@@ -67,24 +121,48 @@ function appearanceFilters(getRegion) {
   return xpathTyped ? { xpath: $('xpath').value } : f;
 }
 
+function fitXPath() {
+  const box = $('xpath');
+  box.style.height = 'auto';
+  box.style.height = `${box.scrollHeight + 2}px`;
+}
+
 async function showXPath(getRegion) {
   if (xpathTyped) return;
   const f = filters(getRegion);
   $('region-error').textContent = '';
   try {
     $('xpath').value = Object.keys(f).length ? (await (await request('POST', 'xpath', f)).json()).xpath : '';
+    fitXPath();
   } catch (error) {
     if (error.status === 400) explain(error);
   }
 }
 
-function showLocal(id) {
-  const text = $(id).value.trim();
-  const t = /^\d+(\.\d+)?$/.test(text) ? new Date(Number(text) * 1000) : new Date(text);
-  $(`${id}-local`).textContent = text && !Number.isNaN(t.getTime()) ? `local time ${t.toLocaleString()}` : '';
+// Under each time: how it was read, in the zone shown and in the other one.
+function showRange() {
+  const read = {};
+  for (const id of ['start', 'end']) {
+    const text = $(id).value.trim();
+    const t = text ? readTime(text, zone()) : null;
+    read[id] = t;
+    const other = zone() === 'utc' ? 'local' : 'utc';
+    $(`${id}-local`).textContent = t && !t.why
+      ? `${showTime(t.seconds, zone())} ${zone() === 'utc' ? 'UTC' : 'here'}; ${showTime(t.seconds, other)} ${other === 'utc' ? 'UTC' : 'here'}` : '';
+  }
+  const backward = read.start && read.end && !read.start.why && !read.end.why && read.start.seconds > read.end.seconds;
+  $('direction').textContent = backward ? 'From is later than To: the search runs backward, latest first.' : '';
+  return read;
+}
+
+function setRange(from, to) {
+  $('start').value = from;
+  $('end').value = to;
+  showRange();
 }
 
 function selectView(name) {
+  if (name === view) return;
   view = name;
   for (const key of Object.keys(views)) {
     const tab = $(`tab-${key}`);
@@ -92,6 +170,8 @@ function selectView(name) {
     tab.tabIndex = key === name ? 0 : -1;
     $(`view-${key}`).hidden = key !== name;
   }
+  // What is shown, and what a download gives, is always this view's.
+  if (!running) resetResults();
 }
 
 function resetResults() {
@@ -102,79 +182,164 @@ function resetResults() {
   table.tHead.replaceChildren();
   table.tBodies[0].replaceChildren();
   const head = table.tHead.insertRow();
-  for (const column of views[view].columns) head.append(Object.assign(document.createElement('th'), { textContent: column }));
+  const columns = [...(chosenDevices().length ? ['device'] : []), ...views[view].columns];
+  for (const column of columns) head.append(Object.assign(document.createElement('th'), { textContent: column, scope: 'col' }));
   table.hidden = true;
   $('bars').replaceChildren();
   $('gaps').replaceChildren();
-  for (const id of ['bars', 'gaps', 'picture']) $(id).hidden = true;
+  for (const id of ['chart', 'gaps', 'picture-box']) $(id).hidden = true;
+  strip.reset(NaN, NaN);
+  setDownloads();
+}
+
+function setDownloads() {
+  $('download-jsonl').disabled = $('download-csv').disabled = running !== null || lines.length === 0;
 }
 
 function progressTo(through, range) {
   const t = Date.parse(through) / 1000;
   const [a, b] = [range.startSeconds, range.endSeconds];
-  if (Number.isFinite(t) && Number.isFinite(a) && Number.isFinite(b) && a !== b) {
-    $('progress').value = Math.min(1, Math.max(0, (t - a) / (b - a)));
-  }
+  if (Number.isFinite(t) && a !== b) $('progress').value = Math.min(1, Math.max(0, (t - a) / (b - a)));
+}
+
+function addRow(line) {
+  const v = views[view];
+  const row = v.row(line, zone());
+  if (!row) return;
+  const tr = $('results').tBodies[0].insertRow();
+  const cells = [...(line.device ? [{ text: line.device }] : []), ...row];
+  const columns = [...$('results').tHead.rows[0].cells].map((th) => th.textContent);
+  cells.forEach((cell, i) => {
+    const td = tr.insertCell();
+    td.dataset.label = columns[i] || '';
+    if (cell.node) td.append(cell.node); else td.textContent = cell.text;
+    if (cell.title) td.title = cell.title;
+    if (cell.time) td.className = 'time';
+  });
+  $('results').hidden = false;
 }
 
 function take(line, range) {
-  if (line.kind === 'search') { running.id = line.id; return; }
+  if (line.kind === 'search') {
+    running.id = line.id;
+    if (running.stopRequested) stop();
+    return;
+  }
   if (line.kind === 'progress') { progressTo(line.through, range); return; }
-  if (line.error) { problem(line.error); return; }
+  if (line.kind === 'notice') return;
+  if (line.device && (line.kind === 'error' || line.kind === 'dropped')) {
+    problem(`${line.device} could not be searched: ${line.error}`);
+    return;
+  }
+  if (line.error) {
+    running.failed = true;
+    problem(/went away|not running|bus/.test(line.error)
+      ? 'The search service on the device stopped during the search. The rows shown are what it found before; search again once it is back.'
+      : `The search ended early: ${line.error}`);
+    return;
+  }
   lines.push(line);
-  if (line.kind === 'gap') { $('gaps').hidden = false; $('gaps').append(gapItem(line)); return; }
-  if (line.kind === 'bucket') { $('bars').hidden = false; drawBar($('bars'), line); }
-  const row = views[view].row(line);
-  if (row) {
-    const tr = $('results').tBodies[0].insertRow();
-    for (const cell of row) tr.insertCell().textContent = cell;
-    $('results').hidden = false;
+  const at = views[view].time(line);
+  if (at !== false) strip.add(at);
+  if (line.kind === 'gap') { $('gaps').hidden = false; $('gaps').append(gapItem(line, zone())); return; }
+  if (line.kind === 'bucket') {
+    $('chart').hidden = false;
+    drawBar($('bars'), line, zone());
+    if (!$('bars-from').textContent) $('bars-from').textContent = showTime(line.start_sec, zone());
+    $('bars-to').textContent = showTime(line.end_sec, zone());
+  }
+  addRow(line);
+  if (!running.scrolled) {
+    running.scrolled = true;
+    bringStatusIntoView();
   }
   if ('results' in line) finish(line);
 }
 
+// Narrow screens: the status and the results to the top, where they are seen; again when the
+// first results make room to scroll.
+function bringStatusIntoView() {
+  $('status').scrollIntoView({ block: matchMedia('(min-width: 1000px)').matches ? 'nearest' : 'start' });
+}
+
+// "26 appearances (2058 matching frames)": one unit, the other in brackets.
+function countText(line) {
+  const rows = $('results').tBodies[0].rows.length;
+  const [one, many] = views[view].unit;
+  const shown = `${rows} ${rows === 1 ? one : many}`;
+  if (!line || view !== 'appearances') return shown;
+  return `${shown} (${line.results} matching ${line.results === 1 ? 'frame' : 'frames'})`;
+}
+
 function finish(line) {
   const took = durationText((performance.now() - running.began) / 1000);
-  const rows = $('results').tBodies[0].rows.length;
   if (line.kind === 'interrupted') {
-    say(`Stopped after ${line.results} results: searched through ${line.time}.`);
+    const through = line.time ? `; searched through ${showTime(line.sec, zone())}` : '';
+    say(`Stopped: ${countText(line)}${through}.`);
   } else if (line.kind === 'ended_elsewhere') {
-    say(`Ended by another client after ${line.results} results.`);
+    say(`Ended by another client: ${countText(line)}.`);
+  } else if (line.kind === 'incomplete') {
+    say(`${countText(line)}, but a recording service failed: results after ${showTime(line.sec, zone())} are missing.`);
   } else {
-    say(`Finished: ${rows} ${rows === 1 ? 'row' : 'rows'} from ${line.results} results in ${took}.`);
+    say(`Finished: ${countText(line)} in ${took}.`);
     $('progress').value = 1;
   }
 }
 
-function timeSeconds(text) {
-  return /^\d+(\.\d+)?$/.test(text) ? Number(text) : Date.parse(text) / 1000;
+// Empty or unreadable fields are said before anything is sent.
+function checkFields(read) {
+  let ok = true;
+  for (const id of ['start', 'end']) {
+    if (!read[id] || read[id].why) {
+      $(`${id}-error`).textContent = FIELD_HELP[id];
+      ok = false;
+    }
+  }
+  if (ok && read.start.seconds === read.end.seconds) {
+    $('end-error').textContent = 'From and To are the same moment; make To later (or earlier, to search backward).';
+    ok = false;
+  }
+  return ok;
+}
+
+function setRunning(on) {
+  const hadFocus = document.activeElement;
+  $('run').disabled = on;
+  $('stop').disabled = !on;
+  $('progress').hidden = !on;
+  // Focus stays on a control, not on the page's body.
+  if (on && (hadFocus === $('run') || hadFocus === document.body)) $('stop').focus();
+  if (!on && (hadFocus === $('stop') || hadFocus === document.body || hadFocus === null)) $('run').focus();
+  setDownloads();
 }
 
 async function run(getRegion) {
   if (running) return;
   resetResults();
-  const range = { start: $('start').value.trim(), end: $('end').value.trim() };
+  const read = showRange();
+  if (!checkFields(read)) return;
+  const range = { start: read.start.api, end: read.end.api };
   const v = views[view];
   const body = v.body(range, appearanceFilters(getRegion), $('bucket').value);
-  running = { id: null, began: performance.now() };
-  Object.assign(range, { startSeconds: timeSeconds(range.start), endSeconds: timeSeconds(range.end) });
-  $('run').disabled = true;
-  $('stop').disabled = false;
-  $('progress').hidden = false;
+  if (chosenDevices().length) body.devices = chosenDevices();
+  running = { id: null, began: performance.now(), stopRequested: false, controller: new AbortController(), failed: false };
+  Object.assign(range, { startSeconds: read.start.seconds, endSeconds: read.end.seconds });
+  strip.reset(read.start.seconds, read.end.seconds);
+  setRunning(true);
   $('progress').value = 0;
-  say('Searching...');
+  say(read.start.seconds > read.end.seconds ? 'Searching backward, latest first...' : 'Searching...');
+  bringStatusIntoView();
   try {
-    await stream(v.path, body, (line) => take(line, range));
-    if (view === 'events') await showPicture(range);
+    await stream(v.path, body, (line) => take(line, range), running.controller.signal);
+    if (running.controller.signal.aborted) say(`Stopped: ${countText(null)}.`);
+    else if (running.failed) say(`Ended early: ${countText(null)}.`);
+    if (view === 'events' && !running.failed && !running.controller.signal.aborted && !body.devices) await showPicture(range);
   } catch (error) {
-    say('');
-    explain(error);
+    say(error.status === -1 ? 'Stopped before the search began.' : '');
+    if (error.status !== -1) explain(error);
   } finally {
     running = null;
-    $('run').disabled = false;
-    $('stop').disabled = true;
-    $('progress').hidden = true;
-    $('download-jsonl').disabled = $('download-csv').disabled = lines.length === 0;
+    setRunning(false);
   }
 }
 
@@ -183,12 +348,19 @@ async function showPicture(range) {
   const picture = $('picture');
   if (picture.src) URL.revokeObjectURL(picture.src);
   picture.src = URL.createObjectURL(svg);
-  picture.hidden = false;
+  $('picture-box').hidden = false;
 }
 
+// Before the search has its id, the stream is closed, which ends it on the device.
 async function stop() {
-  if (!running || running.id === null) return;
+  if (!running) return;
+  running.stopRequested = true;
+  if (running.id === null) {
+    running.controller.abort();
+    return;
+  }
   $('stop').disabled = true;
+  $('run').focus();
   try {
     await request('DELETE', `searches/${running.id}`);
   } catch (error) {
@@ -203,8 +375,12 @@ function download(kind) {
     text = lines.map((line) => JSON.stringify(line)).join('\n') + '\n';
   } else {
     const quote = (cell) => `"${String(cell).replaceAll('"', '""')}"`;
-    const rows = lines.map(v.row).filter(Boolean);
-    text = [v.columns, ...rows].map((row) => row.map(quote).join(',')).join('\r\n') + '\r\n';
+    const withDevice = lines.some((line) => line.device);
+    const rows = lines.map((line) => {
+      const row = v.csv(line);
+      return row && (withDevice ? [line.device, ...row] : row);
+    }).filter(Boolean);
+    text = [[...(withDevice ? ['device'] : []), ...v.csvColumns], ...rows].map((row) => row.map(quote).join(',')).join('\r\n') + '\r\n';
   }
   const link = document.createElement('a');
   link.href = URL.createObjectURL(new Blob([text], { type: kind === 'jsonl' ? 'application/x-ndjson' : 'text/csv' }));
@@ -215,6 +391,11 @@ function download(kind) {
 
 function setUp() {
   const getRegion = setUpRegion(() => showXPath(getRegion));
+  strip = makeStrip($('strip'), (from, to) => {
+    setRange(showTime(from, zone()), showTime(Math.ceil(to), zone()));
+    $('run').focus();
+  });
+  $('zone-local').textContent = `this browser's time zone (${zones.local})`;
   $('token-form').addEventListener('submit', async (event) => {
     event.preventDefault();
     token.set($('token').value.trim());
@@ -229,7 +410,11 @@ function setUp() {
   $('stop').addEventListener('click', stop);
   $('download-jsonl').addEventListener('click', () => download('jsonl'));
   $('download-csv').addEventListener('click', () => download('csv'));
-  for (const id of ['start', 'end']) $(id).addEventListener('input', () => showLocal(id));
+  for (const id of ['start', 'end']) $(id).addEventListener('input', () => { $(`${id}-error`).textContent = ''; showRange(); });
+  $('zone').addEventListener('change', showRange);
+  for (const button of document.querySelectorAll('[data-preset]')) {
+    button.addEventListener('click', () => setRange(...preset(button.dataset.preset, zone())));
+  }
   for (const key of Object.keys(views)) $(`tab-${key}`).addEventListener('click', () => selectView(key));
   $('search-form').querySelector('[role=tablist]').addEventListener('keydown', (event) => {
     const keys = Object.keys(views);
@@ -242,7 +427,14 @@ function setUp() {
   for (const el of document.querySelectorAll('#view-appearances input, #colour')) {
     if (!el.id.startsWith('region-')) el.addEventListener('change', () => showXPath(getRegion));
   }
-  $('xpath').addEventListener('input', () => { xpathTyped = $('xpath').value.trim() !== ''; });
+  $('device-choices').addEventListener('change', () => { if (!running) resetResults(); });
+  $('xpath').addEventListener('input', () => {
+    xpathTyped = $('xpath').value.trim() !== '';
+    $('xpath-error').textContent = '';
+    fitXPath();
+  });
+  setInterval(() => { if (!$('app').hidden) refreshService().catch(() => {}); }, STATUS_EVERY_MS);
+  resetResults();
   if (!token.get()) return showLogin();
   checkToken().catch(() => { token.clear(); showLogin('That token is not accepted here. Check it and paste it again.'); });
 }

@@ -1,4 +1,7 @@
-// The three views: what each asks the API, and how each result line becomes a row.
+// The three views: what each asks the API, and how each result line becomes a row of cells.
+// A cell is { text, title, time, node }: times are shown to the second in the chosen zone with
+// their full precision on hover; downloads carry the lines as they came.
+import { showTime } from './time.js';
 
 const seconds = (line, key) => line[`${key}_sec`] + line[`${key}_usec`] / 1e6;
 
@@ -8,45 +11,99 @@ export function durationText(s) {
   return `${Math.floor(s / 3600)} h ${String(Math.floor((s % 3600) / 60)).padStart(2, '0')} min`;
 }
 
+const timeCell = (line, key, zone) => {
+  const at = key ? seconds(line, key) : line.sec + line.usec / 1e6;
+  return { text: showTime(at, zone), title: line[key || 'time'], time: true };
+};
+
+const SVG = 'http://www.w3.org/2000/svg';
+
+// The frame with the object's box where the appearance began (dashed) and where it ended.
+function boxesPicture(line) {
+  const svg = document.createElementNS(SVG, 'svg');
+  svg.setAttribute('viewBox', '0 0 160 90');
+  svg.setAttribute('class', 'boxes');
+  svg.setAttribute('role', 'img');
+  svg.setAttribute('aria-label', 'where it was at the start (dashed) and at the end');
+  const frame = document.createElementNS(SVG, 'rect');
+  Object.entries({ width: 160, height: 90, class: 'frame' }).forEach(([k, v]) => frame.setAttribute(k, v));
+  svg.append(frame);
+  for (const [key, cls] of [['box_at_start', 'start'], ['box_at_end', 'end']]) {
+    const edges = (line[key] || []).map(Number);
+    if (edges.length !== 4 || edges.some(Number.isNaN)) continue;
+    const [l, t, r, b] = edges;
+    const box = document.createElementNS(SVG, 'rect');
+    Object.entries({ x: l * 160, y: t * 90, width: Math.max(1, (r - l) * 160), height: Math.max(1, (b - t) * 90), class: cls })
+      .forEach(([k, v]) => box.setAttribute(k, v));
+    svg.append(box);
+  }
+  return svg;
+}
+
 export const views = {
   appearances: {
     path: 'metadata',
-    columns: ['start', 'end', 'duration', 'matches'],
+    unit: ['appearance', 'appearances'],
+    columns: ['start', 'end', 'duration', 'what appeared', 'where', 'matches'],
     body: (range, filters) => ({ ...range, ...filters, spans: '2s' }),
-    row: (line) => line.kind === 'span' && [line.start, line.end,
-      durationText(seconds(line, 'end') - seconds(line, 'start')), line.matches],
+    time: (line) => line.kind === 'span' && seconds(line, 'start'),
+    row: (line, zone) => line.kind === 'span' && [
+      timeCell(line, 'start', zone), timeCell(line, 'end', zone),
+      { text: durationText(seconds(line, 'end') - seconds(line, 'start')) },
+      { text: [(line.classes || []).join(', '), line.colour, line.likelihood].filter(Boolean).join(' · '),
+        title: line.likelihood ? `best likelihood ${line.likelihood}` : '' },
+      { text: '', node: line.box_at_start ? boxesPicture(line) : null },
+      { text: String(line.matches) }],
+    csv: (line) => line.kind === 'span' && [line.start, line.end, seconds(line, 'end') - seconds(line, 'start'),
+      (line.classes || []).join(' '), line.colour || '', line.likelihood || '', line.matches],
+    csvColumns: ['start', 'end', 'duration_s', 'classes', 'colour', 'likelihood', 'matches'],
   },
   events: {
     path: 'events',
+    unit: ['event', 'events'],
     columns: ['time', 'what', 'state', 'start state'],
     body: (range) => ({ ...range, startState: true }),
-    row: (line) => (line.kind === 'track' || line.kind === 'recording') && [line.time,
-      line.kind === 'track' ? `track ${line.track}` : 'recording', line.on ? 'on' : 'off',
-      line.start_state ? 'yes' : ''],
+    time: (line) => (line.kind === 'track' || line.kind === 'recording') && line.sec + line.usec / 1e6,
+    row: (line, zone) => (line.kind === 'track' || line.kind === 'recording') && [timeCell(line, '', zone),
+      { text: line.kind === 'track' ? `track ${line.track}` : 'recording' }, { text: line.on ? 'on' : 'off' },
+      { text: line.start_state ? 'yes' : '' }],
+    csv: (line) => (line.kind === 'track' || line.kind === 'recording') && [line.time,
+      line.kind === 'track' ? line.track : 'recording', line.on ? 'on' : 'off', line.start_state ? 'yes' : ''],
+    csvColumns: ['time', 'what', 'state', 'start_state'],
   },
   coverage: {
     path: 'summary',
+    unit: ['bucket', 'buckets'],
     columns: ['from', 'to', 'recorded'],
     body: (range, filters, bucket) => ({ ...range, bucket }),
-    row: (line) => line.kind === 'bucket' && [line.start, line.end,
-      `${Math.floor((100 * line.recording_on_s) / (seconds(line, 'end') - seconds(line, 'start')))} %`],
+    time: () => false,
+    row: (line, zone) => line.kind === 'bucket' && [timeCell(line, 'start', zone), timeCell(line, 'end', zone),
+      { text: `${Math.floor((100 * line.recording_on_s) / (seconds(line, 'end') - seconds(line, 'start')))} %` }],
+    csv: (line) => line.kind === 'bucket' && [line.start, line.end, line.recording_on_s],
+    csvColumns: ['start', 'end', 'recorded_s'],
   },
 };
 
-// One bar per bucket: the share of it that was recorded.
-export function drawBar(bars, line) {
+// One bar per bucket: the share of it that was recorded, its value said on the bar.
+export function drawBar(bars, line, zone) {
   const share = line.recording_on_s / (seconds(line, 'end') - seconds(line, 'start'));
   const bar = document.createElement('div');
   bar.className = 'bar';
-  bar.title = `${line.start}: ${Math.floor(share * 100)} % recorded`;
+  const percent = `${Math.floor(share * 100)} %`;
+  bar.title = `${showTime(seconds(line, 'start'), zone)}: ${percent} recorded`;
+  bar.setAttribute('role', 'img');
+  bar.setAttribute('aria-label', bar.title);
   const fill = document.createElement('span');
   fill.style.height = `${share * 100}%`;
-  bar.append(fill);
+  const value = document.createElement('small');
+  value.textContent = percent;
+  bar.append(value, fill);
   bars.append(bar);
 }
 
-export function gapItem(line) {
+export function gapItem(line, zone) {
   const item = document.createElement('li');
-  item.textContent = `${line.start} to ${line.end}: not recorded for ${durationText(line.duration_s)}`;
+  item.textContent = `${showTime(seconds(line, 'start'), zone)} to ${showTime(seconds(line, 'end'), zone)}: not recorded for ${durationText(line.duration_s)}`;
+  item.title = `${line.start} to ${line.end}`;
   return item;
 }
