@@ -16,7 +16,7 @@ using Body = nlohmann::ordered_json;
 
 namespace {
 
-constexpr std::size_t kLongestLine = 64 * 1024;
+constexpr std::size_t kLongestLine = std::size_t{64} << 10;
 constexpr std::size_t kErrorBody = 4096;
 
 std::string durationField(Micros d)

@@ -42,7 +42,7 @@ std::string checkUrl(const std::string& url)
     if (scheme == std::string::npos) return "expected a URL such as https://camera-1:8470";
     const std::string name = url.substr(0, scheme);
     const std::string rest = url.substr(scheme + 3);
-    const std::string host = rest.substr(0, rest.find_first_of("/"));
+    const std::string host = rest.substr(0, rest.find('/'));
     if (host.empty()) return "the URL has no host";
     if (name == "https") return "";
     if (name != "http") return "the URL must start with https:// (or http:// on loopback)";
@@ -94,7 +94,7 @@ std::vector<Device> readDevices(const std::string& path)
         }
         if (!names.insert(device.name).second) usage(where + device.name + " is named twice");
         if (const std::string why = checkUrl(device.url); !why.empty()) {
-            usage(where + excerpt(device.url) + ": " + why);
+            usage(where + excerpt(device.url) + ": " += why);
         }
         while (!device.url.empty() && device.url.back() == '/') device.url.pop_back();
         try {

@@ -539,12 +539,11 @@ TEST(GatewayPage, PassesItsBrowserTests)
 {
     Gateway gateway;
     auto env = gateway.stack().clientEnv();
-    env.insert(
-        {{"RS_PAGE_URL", gateway.url("")},
-         {"RS_PAGE_TOKEN", kToken},
-         {"RS_BIN_DIR", RS_BIN_DIR},
-         {"RS_SERVICE_PID", std::to_string(gateway.stack().service().pid())},
-         {"RS_SCREENSHOT_DIR", std::string(RS_BIN_DIR) + "/../screenshots"}});
+    env.insert({{"RS_PAGE_URL", gateway.url("")},
+                {"RS_PAGE_TOKEN", kToken},
+                {"RS_BIN_DIR", RS_BIN_DIR},
+                {"RS_SERVICE_PID", std::to_string(gateway.stack().service().pid())},
+                {"RS_SCREENSHOT_DIR", std::string(RS_BIN_DIR) + "/../screenshots"}});
     const auto run =
         rstest::runToEnd("/usr/bin/python3",
                          {std::string(RS_SOURCE_DIR) + "/tests/browser/page_test.py"}, env, 240s);
