@@ -5,6 +5,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -255,6 +256,21 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
     ASSERT_TRUE(rstest::pollUntil([&] { return stack.state().value("documents", 0) > 300; }, 30s));
     stack.index().sendSignal(SIGKILL);
     ASSERT_TRUE(stack.index().waitForExit(5s).has_value());
+    // Without the index a filter search walks, says so in one line, and answers as the walk.
+    const std::vector<std::string> person = {"metadata", kFrom,    "2024-01-01T00:01:00Z",
+                                             "--class",  "person", "--json"};
+    const auto alone = stack.recsearch(person);
+    auto walkArgs = person;
+    walkArgs.push_back("--walk");
+    EXPECT_EQ(answerLines(alone.out), answerLines(stack.recsearch(walkArgs).out));
+    const auto said = lines(alone.out);
+    EXPECT_EQ(std::count_if(said.begin(), said.end(),
+                            [](const std::string& line) {
+                                return line.find("\"notice\"") != std::string::npos &&
+                                       line.find("not running") != std::string::npos;
+                            }),
+              1)
+        << alone.out;
     stack.startIndex();
     const json resumed = stack.waitUntilFollowing();
     // Every document once: none lost or doubled where the kill struck.
