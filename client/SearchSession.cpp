@@ -193,8 +193,10 @@ int SearchSession::streamIndex(const Part& part)
         }
         for (const IndexMatch& match : page) {
             if (limitReached()) break;
+            answeringFromIndex_ = true;
             take(SearchResult{SearchResult::Kind::Metadata, jobId_, match.time, "", false, false},
                  &match);
+            answeringFromIndex_ = false;
             ++fromIndex_;
         }
         if (!indexed_) indexed_ = std::make_pair(part.from, part.to);

@@ -36,6 +36,9 @@ public:
     // Until the search completes or is stopped; 0, or the signal of the Interrupted event
     // (SIGPIPE when the output stopped being read).
     int stream();
+    // While a result handed to the output comes from recording_index, which can wait for a
+    // slow reader, unlike a walk that the service paces.
+    bool answeringFromIndex() const { return answeringFromIndex_; }
 
 private:
     // A stretch of the range, answered by the index or by a walk, from `from` to `to` in the
@@ -78,6 +81,7 @@ private:
     std::string notice_;
     std::deque<ClientEvent> held_;  // the walk's events that came while the index answered
     std::size_t fromIndex_ = 0;
+    bool answeringFromIndex_ = false;
     std::optional<std::pair<TimePoint, TimePoint>> indexed_;
     std::optional<TimePoint> reachedByIndex_;
     std::size_t results_ = 0;

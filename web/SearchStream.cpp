@@ -133,6 +133,7 @@ void SearchStream::interrupt()
         if (done_ || interrupted_) return;
         interrupted_ = true;
     }
+    room_.notify_all();
     push(SIGINT);
 }
 
@@ -217,14 +218,19 @@ bool SearchStream::good() const
     return !overflowed_;
 }
 
+// A walk's results cannot wait (the service sends them at its pace): a reader too far behind
+// ends the search. The index's can, and wait for room, so that a reader that holds back (a
+// merge waiting for a slower device) gets them all.
 void SearchStream::result(const rsclient::SearchResult& result)
 {
-    append(jsonLine(rsclient::resultJson(result)));
+    const std::string line = jsonLine(rsclient::resultJson(result));
+    session_->answeringFromIndex() ? appendWhenRoom(line) : append(line);
 }
 
 void SearchStream::span(uint32_t jobId, const rsclient::Span& span)
 {
-    append(jsonLine(rsclient::spanJson(jobId, span)));
+    const std::string line = jsonLine(rsclient::spanJson(jobId, span));
+    session_->answeringFromIndex() ? appendWhenRoom(line) : append(line);
 }
 
 void SearchStream::reached(rsclient::TimePoint t, std::size_t)
@@ -251,9 +257,11 @@ void SearchStream::appendWhenRoom(const std::string& line)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     room_.wait(lock, [&] {
-        return readerGone_ || lines_.size() - readFrom_ + line.size() <= maxBuffered_;
+        return readerGone_ || interrupted_ ||
+               lines_.size() - readFrom_ + line.size() <= maxBuffered_;
     });
-    if (readerGone_) return;
+    if (readerGone_ || (interrupted_ && lines_.size() - readFrom_ + line.size() > maxBuffered_))
+        return;
     lines_ += line;
     if (readerWants_ != 0 && lines_.size() - readFrom_ >= readerWants_) changed_.notify_all();
 }

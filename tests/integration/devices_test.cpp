@@ -48,7 +48,9 @@ int freePort()
 // One device: its stack and its gateway, with a token of its own.
 class Device {
 public:
-    Device(const std::string& name, unsigned seed)
+    // `indexed`: with recording_index, followed to the recording's end before the gateway starts.
+    Device(const std::string& name, unsigned seed, bool indexed = false,
+           std::vector<std::string> gatewayArgs = {})
         : name_(name),
           recording_(RS_BIN_DIR,
                      {"--seed", std::to_string(seed), "--duration", "1h", "--objects-per-minute",
@@ -57,17 +59,34 @@ public:
           port_(freePort())
     {
         tokenFile_ = dir_.write("token", "token-of-" + name + "\n");
-        startGateway();
+        if (indexed) startIndex();
+        startGateway(std::move(gatewayArgs));
     }
 
-    void startGateway()
+    void startIndex()
+    {
+        index_ = std::make_unique<rstest::ProcessRunner>(
+            bin("recording_index"),
+            std::vector<std::string>{"--database", dir_.file("index.db"), "--poll", "0.2"},
+            stack_.clientEnv());
+        index_->start();
+        const bool following = rstest::pollUntil(
+            [&] { return alone({"index"}).out.find("following") != std::string::npos; }, 60s);
+        if (!following) throw std::runtime_error("the index does not follow");
+    }
+
+    void startGateway(std::vector<std::string> extra = {})
     {
         auto env = stack_.clientEnv();
         env["KAVRO_LOG_FILE"] = dir_.file("web.log");
         web_ = std::make_unique<rstest::ProcessRunner>(
             bin("recording_search_web"),
-            std::vector<std::string>{"--listen", "127.0.0.1:" + std::to_string(port_),
-                                     "--token-file", tokenFile_},
+            [&] {
+                std::vector<std::string> args = {"--listen", "127.0.0.1:" + std::to_string(port_),
+                                                 "--token-file", tokenFile_};
+                args.insert(args.end(), extra.begin(), extra.end());
+                return args;
+            }(),
             env);
         web_->start();
         if (!web_->waitForNotify("READY=1")) throw std::runtime_error("the gateway is not ready");
@@ -92,6 +111,7 @@ private:
     rstest::ServiceStack stack_;
     int port_;
     std::string tokenFile_;
+    std::unique_ptr<rstest::ProcessRunner> index_;
     std::unique_ptr<rstest::ProcessRunner> web_;
 };
 
@@ -288,6 +308,23 @@ TEST_F(Devices, HubStreamsTheMergeUnderItsOwnToken)
     const auto refused = post(R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z",)"
                               R"("class":["vehicle"],"devices":["west"]})");
     EXPECT_EQ(json::parse(refused.out).value("field", ""), "devices") << refused.out;
+}
+
+// A device that answers from its index runs far ahead of one that walks: the merge stops
+// reading it, and its gateway, whose buffer is small here, waits for room instead of ending
+// the search.
+TEST_F(Devices, ADeviceFarAheadWaitsForTheMerge)
+{
+    Device ahead("ahead", 24, true, {"--max-buffered", "4096"});
+    const std::string file =
+        dir_.write("devices-ahead", ahead.line() + "\n" + devices_[2]->line() + "\n");
+    const std::vector<std::string> search = {
+        "metadata", "2024-01-01T00:00:00Z", "2024-01-01T00:30:00Z", "--class", "person", "--json"};
+    const auto together = merged(file, search);
+    ASSERT_EQ(together.status.code, 0) << together.err << lines(together.out).back();
+    const json last = json::parse(lines(together.out).back());
+    EXPECT_EQ(last["devices"][0]["results"], resultLines(ahead.alone(search).out).size()) << last;
+    EXPECT_GT(last["devices"][0]["results"].get<int>(), 2000) << "too few to run ahead";
 }
 
 // Ctrl-C ends every device's search, on each device's service.
