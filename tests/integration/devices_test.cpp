@@ -3,11 +3,7 @@
 // merged stream is each device searched alone on its own bus, tagged and merged by time (ties
 // in the devices file's order).
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -30,20 +26,8 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using reliability::bin;
+using reliability::freePort;
 using reliability::lines;
-
-int freePort()
-{
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(s, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
-    close(s);
-    return ntohs(address.sin_port);
-}
 
 // One device: its stack and its gateway, with a token of its own.
 class Device {
@@ -65,11 +49,7 @@ public:
 
     void startIndex()
     {
-        index_ = std::make_unique<rstest::ProcessRunner>(
-            bin("recording_index"),
-            std::vector<std::string>{"--database", dir_.file("index.db"), "--poll", "0.2"},
-            stack_.clientEnv());
-        index_->start();
+        index_ = reliability::startedIndex(dir_.file("index.db"), stack_);
         const bool following = rstest::pollUntil(
             [&] { return alone({"index"}).out.find("following") != std::string::npos; }, 60s);
         if (!following) throw std::runtime_error("the index does not follow");

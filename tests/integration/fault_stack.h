@@ -3,7 +3,10 @@
 // process's resource use from /proc, and to read a program's output.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +14,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,6 +37,32 @@ inline std::vector<std::string> lines(const std::string& text)
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
+}
+
+// A loopback port nobody listens on at the moment.
+inline int freePort()
+{
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(s, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
+    close(s);
+    return ntohs(address.sin_port);
+}
+
+// recording_index on the stack's bus, keeping `database`, started and ready.
+inline std::unique_ptr<rstest::ProcessRunner> startedIndex(const std::string& database,
+                                                           const rstest::ServiceStack& stack)
+{
+    auto index = std::make_unique<rstest::ProcessRunner>(
+        bin("recording_index"), std::vector<std::string>{"--database", database, "--poll", "0.2"},
+        stack.clientEnv());
+    index->start();
+    if (!index->waitForNotify("READY=1")) throw std::runtime_error("the index is not ready");
+    return index;
 }
 
 // An integer from the environment, for counts and durations that the sanitizer runs scale down.

@@ -48,15 +48,7 @@ public:
         startIndex();
     }
 
-    void startIndex()
-    {
-        index_ = std::make_unique<rstest::ProcessRunner>(
-            bin("recording_index"),
-            std::vector<std::string>{"--database", dir_.file("index.db"), "--poll", "0.2"},
-            stack_.clientEnv());
-        index_->start();
-        if (!index_->waitForNotify("READY=1")) throw std::runtime_error("the index is not ready");
-    }
+    void startIndex() { index_ = reliability::startedIndex(dir_.file("index.db"), stack_); }
 
     json state() const
     {

@@ -29,6 +29,7 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using reliability::bin;
+using reliability::freePort;
 using reliability::lines;
 
 const char* const kToken = "test-token-1";
@@ -41,19 +42,6 @@ rstest::ServiceStack::Options sampleStack()
                      "--video-tracks", "2", "--recording-on", "900", "--recording-off", "60",
                      "--track-on", "300", "--track-off", "30"});
     return {RS_BIN_DIR, sample.path(), {}, true};
-}
-
-int freePort()
-{
-    const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(s, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(s, reinterpret_cast<sockaddr*>(&address), &size);
-    close(s);
-    return ntohs(address.sin_port);
 }
 
 // What arrives on `s` until `marker` has (empty: until the end), within 60 s.
