@@ -86,6 +86,12 @@ std::vector<Device> readDevices(const std::string& path)
             usage(where + "expected NAME URL TOKEN_FILE [CA_FILE], found " +
                   std::to_string(words.size()) + " fields");
         }
+        // The files may also be written token=PATH and ca=PATH.
+        for (std::size_t i = 2; i < words.size(); ++i) {
+            for (const char* key : {"token=", "ca="}) {
+                if (words[i].rfind(key, 0) == 0) words[i].erase(0, std::strlen(key));
+            }
+        }
         Device device{words[0], words[1], "", words.size() == 4 ? words[3] : ""};
         if (device.name.size() > 32 ||
             !std::all_of(device.name.begin(), device.name.end(), nameCharacter)) {

@@ -5,7 +5,8 @@
 // where URL is the device's gateway (https, or http on loopback only, since the token would
 // travel in clear), TOKEN_FILE holds the token on its first line (never the token itself in
 // this file) and CA_FILE pins the certificate authority or certificate its gateway must show.
-// Relative paths are taken from the devices file's folder. Blank lines and lines starting with
+// The two paths may also be written token=TOKEN_FILE and ca=CA_FILE. Relative paths are taken
+// from the devices file's folder. Blank lines and lines starting with
 // '#' are skipped.
 #pragma once
 

@@ -19,7 +19,7 @@ TEST(DeviceList, ReadsDevicesBesideTheirTokensAndChoosesByName)
     dir.write("ca.pem", "-----BEGIN CERTIFICATE-----\n");
     const std::string file = dir.write("devices",
                                        "# site\n\nfront https://10.0.0.5:8470/ front.token ca.pem\n"
-                                       "back\thttp://127.0.0.1:8470 " +
+                                       "back\thttp://127.0.0.1:8470 token=" +
                                            dir.file("back.token") + "\n");
     const auto devices = rsclient::readDevices(file);
     ASSERT_EQ(devices.size(), 2u);
