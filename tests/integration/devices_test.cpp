@@ -34,11 +34,11 @@ class Device {
 public:
     // `indexed`: with recording_index, followed to the recording's end before the gateway starts.
     Device(const std::string& name, unsigned seed, bool indexed = false,
-           std::vector<std::string> gatewayArgs = {})
+           std::vector<std::string> gatewayArgs = {}, const std::string& duration = "1h")
         : name_(name),
           recording_(RS_BIN_DIR,
-                     {"--seed", std::to_string(seed), "--duration", "1h", "--objects-per-minute",
-                      "20", "--track-on", "120", "--track-off", "20"}),
+                     {"--seed", std::to_string(seed), "--duration", duration,
+                      "--objects-per-minute", "20", "--track-on", "120", "--track-off", "20"}),
           stack_({RS_BIN_DIR, recording_.path(), {}, true}),
           port_(freePort())
     {
@@ -51,7 +51,7 @@ public:
     {
         index_ = reliability::startedIndex(dir_.file("index.db"), stack_);
         const bool following = rstest::pollUntil(
-            [&] { return alone({"index"}).out.find("following") != std::string::npos; }, 60s);
+            [&] { return alone({"index"}).out.find("following") != std::string::npos; }, 180s);
         if (!following) throw std::runtime_error("the index does not follow");
     }
 
@@ -228,11 +228,11 @@ TEST_F(Devices, EachFailingDeviceGetsItsLineAndTheRestComplete)
     devices_[2]->gateway().sendSignal(SIGSTOP);
     rstest::ProcessRunner search(
         bin("recsearch"), {"--devices", file, "--device-timeout", "2s", "metadata",
-                           "2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z", "", "--walk", "--json"});
+                           "2024-01-01T00:00:00Z", "2024-01-01T00:20:00Z", "", "--walk", "--json"});
     search.start();
     ASSERT_TRUE(search.waitForStdout("\"device\":\"dying\"", 30s)) << search.stderrText();
     dying.gateway().sendSignal(SIGKILL);
-    const auto status = search.waitForExit(60s);
+    const auto status = search.waitForExit(180s);
     devices_[2]->gateway().sendSignal(SIGCONT);
     ASSERT_TRUE(status.has_value());
     EXPECT_EQ(status->code, 10) << search.stderrText();
@@ -295,7 +295,7 @@ TEST_F(Devices, HubStreamsTheMergeUnderItsOwnToken)
 // the search.
 TEST_F(Devices, ADeviceFarAheadWaitsForTheMerge)
 {
-    Device ahead("ahead", 24, true, {"--max-buffered", "4096"});
+    Device ahead("ahead", 24, true, {"--max-buffered", "4096"}, "30m");
     const std::string file =
         dir_.write("devices-ahead", ahead.line() + "\n" + devices_[2]->line() + "\n");
     const std::vector<std::string> search = {
