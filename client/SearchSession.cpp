@@ -291,13 +291,15 @@ void SearchSession::askProgress()
     }
 }
 
-// Going forward, an appearance still open is sent later with its start as its time: progress
-// stays at that start meanwhile, so that whoever merges by time may trust it.
+// An appearance still open is sent when it closes, dated from its start (its earliest match,
+// whichever way the search goes): until then progress stays at that start, so that whoever
+// merges by time may trust it.
 void SearchSession::report(TimePoint through)
 {
-    if (spans_ && spans_->isOpen() && !earlier(request_.end, request_.start) &&
-        earlier(spans_->open().start, through)) {
-        through = spans_->open().start;
+    if (spans_ && spans_->isOpen()) {
+        const TimePoint held = spans_->open().start;
+        const bool forward = !earlier(request_.end, request_.start);
+        if (forward ? earlier(held, through) : earlier(through, held)) through = held;
     }
     output_.reached(through, results_);
 }

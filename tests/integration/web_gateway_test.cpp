@@ -241,6 +241,38 @@ TEST(GatewayAnswers, AreLineForLineWhatRecsearchPrintsForTheSameQuery)
     EXPECT_EQ(json::parse(xpath.out).at("xpath").get<std::string>() + "\n", shown.out);
 }
 
+// Progress never passes an appearance still open, either way: a merge of many devices trusts
+// that nothing is still to come before a progress line's time.
+TEST(GatewayAnswers, ProgressNeverOvertakesAnAppearanceStillOpen)
+{
+    Gateway gateway;
+    for (const bool backward : {false, true}) {
+        const std::string from = "2024-01-01T00:00:00Z", to = "2024-01-01T00:20:00Z";
+        const auto web =
+            gateway.post("/api/v1/metadata", R"({"start":")" + (backward ? to : from) +
+                                                 R"(","end":")" + (backward ? from : to) +
+                                                 R"(","class":["person"],"spans":"2s"})");
+        std::string through;  // the latest progress line's time, as ISO text
+        int progress = 0, spans = 0;
+        for (const auto& line : lines(web.out)) {
+            const json j = json::parse(line);
+            const std::string kind = j.value("kind", "");
+            if (kind == "progress") {
+                through = j["through"];
+                ++progress;
+            } else if (kind == "span" && !through.empty()) {
+                ++spans;
+                const std::string start = j["start"];
+                EXPECT_TRUE(backward ? start <= through : start >= through)
+                    << (backward ? "backward" : "forward") << ": a span from " << start
+                    << " after progress through " << through;
+            }
+        }
+        EXPECT_GT(progress, 3) << web.out;
+        EXPECT_GT(spans, 3);
+    }
+}
+
 // Each refusal once: its status, and for a bad value the message recsearch gives for it.
 TEST(GatewayRefusals, AnswerEachBadRequestWithItsStatusAndMessage)
 {
