@@ -566,7 +566,7 @@ TEST(GatewayPage, PassesItsBrowserTests)
                 {"RS_SCREENSHOT_DIR", std::string(RS_BIN_DIR) + "/../screenshots"}});
     const auto run =
         rstest::runToEnd("/usr/bin/python3",
-                         {std::string(RS_SOURCE_DIR) + "/tests/browser/page_test.py"}, env, 240s);
+                         {std::string(RS_SOURCE_DIR) + "/tests/browser/page_test.py"}, env, 480s);
     EXPECT_TRUE(run.status.exited && run.status.code == 0) << run.err;
 }
 

@@ -267,7 +267,8 @@ function countText(line) {
   const rows = $('results').tBodies[0].rows.length;
   const [one, many] = views[view].unit;
   const shown = `${rows} ${rows === 1 ? one : many}`;
-  if (!line || view !== 'appearances') return shown;
+  // A merge of many devices counts its lines only.
+  if (!line || line.devices || view !== 'appearances') return shown;
   return `${shown} (${line.results} matching ${line.results === 1 ? 'frame' : 'frames'})`;
 }
 

@@ -16,6 +16,14 @@ const timeCell = (line, key, zone) => {
   return { text: showTime(at, zone), title: line[key || 'time'], time: true };
 };
 
+// The end of a stretch without its date when that is the start's.
+const endCell = (line, zone) => {
+  const cell = timeCell(line, 'end', zone);
+  const start = showTime(seconds(line, 'start'), zone);
+  if (start.slice(0, 10) === cell.text.slice(0, 10)) cell.text = cell.text.slice(11);
+  return cell;
+};
+
 const SVG = 'http://www.w3.org/2000/svg';
 
 // The frame with the object's box where the appearance began (dashed) and where it ended.
@@ -48,7 +56,7 @@ export const views = {
     body: (range, filters) => ({ ...range, ...filters, spans: '2s' }),
     time: (line) => line.kind === 'span' && seconds(line, 'start'),
     row: (line, zone) => line.kind === 'span' && [
-      timeCell(line, 'start', zone), timeCell(line, 'end', zone),
+      timeCell(line, 'start', zone), endCell(line, zone),
       { text: durationText(seconds(line, 'end') - seconds(line, 'start')) },
       { text: [(line.classes || []).join(', '), line.colour, line.likelihood].filter(Boolean).join(' · '),
         title: line.likelihood ? `best likelihood ${line.likelihood}` : '' },
@@ -77,7 +85,7 @@ export const views = {
     columns: ['from', 'to', 'recorded'],
     body: (range, filters, bucket) => ({ ...range, bucket }),
     time: () => false,
-    row: (line, zone) => line.kind === 'bucket' && [timeCell(line, 'start', zone), timeCell(line, 'end', zone),
+    row: (line, zone) => line.kind === 'bucket' && [timeCell(line, 'start', zone), endCell(line, zone),
       { text: `${Math.floor((100 * line.recording_on_s) / (seconds(line, 'end') - seconds(line, 'start')))} %` }],
     csv: (line) => line.kind === 'bucket' && [line.start, line.end, line.recording_on_s],
     csvColumns: ['start', 'end', 'recorded_s'],
