@@ -253,8 +253,9 @@ TEST_F(Devices, EachFailingDeviceGetsItsLineAndTheRestComplete)
 }
 
 // A gateway with a devices file is a hub: a search that names devices streams what recsearch
-// --devices prints, under the hub's own token; one naming a device it does not have is refused.
-TEST_F(Devices, HubStreamsTheMergeUnderItsOwnToken)
+// --devices prints, under the hub's own token, and its page lists the devices and shows their
+// results in one list; a search naming a device it does not have is refused.
+TEST_F(Devices, HubStreamsTheMergeUnderItsOwnTokenAndItsPageShowsIt)
 {
     const std::string file = devicesFile();
     const std::string tokens = dir_.write("hub-tokens", "hub-token\n");
@@ -285,6 +286,15 @@ TEST_F(Devices, HubStreamsTheMergeUnderItsOwnToken)
     }
     EXPECT_EQ(resultLines(results), resultLines(direct.out));
     EXPECT_GT(resultLines(results).size(), 1u);
+    // The hub's page: the devices to tick, and their results in one list.
+    auto env = std::map<std::string, std::string>{
+        {"RS_HUB_URL", "http://127.0.0.1:" + std::to_string(port)},
+        {"RS_HUB_TOKEN", "hub-token"},
+        {"RS_HUB_DEVICES", "north,east,south"}};
+    const auto page = rstest::runToEnd(
+        "/usr/bin/python3", {std::string(RS_SOURCE_DIR) + "/tests/browser/hub_test.py"}, env, 240s);
+    EXPECT_TRUE(page.status.exited && page.status.code == 0) << page.err;
+
     const auto refused = post(R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z",)"
                               R"("class":["vehicle"],"devices":["west"]})");
     EXPECT_EQ(json::parse(refused.out).value("field", ""), "devices") << refused.out;
