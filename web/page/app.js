@@ -435,6 +435,7 @@ function setUp() {
     fitXPath();
   });
   setInterval(() => { if (!$('app').hidden) refreshService().catch(() => {}); }, STATUS_EVERY_MS);
+  addEventListener('resize', fitXPath);
   resetResults();
   if (!token.get()) return showLogin();
   checkToken().catch(() => { token.clear(); showLogin('That token is not accepted here. Check it and paste it again.'); });
