@@ -19,13 +19,8 @@ namespace {
 constexpr std::size_t kLongestLine = std::size_t{64} << 10;
 constexpr std::size_t kErrorBody = 4096;
 
-std::string durationField(Micros d)
-{
-    char text[40];
-    std::snprintf(text, sizeof text, "%lld.%06llds", static_cast<long long>(d.count() / 1000000),
-                  static_cast<long long>(d.count() % 1000000));
-    return text;
-}
+// As the API reads a duration: "2.000000s".
+std::string durationField(Micros d) { return secondsText(timePointAt(d)) + "s"; }
 
 int64_t microsOf(const nlohmann::json& j, const char* sec, const char* usec)
 {

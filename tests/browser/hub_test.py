@@ -2,38 +2,24 @@
 """The page of a hub (a gateway with a devices file) in headless Chromium: the devices to tick,
 and one list of their results in time order with a device column."""
 import os
-import time
 import unittest
 
-from selenium import webdriver
-from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.common.by import By
 
-# Started by Devices.HubPage in devices_test.cpp, with the hub's address and token.
+from browser import chromium, wait_until
+
+# Started by Devices.HubStreamsTheMerge... in devices_test.cpp, with the hub's address and token.
 URL, TOKEN = os.environ["RS_HUB_URL"], os.environ["RS_HUB_TOKEN"]
 DEVICES = os.environ["RS_HUB_DEVICES"].split(",")
 
 
-def wait_until(what, check, timeout=30):
-    end = time.monotonic() + timeout
-    while time.monotonic() < end:
-        result = check()
-        if result:
-            return result
-        time.sleep(0.05)
-    raise AssertionError(f"waited {timeout} s for {what}")
-
-
 class HubPageTest(unittest.TestCase):
     def test_ticked_devices_answer_in_one_list_in_time_order(self):
-        options = Options()
-        for argument in ["--headless=new", "--no-sandbox", "--window-size=1280,900"]:
-            options.add_argument(argument)
-        driver = webdriver.Chrome(options=options)
+        driver = chromium()
         try:
             driver.get(URL + "/")
             driver.find_element(By.ID, "token").send_keys(TOKEN + "\n")
-            boxes = wait_until("the devices", lambda: driver.find_elements(By.CSS_SELECTOR, "input[name=device]"))
+            boxes = wait_until("the devices", lambda: driver.find_elements(By.CSS_SELECTOR, "input[name=device]"), 30)
             self.assertEqual([b.get_attribute("value") for b in boxes], DEVICES)
             for box in boxes[:2]:
                 box.click()
@@ -42,7 +28,7 @@ class HubPageTest(unittest.TestCase):
             driver.find_element(By.ID, "end").send_keys("2024-01-01T00:10:00Z")
             driver.find_element(By.ID, "run").click()
             message = wait_until("the end", lambda: driver.find_element(By.ID, "run").is_enabled()
-                                 and driver.find_element(By.ID, "message").text)
+                                 and driver.find_element(By.ID, "message").text, 30)
             self.assertRegex(message, r"^Finished: \d+ events")
             head = [th.text for th in driver.find_elements(By.CSS_SELECTOR, "#results thead th")]
             self.assertEqual(head[0], "device")

@@ -4,17 +4,16 @@ import json
 import os
 import signal
 import subprocess
-import time
 import unittest
 import urllib.error
 import urllib.request
 
-from selenium import webdriver
-from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select
+
+from browser import chromium, wait_until
 
 # Started by GatewayPage in web_gateway_test.cpp, which runs the stack and the gateway: where
 # they are comes in the environment (and DBUS_SYSTEM_BUS_ADDRESS for recsearch).
@@ -23,16 +22,6 @@ SERVICE_PID = int(os.environ.get("RS_SERVICE_PID", "0"))
 SHOTS = os.environ.get("RS_SCREENSHOT_DIR", "")
 HOUR = ("2024-01-01T00:00:00Z", "2024-01-01T01:00:00Z")
 WAIT = 20  # seconds: every wait is bounded and says what it waited for
-
-
-def wait_until(what, check, timeout=WAIT):
-    end = time.monotonic() + timeout
-    while time.monotonic() < end:
-        result = check()
-        if result:
-            return result
-        time.sleep(0.05)
-    raise AssertionError(f"waited {timeout} s for {what}")
 
 
 def request(path, body):
@@ -57,11 +46,7 @@ def search_state(job):
 class PageTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        options = Options()
-        for argument in ["--headless=new", "--no-sandbox", "--window-size=1280,900"]:
-            options.add_argument(argument)
-        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        cls.driver = webdriver.Chrome(options=options)
+        cls.driver = chromium(logs=True)
 
     @classmethod
     def tearDownClass(cls):
