@@ -11,6 +11,12 @@ export function durationText(s) {
   return `${Math.floor(s / 3600)} h ${String(Math.floor((s % 3600) / 60)).padStart(2, '0')} min`;
 }
 
+// A stretch's length to the microsecond, without a float's noise: "3.580575".
+const exactSeconds = (line) => {
+  const micros = (line.end_sec - line.start_sec) * 1e6 + (line.end_usec - line.start_usec);
+  return `${Math.floor(micros / 1e6)}.${String(micros % 1e6).padStart(6, '0')}`;
+};
+
 const timeCell = (line, key, zone) => {
   const at = key ? seconds(line, key) : line.sec + line.usec / 1e6;
   return { text: showTime(at, zone), title: line[key || 'time'], time: true };
@@ -62,7 +68,7 @@ export const views = {
         title: line.likelihood ? `best likelihood ${line.likelihood}` : '' },
       { text: '', node: line.box_at_start ? boxesPicture(line) : null },
       { text: String(line.matches) }],
-    csv: (line) => line.kind === 'span' && [line.start, line.end, seconds(line, 'end') - seconds(line, 'start'),
+    csv: (line) => line.kind === 'span' && [line.start, line.end, exactSeconds(line),
       (line.classes || []).join(' '), line.colour || '', line.likelihood || '', line.matches],
     csvColumns: ['start', 'end', 'duration_s', 'classes', 'colour', 'likelihood', 'matches'],
   },
