@@ -203,6 +203,9 @@ int showIndex(const Command& c, ServiceConnection& service)
 {
     const auto state = service.indexState();
     if (!state) throw ClientError(ErrorKind::Unreachable, "recording_index is not running");
+    if (state->state == "busy") {
+        throw ClientError(ErrorKind::Busy, "recording_index is busy: too many queries wait");
+    }
     ResultPrinter(std::cout, std::cerr, c.json).index(*state);
     return int(ExitCode::Ok);
 }
@@ -210,7 +213,9 @@ int showIndex(const Command& c, ServiceConnection& service)
 // The search on every chosen device, through their gateways, as one stream.
 int runOnDevices(const Command& command)
 {
-    auto devices = chooseDevices(readDevices(command.devicesFile), command.deviceNames);
+    std::vector<std::string> warnings;
+    auto devices = chooseDevices(readDevices(command.devicesFile, &warnings), command.deviceNames);
+    for (const auto& warning : warnings) std::cerr << "recsearch: warning: " << warning << '\n';
     kavro::tools::StopRequest stop;
     const kavro::tools::StopSignals signals(
         stop, "recsearch: stopped again; leaving without waiting for the devices\n");

@@ -17,6 +17,7 @@ enum class ErrorKind : int {
     ServiceGone = 6,   // the service (or the bus) went away during the search
     UnknownJob = 7,    // state/end of a job id that the service does not know
     AccessDenied = 8,  // the bus's policy does not let this user call the service
+    Busy = 9,          // recording_index has too many calls waiting to take another now
 };
 
 class ClientError : public std::runtime_error {

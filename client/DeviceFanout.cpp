@@ -1,11 +1,5 @@
 #include "client/DeviceFanout.h"
 
-#include <poll.h>
-
-#include <mutex>
-
-#include <curl/curl.h>
-
 #include "client/InputText.h"
 #include "client/ResultJson.h"
 
@@ -18,32 +12,10 @@ namespace {
 
 constexpr std::size_t kLongestLine = std::size_t{64} << 10;
 constexpr std::size_t kErrorBody = 4096;
+constexpr std::chrono::milliseconds kWaitAtMost{100};
 
 // As the API reads a duration: "2.000000s".
 std::string durationField(Micros d) { return secondsText(timePointAt(d)) + "s"; }
-
-int64_t microsOf(const nlohmann::json& j, const char* sec, const char* usec)
-{
-    return j.value(sec, int64_t(0)) * 1000000 + j.value(usec, int64_t(0));
-}
-
-// Where a line goes in the merge; none for a line that is not a result.
-std::optional<MergeKey> keyOf(const std::string& kind, const nlohmann::json& j)
-{
-    if (kind == "metadata" || kind == "track" || kind == "recording")
-        return MergeKey{0, microsOf(j, "sec", "usec")};
-    if (kind == "span" || kind == "bucket")
-        return MergeKey{0, microsOf(j, "start_sec", "start_usec")};
-    if (kind == "count" || kind == "gap")
-        return MergeKey{1, microsOf(j, "start_sec", "start_usec")};
-    return std::nullopt;
-}
-
-void initialiseCurl()
-{
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 }  // namespace
 
@@ -112,148 +84,131 @@ Body devicesEndJson(const DeviceFanout& fanout, const char* how)
     return {{"kind", how}, {"results", results}, {"devices", list}};
 }
 
-struct DeviceFanout::Transfer {
-    DeviceFanout* owner = nullptr;
-    std::size_t device = 0;
-    CURL* easy = nullptr;
-    curl_slist* headers = nullptr;
-    std::string body;
+class DeviceFanout::Receiver : public DeviceTransfers::Receiver {
+public:
+    explicit Receiver(DeviceFanout& fanout) : fanout_(fanout) {}
+    Take bytes(std::size_t device, long status, const char* data, std::size_t size) override
+    {
+        return fanout_.received(device, status, data, size);
+    }
+    void done(std::size_t device, long status, const std::string& failure) override
+    {
+        fanout_.transferDone(device, status, failure);
+    }
+
+private:
+    DeviceFanout& fanout_;
+};
+
+struct DeviceFanout::Stream {
+    DeviceLineReader reader;
     std::string partial;
     std::string errorBody;
-    char curlError[CURL_ERROR_SIZE] = {};
-    bool added = false;
-    bool paused = false;
     bool heard = false;
-    Clock::time_point lastHeard;
+    std::optional<MergeKey> furthest;  // the furthest it has come, by results or progress
+    Clock::time_point movedAt;         // when it last came further
 };
 
 DeviceFanout::DeviceFanout(std::vector<Device> devices, const SearchRequest& request,
                            Options options)
     : devices_(std::move(devices)),
       request_(request),
-      options_(options),
+      options_(std::move(options)),
       outcomes_(devices_.size()),
-      transfers_(devices_.size()),
-      merge_(devices_.size(), earlier(request.end, request.start), options.queueLines)
+      receiver_(std::make_unique<Receiver>(*this)),
+      merge_(devices_.size(), earlier(request.end, request.start), options_.queueBytes)
 {
-    initialiseCurl();
-    multi_ = curl_multi_init();
-    const std::string body = apiBody(request).dump();
-    for (std::size_t d = 0; d < devices_.size(); ++d) {
-        Transfer& t = transfers_[d];
-        t.owner = this;
-        t.device = d;
-        t.body = body;
-        t.easy = curl_easy_init();
-        // The token goes to this device's URL only: no redirects are followed.
-        t.headers =
-            curl_slist_append(t.headers, ("Authorization: Bearer " + devices_[d].token).c_str());
-        t.headers = curl_slist_append(t.headers, "Content-Type: application/json");
-        const std::string url = devices_[d].url + apiPath(request);
-        curl_easy_setopt(t.easy, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(t.easy, CURLOPT_HTTPHEADER, t.headers);
-        curl_easy_setopt(t.easy, CURLOPT_POSTFIELDS, t.body.c_str());
-        curl_easy_setopt(t.easy, CURLOPT_POSTFIELDSIZE, long(t.body.size()));
-        curl_easy_setopt(t.easy, CURLOPT_WRITEFUNCTION, &DeviceFanout::onData);
-        curl_easy_setopt(t.easy, CURLOPT_WRITEDATA, &t);
-        curl_easy_setopt(t.easy, CURLOPT_PRIVATE, &t);
-        curl_easy_setopt(t.easy, CURLOPT_ERRORBUFFER, t.curlError);
-        curl_easy_setopt(t.easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(t.easy, CURLOPT_FOLLOWLOCATION, 0L);
-        curl_easy_setopt(t.easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(t.easy, CURLOPT_CONNECTTIMEOUT_MS, long(options.connectTimeout.count()));
-        curl_easy_setopt(t.easy, CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-        if (!devices_[d].caFile.empty())
-            curl_easy_setopt(t.easy, CURLOPT_CAINFO, devices_[d].caFile.c_str());
+    for (const Device& device : devices_) {
+        streams_.push_back(Stream{DeviceLineReader(device.name, request), "", "", false, {}, {}});
     }
+    transfers_ = std::make_unique<DeviceTransfers>(
+        devices_, apiPath(request), apiBody(request).dump(), options_.connectTimeout, *receiver_);
 }
 
-DeviceFanout::~DeviceFanout()
-{
-    for (Transfer& t : transfers_) {
-        if (t.added) curl_multi_remove_handle(multi_, t.easy);
-        curl_easy_cleanup(t.easy);
-        curl_slist_free_all(t.headers);
-    }
-    curl_multi_cleanup(multi_);
-}
+DeviceFanout::~DeviceFanout() = default;
 
-std::size_t DeviceFanout::onData(char* data, std::size_t size, std::size_t count, void* transfer)
+DeviceTransfers::Receiver::Take DeviceFanout::received(std::size_t device, long status,
+                                                       const char* data, std::size_t size)
 {
-    auto* t = static_cast<Transfer*>(transfer);
-    return t->owner->received(t->device, data, size * count);
-}
-
-std::size_t DeviceFanout::received(std::size_t device, const char* data, std::size_t size)
-{
-    Transfer& t = transfers_[device];
-    if (outcomes_[device].kind != DeviceOutcome::Kind::Searching) return 0;  // ends the transfer
-    long status = 0;
-    curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
+    using Take = DeviceTransfers::Receiver::Take;
+    Stream& s = streams_[device];
+    if (outcomes_[device].kind != DeviceOutcome::Kind::Searching) return Take::Abort;
     if (status != 200) {
-        t.errorBody.append(data,
-                           std::min(size, kErrorBody - std::min(kErrorBody, t.errorBody.size())));
-        return size;
+        s.errorBody.append(data,
+                           std::min(size, kErrorBody - std::min(kErrorBody, s.errorBody.size())));
+        return Take::All;
     }
-    if (merge_.full(device)) {
-        t.paused = true;
-        return CURL_WRITEFUNC_PAUSE;
-    }
-    t.heard = true;
-    t.lastHeard = Clock::now();
-    t.partial.append(data, size);
+    if (merge_.full(device)) return Take::Pause;
+    s.heard = true;
+    s.partial.append(data, size);
     std::size_t from = 0;
-    for (std::size_t end; (end = t.partial.find('\n', from)) != std::string::npos; from = end + 1) {
-        lineArrived(device, t.partial.substr(from, end - from));
-        if (outcomes_[device].kind == DeviceOutcome::Kind::Failed) return 0;
+    for (std::size_t end; (end = s.partial.find('\n', from)) != std::string::npos; from = end + 1) {
+        lineArrived(device, std::string_view(s.partial).substr(from, end - from));
+        if (outcomes_[device].kind != DeviceOutcome::Kind::Searching &&
+            outcomes_[device].kind != DeviceOutcome::Kind::Completed &&
+            outcomes_[device].kind != DeviceOutcome::Kind::Incomplete) {
+            return Take::Abort;
+        }
     }
-    t.partial.erase(0, from);
-    if (t.partial.size() > kLongestLine) {
+    s.partial.erase(0, from);
+    if (s.partial.size() > kLongestLine) {
         leave(device, DeviceOutcome::Kind::Failed, "sent a line longer than 64 KiB");
-        return 0;
+        return Take::Abort;
     }
-    return size;
+    return Take::All;
 }
 
-void DeviceFanout::lineArrived(std::size_t device, const std::string& text)
+// The device came as far as `to`: only beyond where it was counts, so that a device that sends
+// the same line, or anything but progress, again and again is still found stalled.
+void DeviceFanout::advanced(std::size_t device, MergeKey to)
+{
+    Stream& s = streams_[device];
+    const bool backward = earlier(request_.end, request_.start);
+    const bool beyond =
+        !s.furthest || to.rank > s.furthest->rank ||
+        (to.rank == s.furthest->rank &&
+         (backward ? to.micros < s.furthest->micros : to.micros > s.furthest->micros));
+    if (!beyond) return;
+    s.furthest = to;
+    s.movedAt = Clock::now();
+}
+
+void DeviceFanout::lineArrived(std::size_t device, std::string_view text)
 {
     if (outcomes_[device].kind != DeviceOutcome::Kind::Searching) return;
-    const auto j = nlohmann::json::parse(text, nullptr, false);
-    if (!j.is_object()) {
-        leave(device, DeviceOutcome::Kind::Failed,
-              "sent a line that is not a JSON object: " + excerpt(text));
-        return;
-    }
-    const std::string kind = j.value("kind", "");
-    if (const auto key = keyOf(kind, j)) {
-        merge_.add(device, *key, text);
-    } else if (kind == "progress") {
+    DeviceLine line = streams_[device].reader.read(text);
+    switch (line.kind) {
+    case DeviceLine::Kind::Result:
+        merge_.add(device, line.key, std::move(line.text));
+        streams_[device].movedAt = Clock::now();  // each result is news, even at a tie
+        advanced(device, line.key);
+        break;
+    case DeviceLine::Kind::Progress:
         // A summary's lines come after its search, from its start: progress says nothing of them.
-        const auto through = parseTime(j.value("through", ""), nullptr);
-        if (through && request_.kind != SearchRequest::Kind::Summary)
-            merge_.passed(device, MergeKey{0, sinceEpoch(*through).count()});
-    } else if (kind == "notice") {
-        asides_.push_back(tagged(device, text));
-    } else if (kind == "completed") {
+        if (request_.kind != SearchRequest::Kind::Summary) merge_.passed(device, line.key);
+        advanced(device, MergeKey{0, line.searched});
+        break;
+    case DeviceLine::Kind::Aside: asides_.push_back(std::move(line.text)); break;
+    case DeviceLine::Kind::Completed:
         outcomes_[device].kind = DeviceOutcome::Kind::Completed;
         merge_.finish(device);
-    } else if (kind == "incomplete") {
+        break;
+    case DeviceLine::Kind::Incomplete:
         outcomes_[device].kind = DeviceOutcome::Kind::Incomplete;
-        outcomes_[device].error = j.value("error", "a recording service failed");
-        asides_.push_back(tagged(device, text));
+        outcomes_[device].error = line.error;
+        asides_.push_back(std::move(line.text));
         merge_.finish(device);
-    } else if (kind == "interrupted" || kind == "ended_elsewhere") {
-        leave(device, DeviceOutcome::Kind::Failed, "its search was ended on the device");
-    } else if (kind == "error" || j.contains("error")) {
-        leave(device, DeviceOutcome::Kind::Failed, j.value("error", "failed"));
+        break;
+    case DeviceLine::Kind::Failed: leave(device, DeviceOutcome::Kind::Failed, line.error); break;
+    case DeviceLine::Kind::Other: break;
     }
 }
 
-std::string DeviceFanout::tagged(std::size_t device, const std::string& jsonObject) const
+std::string DeviceFanout::tagged(std::size_t device, Body body) const
 {
-    // Names are plain (letters, digits, - _ .), so they need no escaping.
-    const std::string head = "{\"device\":\"" + devices_[device].name + "\"";
-    return jsonObject.size() > 2 ? head + "," + jsonObject.substr(1) : head + "}";
+    Body out = {{"device", devices_[device].name}};
+    out.update(body);
+    return out.dump(-1, ' ', false, Body::error_handler_t::replace);
 }
 
 void DeviceFanout::leave(std::size_t device, DeviceOutcome::Kind kind, const std::string& error)
@@ -262,33 +217,24 @@ void DeviceFanout::leave(std::size_t device, DeviceOutcome::Kind kind, const std
     outcomes_[device].kind = kind;
     outcomes_[device].error = error;
     merge_.finish(device);
-    if (kind == DeviceOutcome::Kind::Failed || kind == DeviceOutcome::Kind::Dropped) {
-        asides_.push_back(tagged(
-            device, Body{{"kind", kind == DeviceOutcome::Kind::Dropped ? "dropped" : "error"},
-                         {"error", error}}
-                        .dump()));
-    }
+    if (kind != DeviceOutcome::Kind::Failed && kind != DeviceOutcome::Kind::Dropped) return;
+    asides_.push_back(tagged(
+        device,
+        {{"kind", kind == DeviceOutcome::Kind::Dropped ? "dropped" : "error"}, {"error", error}}));
+    if (options_.onLeft) options_.onLeft(devices_[device].name, error);
 }
 
-void DeviceFanout::transferDone(std::size_t device, int curlResult)
+void DeviceFanout::transferDone(std::size_t device, long status, const std::string& failure)
 {
-    Transfer& t = transfers_[device];
-    curl_multi_remove_handle(multi_, t.easy);
-    t.added = false;
     if (outcomes_[device].kind != DeviceOutcome::Kind::Searching) return;
-    long status = 0;
-    curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
-    if (curlResult != CURLE_OK) {
-        const std::string why =
-            t.curlError[0] ? t.curlError : curl_easy_strerror(CURLcode(curlResult));
-        leave(
-            device, DeviceOutcome::Kind::Failed,
-            (t.heard ? "its stream broke: " : "cannot reach " + devices_[device].url + ": ") + why);
+    const Stream& s = streams_[device];
+    if (!failure.empty()) {
+        leave(device, DeviceOutcome::Kind::Failed,
+              (s.heard ? "its stream broke: " : "cannot be reached: ") + failure);
         return;
     }
     if (status != 200) {
-        const auto j = nlohmann::json::parse(t.errorBody, nullptr, false);
-        const std::string said = j.is_object() ? j.value("error", "") : excerpt(t.errorBody);
+        const std::string said = errorBodyText(s.errorBody);
         std::string what = "answered HTTP " + std::to_string(status);
         if (status == 401) what = "refused the token (HTTP 401)";
         if (status == 429) what = "is busy (HTTP 429)";
@@ -300,48 +246,43 @@ void DeviceFanout::transferDone(std::size_t device, int curlResult)
 
 void DeviceFanout::emitReady(const std::function<void(const std::string&)>& line)
 {
+    const auto began = Clock::now();
     for (const std::string& aside : asides_) line(aside);
     asides_.clear();
     while (!limitReached_) {
         auto next = merge_.next();
         if (!next) break;
-        line(tagged(next->device, next->text));
+        line(next->text);
         if (next->key.rank != 0) continue;
         ++outcomes_[next->device].results;
         if (request_.maxResults >= 0 && ++emitted_ >= std::size_t(request_.maxResults))
             limitReached_ = true;
     }
+    // Time spent waiting for our own reader held every device back: none of it is a stall.
+    const auto held = Clock::now() - began;
+    for (Stream& s : streams_) s.movedAt += held;
 }
 
 void DeviceFanout::resumeOrDrop()
 {
     const auto now = Clock::now();
-    for (std::size_t d = 0; d < transfers_.size(); ++d) {
-        Transfer& t = transfers_[d];
+    for (std::size_t d = 0; d < streams_.size(); ++d) {
         if (outcomes_[d].kind != DeviceOutcome::Kind::Searching) continue;
-        if (t.paused) {
-            if (merge_.full(d)) continue;
-            t.paused = false;
-            t.lastHeard = now;  // held back by us, not stalled
-            curl_easy_pause(t.easy, CURLPAUSE_CONT);
-        } else if (now - t.lastHeard > options_.stallBound) {
-            leave(
-                d, DeviceOutcome::Kind::Dropped,
-                "no progress for " + durationText(options_.stallBound) + "; left out of the merge");
+        if (transfers_->paused(d)) {
+            streams_[d].movedAt = now;  // held back by us, not stalled
+            if (!merge_.full(d)) transfers_->resume(d);
+        } else if (now - streams_[d].movedAt > options_.stallBound) {
+            leave(d, DeviceOutcome::Kind::Dropped,
+                  "did not move on for " + durationText(options_.stallBound) +
+                      "; left out of the merge");
         }
     }
-}
-
-void DeviceFanout::removeLeft()
-{
-    for (std::size_t d = 0; d < transfers_.size(); ++d) {
-        Transfer& t = transfers_[d];
-        if (t.added && outcomes_[d].kind != DeviceOutcome::Kind::Searching &&
-            outcomes_[d].kind != DeviceOutcome::Kind::Completed &&
-            outcomes_[d].kind != DeviceOutcome::Kind::Incomplete) {
-            // Closing the stream ends the device's search on its gateway.
-            curl_multi_remove_handle(multi_, t.easy);
-            t.added = false;
+    for (std::size_t d = 0; d < streams_.size(); ++d) {
+        const auto kind = outcomes_[d].kind;
+        // Closing the stream ends the device's search on its gateway.
+        if (kind == DeviceOutcome::Kind::Failed || kind == DeviceOutcome::Kind::Dropped ||
+            kind == DeviceOutcome::Kind::Stopped) {
+            transfers_->close(d);
         }
     }
 }
@@ -349,45 +290,26 @@ void DeviceFanout::removeLeft()
 bool DeviceFanout::run(int stopFd, const std::function<void(const std::string&)>& line,
                        const std::function<void(TimePoint)>& reached)
 {
-    const auto began = Clock::now();
-    for (Transfer& t : transfers_) {
-        curl_multi_add_handle(multi_, t.easy);
-        t.added = true;
-        t.lastHeard = began;
-    }
+    for (Stream& s : streams_) s.movedAt = Clock::now();
+    transfers_->startAll();
     std::optional<int64_t> lastReached;
-    while (!merge_.empty()) {
-        int running = 0;
-        curl_multi_perform(multi_, &running);
-        int queued = 0;
-        while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
-            if (message->msg != CURLMSG_DONE) continue;
-            Transfer* t = nullptr;
-            curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &t);
-            transferDone(t->device, message->data.result);
-        }
+    bool stopped = false;
+    while (true) {
+        transfers_->perform();
         emitReady(line);
         if (limitReached_) break;
         resumeOrDrop();
-        removeLeft();
         emitReady(line);
         if (const auto at = merge_.reached(); at && at->rank == 0 && at->micros != lastReached) {
             lastReached = at->micros;
             reached(timePointAt(Micros(at->micros)));
         }
-        if (merge_.empty()) break;
-        curl_waitfd stop{stopFd, CURL_WAIT_POLLIN, 0};
-        curl_multi_poll(multi_, &stop, stopFd >= 0 ? 1 : 0, 100, nullptr);
-        if (stop.revents != 0) {
-            for (std::size_t d = 0; d < devices_.size(); ++d)
-                leave(d, DeviceOutcome::Kind::Stopped, "");
-            removeLeft();
-            return true;
-        }
+        if (merge_.empty() || limitReached_) break;
+        if ((stopped = transfers_->wait(kWaitAtMost, stopFd))) break;
     }
     for (std::size_t d = 0; d < devices_.size(); ++d) leave(d, DeviceOutcome::Kind::Stopped, "");
-    removeLeft();
-    return false;
+    resumeOrDrop();
+    return stopped;
 }
 
 }  // namespace rsclient

@@ -8,14 +8,18 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "client/DeviceLine.h"
 #include "client/DeviceList.h"
 #include "client/DeviceMerge.h"
+#include "client/DeviceTransfers.h"
 #include "client/SearchRequest.h"
 
 namespace rsclient {
@@ -41,17 +45,22 @@ nlohmann::ordered_json devicesEndJson(const DeviceFanout& fanout, const char* ho
 class DeviceFanout {
 public:
     struct Options {
-        std::size_t queueLines = 1024;  // per device, before it is no longer read
+        std::size_t queueBytes = std::size_t{1} << 20;  // per device, before it is no longer read
+        // A device that has not moved on for this long (a result, or progress beyond its last)
+        // is left out, whatever else it sends; time it spent held back by us does not count.
         std::chrono::milliseconds stallBound{10000};
         std::chrono::milliseconds connectTimeout{5000};
+        // Told of each device that fails or is dropped: its name and why.
+        std::function<void(const std::string&, const std::string&)> onLeft;
     };
 
     DeviceFanout(std::vector<Device> devices, const SearchRequest& request, Options options);
     ~DeviceFanout();
 
     // Until every device is done, the limit is reached, or `stopFd` becomes readable (then
-    // true). `line` gets each line, a JSON object that starts with its "device"; `reached` the
-    // least time that every device still searching has passed.
+    // true). `line` gets each line, a JSON object that starts with its "device", and may take
+    // its time: the devices wait meanwhile. `reached` gets the least time that every device
+    // still searching has passed.
     bool run(int stopFd, const std::function<void(const std::string&)>& line,
              const std::function<void(TimePoint)>& reached);
 
@@ -63,24 +72,26 @@ public:
     DeviceFanout& operator=(const DeviceFanout&) = delete;
 
 private:
-    struct Transfer;
+    class Receiver;
+    struct Stream;
 
-    static std::size_t onData(char* data, std::size_t size, std::size_t count, void* transfer);
-    std::size_t received(std::size_t device, const char* data, std::size_t size);
-    void lineArrived(std::size_t device, const std::string& text);
-    void transferDone(std::size_t device, int curlResult);
+    DeviceTransfers::Receiver::Take received(std::size_t device, long status, const char* data,
+                                             std::size_t size);
+    void lineArrived(std::size_t device, std::string_view text);
+    void transferDone(std::size_t device, long status, const std::string& failure);
+    void advanced(std::size_t device, MergeKey to);
     void leave(std::size_t device, DeviceOutcome::Kind kind, const std::string& error);
     void emitReady(const std::function<void(const std::string&)>& line);
     void resumeOrDrop();
-    void removeLeft();
-    std::string tagged(std::size_t device, const std::string& jsonObject) const;
+    std::string tagged(std::size_t device, nlohmann::ordered_json body) const;
 
     std::vector<Device> devices_;
     SearchRequest request_;
     Options options_;
     std::vector<DeviceOutcome> outcomes_;
-    std::vector<Transfer> transfers_;
-    void* multi_ = nullptr;
+    std::vector<Stream> streams_;
+    std::unique_ptr<Receiver> receiver_;
+    std::unique_ptr<DeviceTransfers> transfers_;
     std::size_t emitted_ = 0;
     bool limitReached_ = false;
     std::vector<std::string> asides_;  // lines about a device that leave at once

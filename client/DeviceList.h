@@ -7,9 +7,10 @@
 // this file) and CA_FILE pins the certificate authority or certificate its gateway must show.
 // The two paths may also be written token=TOKEN_FILE and ca=CA_FILE. Relative paths are taken
 // from the devices file's folder. Blank lines and lines starting with
-// '#' are skipped.
+// '#' are skipped. A URL carries no user, password, query or fragment.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -22,11 +23,16 @@ struct Device {
     std::string caFile;  // empty: the system's authorities
 };
 
+// One search goes to at most this many devices.
+constexpr std::size_t kMostDevices = 32;
+
 // Throws ClientError (usage) that names the file and the line of the first bad entry.
-std::vector<Device> readDevices(const std::string& path);
+// `warnings` gets a sentence for each token file that is not kept as a secret should be.
+std::vector<Device> readDevices(const std::string& path,
+                                std::vector<std::string>* warnings = nullptr);
 
 // The named devices in the file's order, or all of them when `names` is empty; an unknown
-// name is a ClientError (usage).
+// name, or more than kMostDevices, is a ClientError (usage).
 std::vector<Device> chooseDevices(const std::vector<Device>& all,
                                   const std::vector<std::string>& names);
 

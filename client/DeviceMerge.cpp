@@ -16,6 +16,7 @@ bool DeviceMerge::before(const MergeKey& a, const MergeKey& b) const
 void DeviceMerge::add(std::size_t device, MergeKey key, std::string line)
 {
     Queue& q = devices_[device];
+    q.bytes += line.size();
     q.lines.emplace_back(key, std::move(line));
     passed(device, key);
 }
@@ -28,10 +29,7 @@ void DeviceMerge::passed(std::size_t device, MergeKey key)
 
 void DeviceMerge::finish(std::size_t device) { devices_[device].finished = true; }
 
-bool DeviceMerge::full(std::size_t device) const
-{
-    return devices_[device].lines.size() >= capacity_;
-}
+bool DeviceMerge::full(std::size_t device) const { return devices_[device].bytes >= capacity_; }
 
 bool DeviceMerge::isPast(std::size_t device, const MergeKey& key, std::size_t from) const
 {
@@ -57,8 +55,10 @@ std::optional<DeviceMerge::Line> DeviceMerge::next()
         if (d != *first && devices_[d].lines.empty() && !isPast(d, key, *first))
             return std::nullopt;
     }
-    Line line{*first, key, std::move(devices_[*first].lines.front().second)};
-    devices_[*first].lines.pop_front();
+    Queue& q = devices_[*first];
+    q.bytes -= q.lines.front().second.size();
+    Line line{*first, key, std::move(q.lines.front().second)};
+    q.lines.pop_front();
     return line;
 }
 

@@ -22,7 +22,7 @@ struct MergeKey {
 
 class DeviceMerge {
 public:
-    // `capacity`: queued lines a device may hold before full() asks to stop reading it.
+    // `capacity`: bytes of queued lines a device may hold before full() asks to stop reading it.
     DeviceMerge(std::size_t devices, bool backward, std::size_t capacity);
 
     void add(std::size_t device, MergeKey key, std::string line);
@@ -48,6 +48,7 @@ public:
 private:
     struct Queue {
         std::deque<std::pair<MergeKey, std::string>> lines;
+        std::size_t bytes = 0;
         std::optional<MergeKey> passed;
         bool finished = false;
     };

@@ -15,7 +15,7 @@ struct IndexState {
     TimePoint through;
     int64_t documents = 0;
     int64_t bytes = 0;
-    std::string state;  // starting, building, following, waiting
+    std::string state;  // starting, building, following, waiting; busy (nothing else known)
 };
 
 // One document that a filter matches, and what appeared in it (the first matching object).

@@ -44,6 +44,9 @@ public:
     virtual void result(const SearchResult& result) = 0;  // not for summaries nor with spans
     virtual void span(uint32_t jobId, const Span& span) = 0;
     virtual void reached(TimePoint /*t*/, std::size_t /*results*/) {}  // after every result
+    // Just before reached(): progress is held back (an appearance still open), while the search
+    // itself has come as far as `t`.
+    virtual void searched(TimePoint /*t*/) {}
     virtual void idle() {}  // nothing arrived for a while
     // The picture cut into buckets of `size` (forEachBucket), then the recording's gaps.
     virtual void coverage(const Picture& picture, Micros size,

@@ -7,13 +7,10 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "client/ClientError.h"
-#include "client/MetadataFilter.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
 #include "kavro/bus/ServiceProxy.h"
 #include "kavro/contract.h"
-#include "kavro/generated/recording_index_proxy.h"
-#include "kavro/generated/recording_information_proxy.h"
 #include "kavro/generated/recording_search_proxy.h"
 
 namespace rsclient {
@@ -24,7 +21,6 @@ constexpr const char* kService = "recording_search";
 // Longer than the service's own 5 s limit on its neighbours: a create or an end may wait that
 // long for them before it answers.
 constexpr std::chrono::seconds kCallTimeout{15};
-constexpr std::chrono::seconds kSpanTimeout{2};
 
 std::string busAddress()
 {
@@ -49,6 +45,9 @@ ClientError classify(const std::string& what, const sdbus::Error& error)
                            "members of the group recording-search-clients may search (an "
                            "administrator adds a user with `usermod -aG recording-search-clients "
                            "USER`; the user then logs in again)");
+    }
+    if (error.getName() == kavro::bus::kBusyErrorName) {
+        return ClientError(ErrorKind::Busy, error.getMessage());
     }
     const kavro_core_status status = kavro::bus::statusFromError(error);
     const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
@@ -297,92 +296,6 @@ EndReply ServiceConnection::endSearch(uint32_t jobId)
         std::tie(reply.jobId, reply.reached.sec, reply.reached.usec) = search_->EndSearch(jobId);
     });
     return reply;
-}
-
-namespace {
-
-constexpr std::chrono::seconds kIndexTimeout{5};
-
-// A proxy of another service on the same connection, for a call or two.
-std::unique_ptr<sdbus::IProxy> neighbour(sdbus::IConnection& connection, const std::string& service)
-{
-    return sdbus::createProxy(connection, kavro::bus::busName(service),
-                              kavro::bus::objectPath(service));
-}
-
-int64_t micros(TimePoint t) { return int64_t(t.sec) * 1000000 + t.usec; }
-TimePoint timeOf(int64_t micros)
-{
-    return TimePoint{uint32_t(micros / 1000000), uint32_t(micros % 1000000)};
-}
-
-}  // namespace
-
-std::optional<IndexState> ServiceConnection::indexState()
-{
-    IndexState state;
-    try {
-        call("GetIndexState", [&] {
-            auto proxy = neighbour(loop_->connection(), "recording_index");
-            int64_t from = 0, through = 0;
-            proxy->callMethod("GetIndexState")
-                .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
-                .withTimeout(kIndexTimeout)
-                .storeResultsTo(from, through, state.documents, state.bytes, state.state);
-            state.from = timeOf(from);
-            state.through = timeOf(through);
-        });
-    } catch (const ClientError&) {
-        return std::nullopt;
-    }
-    return state;
-}
-
-bool ServiceConnection::indexMatches(TimePoint from, TimePoint to, const MetadataFilter& filter,
-                                     uint32_t limit, std::vector<IndexMatch>& page)
-{
-    using Match =
-        sdbus::Struct<int64_t, std::string, std::string, std::string, std::vector<std::string>>;
-    std::vector<Match> matches;
-    bool more = false;
-    std::vector<std::string> region;
-    if (filter.region) {
-        region = {filter.region->left, filter.region->top, filter.region->right,
-                  filter.region->bottom};
-    }
-    call("FindMatches", [&] {
-        auto proxy = neighbour(loop_->connection(), "recording_index");
-        proxy->callMethod("FindMatches")
-            .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
-            .withTimeout(kIndexTimeout)
-            .withArguments(micros(from), micros(to), limit, filter.classes, filter.colour,
-                           filter.minLikelihood, region, filter.motion)
-            .storeResultsTo(matches, more);
-    });
-    page.clear();
-    for (auto& m : matches) {
-        page.push_back(IndexMatch{timeOf(std::get<0>(m)), std::move(std::get<1>(m)),
-                                  std::move(std::get<2>(m)), std::move(std::get<3>(m)),
-                                  std::move(std::get<4>(m))});
-    }
-    return more;
-}
-
-std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan()
-{
-    std::pair<TimePoint, TimePoint> span;
-    try {
-        call("GetRecordingSummary", [&] {
-            auto proxy = neighbour(loop_->connection(), "recording_information");
-            proxy->callMethod("GetRecordingSummary")
-                .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
-                .withTimeout(kSpanTimeout)
-                .storeResultsTo(span.first.sec, span.first.usec, span.second.sec, span.second.usec);
-        });
-    } catch (const ClientError&) {
-        return std::nullopt;
-    }
-    return span;
 }
 
 }  // namespace rsclient

@@ -19,6 +19,7 @@ constexpr std::chrono::microseconds kPause{500};
 constexpr std::size_t kBatch = 256;
 constexpr std::chrono::seconds kBatchAge{1};
 constexpr std::chrono::seconds kRetryEvery{2};
+constexpr std::size_t kRereadAtMost = 64;
 
 Micros micros(unsigned sec, unsigned usec) { return Micros(sec) * 1000000 + usec; }
 
@@ -44,6 +45,12 @@ IndexFollower::IndexFollower(const std::string& databasePath, void* logCookie,
                              std::chrono::milliseconds pollEvery)
     : store_(databasePath, IndexStore::Access::Writer), logCookie_(logCookie), pollEvery_(pollEvery)
 {
+    if (!store_.damage().empty()) {
+        kavro_core_logging_log(logCookie, 4,
+                               "The index %s was damaged (%s); moved aside to %s.damaged and "
+                               "built anew",
+                               databasePath.c_str(), store_.damage().c_str(), databasePath.c_str());
+    }
     kavro_api_recording_information_initiator_init(nullptr, logCookie, &information_, nullptr,
                                                    nullptr);
     kavro_api_recording_data_access_initiator_init(nullptr, logCookie, &dataAccess_, nullptr,
@@ -62,6 +69,41 @@ IndexFollower::~IndexFollower()
     kavro_api_recording_information_initiator_deinit(information_);
 }
 
+void IndexFollower::reread(Micros time)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (reread_.size() >= kRereadAtMost) return;  // the rest when a query meets them again
+        reread_.insert(time);
+    }
+    wake_.notify_all();
+}
+
+// Rows that did not decode, from the recording again; one that is no longer there goes.
+void IndexFollower::rereadRows()
+{
+    std::set<Micros> times;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        times.swap(reread_);
+    }
+    HardenedParser parser;
+    for (const Micros time : times) {
+        Answer answer;
+        if (!fetch(time, answer)) return;
+        if (answer.cur != time) {
+            store_.remove(time);
+            continue;
+        }
+        xmlDocPtr doc = parser.parse(answer.text);
+        store_.replace({time, textHash(answer.text), factsOf(doc)});
+        xmlFreeDoc(doc);
+        kavro_core_logging_log(logCookie_, 5,
+                               "Read the document at %lld again: its row did not decode",
+                               static_cast<long long>(time));
+    }
+}
+
 void IndexFollower::start()
 {
     thread_ = std::thread([this] { run(); });
@@ -70,7 +112,8 @@ void IndexFollower::start()
 bool IndexFollower::sleepFor(std::chrono::milliseconds time)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return !wake_.wait_for(lock, time, [this] { return stopping_; });
+    wake_.wait_for(lock, time, [this] { return stopping_ || !reread_.empty(); });
+    return !stopping_;
 }
 
 void IndexFollower::run()
@@ -126,6 +169,7 @@ void IndexFollower::followOnce()
         state_ = State::Waiting;
         return;
     }
+    rereadRows();
     const Micros trackStart = micros(ss, su), trackEnd = micros(es, eu);
     if (!sameRecording(trackStart)) {
         kavro_core_logging_log(logCookie_, 5, "The recording is not the one indexed; rebuilding");

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -26,6 +27,8 @@ public:
 
     void start();
     State state() const { return state_.load(); }
+    // A query found the row at `time` undecodable: it is read again from the recording.
+    void reread(Micros time);
 
     IndexFollower(const IndexFollower&) = delete;
     IndexFollower& operator=(const IndexFollower&) = delete;
@@ -36,6 +39,7 @@ private:
     void followOnce();
     bool fetch(Micros at, Answer& answer);
     bool sameRecording(Micros trackStart);
+    void rereadRows();
     bool sleepFor(std::chrono::milliseconds time);  // false once stopping
 
     IndexStore store_;
@@ -47,6 +51,7 @@ private:
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
+    std::set<Micros> reread_;  // under mutex_; a few at most
     std::thread thread_;
 };
 

@@ -17,8 +17,6 @@ namespace rsindex {
 
 namespace {
 
-constexpr uint32_t kPageLimit = 10000;
-
 using Match =
     sdbus::Struct<int64_t, std::string, std::string, std::string, std::vector<std::string>>;
 
@@ -27,6 +25,22 @@ using Appearance = sdbus::Struct<int64_t, int64_t, int64_t, std::string, std::st
 using Count = sdbus::Struct<int64_t, int64_t, int64_t>;
 
 constexpr int64_t kMaxBuckets = 10000;
+constexpr std::size_t kStateCallsWaiting = 64;
+constexpr std::size_t kScansWaiting = 16;
+// The last microsecond a recording's time (unsigned seconds and microseconds) can name.
+constexpr Micros kLastTime = Micros(0xffffffffLL) * 1000000 + 999999;
+
+void checkTime(Micros t)
+{
+    if (t < 0 || t > kLastTime) throw std::invalid_argument("a time outside 1970 to 2106");
+}
+
+void checkSpan(const char* what, Micros d)
+{
+    if (d <= 0 || d > kLastTime) {
+        throw std::invalid_argument(std::string(what) + " must be above 0 and within 2106 years");
+    }
+}
 
 rsclient::TimePoint timeOf(Micros micros)
 {
@@ -91,7 +105,7 @@ class IndexService::Adaptor final
     : public sdbus::AdaptorInterfaces<kavro::recording_index_adaptor> {
 public:
     Adaptor(IndexService& service, kavro::bus::BusLoop& loop, const std::string& databasePath,
-            const IndexFollower& follower, void* logCookie)
+            IndexFollower& follower, void* logCookie)
         : AdaptorInterfaces(loop.connection(), kavro::bus::objectPath("recording_index")),
           service_(service),
           loop_(loop),
@@ -99,25 +113,38 @@ public:
           follower_(follower),
           logCookie_(logCookie)
     {
+        // Every unique name that loses its owner: a caller that left the bus.
+        departures_ = loop.connection().addMatch(
+            "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+            "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''",
+            [this](sdbus::Message& message) {
+                std::string name;
+                message >> name;
+                callerLeft(name);
+            });
         registerAdaptor();
     }
     ~Adaptor() { unregisterAdaptor(); }
 
 private:
-    // On the query thread; the reply goes out on the bus loop's thread.
+    // On a query thread; the reply goes out on the bus loop's thread. `work` gets whether its
+    // caller has left the bus, to stop early.
     template <typename... Outs, typename Work>
-    void answer(sdbus::Result<Outs...>&& result, Work work)
+    void answer(sdbus::Result<Outs...>&& result, QueryQueue& queue, Work work)
     {
         auto reply = std::make_shared<sdbus::Result<Outs...>>(std::move(result));
-        service_.post([this, reply, work] {
+        const sdbus::Message* call = getObject().getCurrentlyProcessedMessage();
+        const std::string caller = call != nullptr ? call->getSender() : "";
+        const bool queued = queue.post(caller, [this, reply, work](const std::atomic<bool>& gone) {
             std::optional<std::tuple<Outs...>> outs;
             std::string failure;
             try {
-                outs = work();
+                outs = work(gone);
             } catch (const std::exception& e) {
                 failure = e.what();
                 kavro_core_logging_log(logCookie_, 4, "An index query failed: %s", e.what());
             }
+            if (gone) return;
             loop_.post([reply, outs, failure] {
                 if (outs) {
                     std::apply([&](const auto&... out) { reply->returnResults(out...); }, *outs);
@@ -126,22 +153,34 @@ private:
                 }
             });
         });
+        if (!queued) {
+            reply->returnError(sdbus::Error(kavro::bus::kBusyErrorName,
+                                            "recording_index is busy: too many queries wait"));
+        }
     }
 
-    IndexStore& store()
+    void callerLeft(const std::string& caller)
     {
-        if (!store_)
-            store_ = std::make_unique<IndexStore>(databasePath_, IndexStore::Access::Reader);
-        return *store_;
+        service_.state_.callerLeft(caller);
+        service_.scans_.callerLeft(caller);
+    }
+
+    IndexStore& store() { return opened(store_); }
+    IndexStore& stateStore() { return opened(stateStore_); }
+    IndexStore& opened(std::unique_ptr<IndexStore>& reader)
+    {
+        if (!reader)
+            reader = std::make_unique<IndexStore>(databasePath_, IndexStore::Access::Reader);
+        return *reader;
     }
 
     void GetIndexState(
         sdbus::Result<int64_t, int64_t, int64_t, int64_t, std::string>&& result) override
     {
-        answer(std::move(result), [this] {
-            const auto span = store().span();
+        answer(std::move(result), service_.state_, [this](const std::atomic<bool>&) {
+            const auto span = stateStore().span();
             return std::make_tuple(span ? span->from : 0, span ? span->through : 0,
-                                   span ? span->documents : 0, store().bytesOnDisk(),
+                                   span ? span->documents : 0, stateStore().bytesOnDisk(),
                                    std::string(stateName(follower_.state())));
         });
     }
@@ -152,21 +191,22 @@ private:
                      bool motion) override
     {
         const auto f = filterOf(classes, colour, minLikelihood, region, motion);
-        answer(std::move(result), [this, f, from, to, limit] {
-            const IndexFilter filter(f);
-            const uint32_t most = std::min(limit, kPageLimit);
-            std::vector<Match> matches;
-            bool more = false;
-            scan(filter, from, to, [&](Micros time, const DocumentFacts& facts) {
-                if (matches.size() == most) {
-                    more = true;
-                    return false;
-                }
-                matches.push_back(wireMatch(matchOf(time, filter.matchingObject(facts))));
-                return true;
-            });
-            return std::make_tuple(std::move(matches), more);
-        });
+        answer(std::move(result), service_.scans_,
+               [this, f, from, to, limit](const std::atomic<bool>& gone) {
+                   const IndexFilter filter(f);
+                   const uint32_t most = std::min(limit, service_.pageLimit());
+                   std::vector<Match> matches;
+                   bool more = false;
+                   scan(filter, from, to, gone, [&](Micros time, const DocumentFacts& facts) {
+                       if (matches.size() == most) {
+                           more = true;
+                           return false;
+                       }
+                       matches.push_back(wireMatch(matchOf(time, filter.matchingObject(facts))));
+                       return true;
+                   });
+                   return std::make_tuple(std::move(matches), more);
+               });
     }
 
     // Appearances by the clients' own grouping (client/Spans), so that they are --spans'.
@@ -176,35 +216,36 @@ private:
                          std::vector<std::string> region, bool motion) override
     {
         const auto f = filterOf(classes, colour, minLikelihood, region, motion);
-        answer(std::move(result), [this, f, from, to, gap, limit] {
-            const IndexFilter filter(f);
-            if (gap <= 0) throw std::invalid_argument("the gap must be above 0");
-            const uint32_t most = std::min(limit, kPageLimit);
-            rsclient::SpanGrouper grouper{rsclient::Micros(gap)};
-            std::optional<rsclient::Appeared> seen;
-            std::vector<Appearance> appearances;
-            bool more = false;
-            scan(filter, from, to, [&](Micros time, const DocumentFacts& facts) {
-                if (auto closed = grouper.add(timeOf(time))) {
-                    closed->appeared = std::exchange(seen, std::nullopt);
-                    appearances.push_back(wireAppearance(*closed));
-                    if (appearances.size() == most) {
-                        more = true;
-                        return false;
-                    }
-                }
-                rsclient::noteAppeared(seen, grouper.open(),
-                                       matchOf(time, filter.matchingObject(facts)));
-                return true;
-            });
-            if (!more) {
-                if (auto open = grouper.finish()) {
-                    open->appeared = std::move(seen);
-                    appearances.push_back(wireAppearance(*open));
-                }
-            }
-            return std::make_tuple(std::move(appearances), more);
-        });
+        answer(std::move(result), service_.scans_,
+               [this, f, from, to, gap, limit](const std::atomic<bool>& gone) {
+                   const IndexFilter filter(f);
+                   checkSpan("gap", gap);
+                   const uint32_t most = std::min(limit, service_.pageLimit());
+                   rsclient::SpanGrouper grouper{rsclient::Micros(gap)};
+                   std::optional<rsclient::Appeared> seen;
+                   std::vector<Appearance> appearances;
+                   bool more = false;
+                   scan(filter, from, to, gone, [&](Micros time, const DocumentFacts& facts) {
+                       if (auto closed = grouper.add(timeOf(time))) {
+                           closed->appeared = std::exchange(seen, std::nullopt);
+                           appearances.push_back(wireAppearance(*closed));
+                           if (appearances.size() == most) {
+                               more = true;
+                               return false;
+                           }
+                       }
+                       rsclient::noteAppeared(seen, grouper.open(),
+                                              matchOf(time, filter.matchingObject(facts)));
+                       return true;
+                   });
+                   if (!more) {
+                       if (auto open = grouper.finish()) {
+                           open->appeared = std::move(seen);
+                           appearances.push_back(wireAppearance(*open));
+                       }
+                   }
+                   return std::make_tuple(std::move(appearances), more);
+               });
     }
 
     void CountPerBucket(sdbus::Result<std::vector<Count>>&& result, int64_t from, int64_t to,
@@ -213,87 +254,69 @@ private:
                         std::vector<std::string> region, bool motion) override
     {
         const auto f = filterOf(classes, colour, minLikelihood, region, motion);
-        answer(std::move(result), [this, f, from, to, bucket, gap] {
-            const IndexFilter filter(f);
-            const Micros lo = std::min(from, to), hi = std::max(from, to);
-            if (bucket <= 0 || gap <= 0) throw std::invalid_argument("bucket and gap above 0");
-            if ((hi - lo) / bucket >= kMaxBuckets) throw std::invalid_argument("too many buckets");
-            std::vector<Count> counts;
-            for (Micros at = lo; at <= hi; at += bucket) counts.emplace_back(at, 0, 0);
-            rsclient::SpanGrouper grouper{rsclient::Micros(gap)};
-            bool first = true;
-            scan(filter, lo, hi, [&](Micros time, const DocumentFacts&) {
-                auto& count = counts[std::size_t((time - lo) / bucket)];
-                const bool starts = grouper.add(timeOf(time)).has_value() || first;
-                first = false;
-                if (starts) ++std::get<1>(count);
-                ++std::get<2>(count);
-                return true;
-            });
-            return std::make_tuple(std::move(counts));
-        });
+        answer(std::move(result), service_.scans_,
+               [this, f, from, to, bucket, gap](const std::atomic<bool>& gone) {
+                   const IndexFilter filter(f);
+                   checkSpan("bucket", bucket);
+                   checkSpan("gap", gap);
+                   checkTime(from);
+                   checkTime(to);
+                   const Micros lo = std::min(from, to), hi = std::max(from, to);
+                   // Both within the time a recording can have, so that no step below overflows.
+                   const int64_t buckets = (hi - lo) / bucket + 1;
+                   if (buckets > kMaxBuckets) throw std::invalid_argument("too many buckets");
+                   std::vector<Count> counts;
+                   for (int64_t i = 0; i < buckets; ++i) counts.emplace_back(lo + i * bucket, 0, 0);
+                   rsclient::SpanGrouper grouper{rsclient::Micros(gap)};
+                   bool first = true;
+                   scan(filter, lo, hi, gone, [&](Micros time, const DocumentFacts&) {
+                       auto& count = counts[std::size_t((time - lo) / bucket)];
+                       const bool starts = grouper.add(timeOf(time)).has_value() || first;
+                       first = false;
+                       if (starts) ++std::get<1>(count);
+                       ++std::get<2>(count);
+                       return true;
+                   });
+                   return std::make_tuple(std::move(counts));
+               });
     }
 
-    // The documents that the filter matches, in the order the range asks for.
-    void scan(const IndexFilter& filter, Micros from, Micros to,
+    // The documents that the filter matches, in the order the range asks for, until the caller
+    // leaves. A row that does not decode fails the query (the client walks that stretch) and
+    // is read again from the recording.
+    void scan(const IndexFilter& filter, Micros from, Micros to, const std::atomic<bool>& gone,
               const std::function<bool(Micros, const DocumentFacts&)>& each)
     {
-        store().scan(std::min(from, to), std::max(from, to), from <= to,
-                     [&](Micros time, const DocumentFacts& facts) {
-                         return !filter.matches(facts) || each(time, facts);
-                     });
+        checkTime(from);
+        checkTime(to);
+        try {
+            store().scan(std::min(from, to), std::max(from, to), from <= to,
+                         [&](Micros time, const DocumentFacts& facts) {
+                             return !gone && (!filter.matches(facts) || each(time, facts));
+                         });
+        } catch (const UndecodableRow& row) {
+            follower_.reread(row.time);
+            throw;
+        }
     }
 
     IndexService& service_;
     kavro::bus::BusLoop& loop_;
     std::string databasePath_;
-    const IndexFollower& follower_;
+    IndexFollower& follower_;
     void* logCookie_;
-    std::unique_ptr<IndexStore> store_;  // the query thread's own reader
+    std::unique_ptr<IndexStore> store_;       // the scans' own reader
+    std::unique_ptr<IndexStore> stateStore_;  // the state's
+    sdbus::Slot departures_;
 };
 
 IndexService::IndexService(kavro::bus::BusLoop& loop, const std::string& databasePath,
-                           const IndexFollower& follower, void* logCookie)
-    : thread_([this] { run(); })
+                           IndexFollower& follower, void* logCookie, uint32_t pageLimit)
+    : pageLimit_(std::max(pageLimit, 1u)), state_(kStateCallsWaiting), scans_(kScansWaiting)
 {
     adaptor_ = std::make_unique<Adaptor>(*this, loop, databasePath, follower, logCookie);
 }
 
-IndexService::~IndexService()
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-    }
-    ready_.notify_all();
-    thread_.join();
-    adaptor_.reset();
-}
-
-void IndexService::post(std::function<void()> work)
-{
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        work_.push_back(std::move(work));
-    }
-    ready_.notify_one();
-}
-
-void IndexService::run()
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    while (true) {
-        ready_.wait(lock, [this] { return stopping_ || !work_.empty(); });
-        if (stopping_) return;
-        auto work = std::move(work_.front());
-        work_.pop_front();
-        lock.unlock();
-        work();
-        // Gone before the lock is taken again: it may hold the last reference to a reply, whose
-        // release takes the bus connection's lock, which the loop holds while it posts here.
-        work = nullptr;
-        lock.lock();
-    }
-}
+IndexService::~IndexService() = default;
 
 }  // namespace rsindex

@@ -1,16 +1,16 @@
-// kavro.recording_index on the bus. Every call is answered from a query thread of its own, so
-// that no query holds up the bus; each answer is bounded (a page of matches at most).
+// kavro.recording_index on the bus. Every call is answered from a query thread, so that no query
+// holds up the bus; each answer is bounded (a page of matches at most). The state is answered
+// apart from the scans, so that it never waits behind them. Beyond a few waiting calls, a
+// caller is told at once that the index is busy; a caller that leaves the bus has its calls
+// dropped, and its running scan stopped.
 #pragma once
 
-#include <condition_variable>
-#include <deque>
-#include <functional>
+#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 
 #include "index/IndexFollower.h"
+#include "index/QueryQueue.h"
 
 namespace kavro {
 namespace bus {
@@ -22,11 +22,12 @@ namespace rsindex {
 
 class IndexService {
 public:
+    // `pageLimit`: the most matches or appearances one answer holds.
     IndexService(kavro::bus::BusLoop& loop, const std::string& databasePath,
-                 const IndexFollower& follower, void* logCookie);
-    ~IndexService();  // joins the query thread, then unregisters: stop the loop first
+                 IndexFollower& follower, void* logCookie, uint32_t pageLimit = 10000);
+    ~IndexService();  // joins the query threads, then unregisters: stop the loop first
 
-    void post(std::function<void()> work);  // to the query thread
+    uint32_t pageLimit() const { return pageLimit_; }
 
     IndexService(const IndexService&) = delete;
     IndexService& operator=(const IndexService&) = delete;
@@ -34,14 +35,11 @@ public:
     class Adaptor;
 
 private:
-    void run();
-
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<std::function<void()>> work_;
-    bool stopping_ = false;
-    std::thread thread_;
+    uint32_t pageLimit_;
+    // Built after the queues, gone after them: no query runs once it is unregistered.
     std::unique_ptr<Adaptor> adaptor_;
+    QueryQueue state_;
+    QueryQueue scans_;
 };
 
 }  // namespace rsindex

@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cstdio>
+#include <optional>
+
 #include <sqlite3.h>
 
 namespace rsindex {
@@ -26,6 +29,34 @@ store::SqliteDb::Mode modeOf(IndexStore::Access access)
                                                 : store::SqliteDb::Mode::ReadOnly;
 }
 
+// Why the file cannot serve as the index, or nothing when it can (or is not there yet).
+std::optional<std::string> damageOf(const std::string& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    try {
+        store::SqliteDb db(path, store::SqliteDb::Mode::ReadWrite);
+        store::Statement check(db, "PRAGMA quick_check(1)");
+        const std::string verdict = check.step() ? check.columnText(0) : "no verdict";
+        if (verdict != "ok") return verdict;
+    } catch (const std::exception& e) {
+        return std::string(e.what());
+    }
+    return std::nullopt;
+}
+
+// The writer's file, checked; a damaged one moved aside, with its log gone.
+std::string checkedPath(const std::string& path, IndexStore::Access access, std::string& damage)
+{
+    if (access != IndexStore::Access::Writer) return path;
+    if (const auto why = damageOf(path)) {
+        damage = *why;
+        std::rename(path.c_str(), (path + ".damaged").c_str());
+        for (const char* suffix : {"-wal", "-shm"}) std::remove((path + suffix).c_str());
+    }
+    return path;
+}
+
 }  // namespace
 
 uint64_t textHash(const std::string& text)
@@ -39,7 +70,7 @@ uint64_t textHash(const std::string& text)
 }
 
 IndexStore::IndexStore(const std::string& path, Access access)
-    : path_(path), db_(path, modeOf(access))
+    : path_(checkedPath(path, access, damage_)), db_(path_, modeOf(access))
 {
     sqlite3_busy_timeout(db_.handle(), 5000);
     if (access == Access::Writer) {
@@ -115,6 +146,28 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
     transaction.commit();
 }
 
+void IndexStore::replace(const IndexedDocument& d)
+{
+    store::Transaction transaction(db_);
+    store::Statement document(
+        db_, "UPDATE documents SET motion = ?2, hash = ?3, facts = ?4 WHERE t = ?1");
+    document.bind(1, d.time)
+        .bind(2, d.facts.motion ? 1 : 0)
+        .bind(3, int64_t(d.hash))
+        .bindBlob(4, encode(d.facts))
+        .run();
+    transaction.commit();
+}
+
+void IndexStore::remove(Micros time)
+{
+    store::Transaction transaction(db_);
+    store::Statement document(db_, "DELETE FROM documents WHERE t = ?");
+    document.bind(1, time).run();
+    counted(-int64_t(sqlite3_changes(db_.handle())));
+    transaction.commit();
+}
+
 void IndexStore::counted(int64_t change)
 {
     store::Statement q(db_, "UPDATE kept SET documents = documents + ?");
@@ -150,9 +203,15 @@ void IndexStore::scan(Micros from, Micros to, bool ascending,
                                         "WHERE t BETWEEN ?1 AND ?2 ORDER BY t DESC");
     q.bind(1, from).bind(2, to);
     while (q.step()) {
-        DocumentFacts facts = decode(q.columnText(2));
+        const Micros time = q.columnInt(0);
+        DocumentFacts facts;
+        try {
+            facts = decode(q.columnText(2));
+        } catch (const std::runtime_error&) {
+            throw UndecodableRow(time);
+        }
         facts.motion = q.columnInt(1) != 0;
-        if (!each(q.columnInt(0), facts)) return;
+        if (!each(time, facts)) return;
     }
 }
 

@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -32,11 +33,27 @@ struct IndexSpan {
     int64_t documents = 0;
 };
 
+// A row whose facts do not decode: the index is a cache, so it is read again from the recording.
+struct UndecodableRow : std::runtime_error {
+    explicit UndecodableRow(Micros at)
+        : std::runtime_error(
+              "a row of the index does not decode; it is read again from the "
+              "recording"),
+          time(at)
+    {
+    }
+    Micros time;
+};
+
 class IndexStore {
 public:
     enum class Access { Writer, Reader };
+    // The writer first checks the file: one that does not open or fails SQLite's check is moved
+    // aside (to PATH.damaged) and the index starts anew; damage() then says why.
     IndexStore(const std::string& path, Access access);
     ~IndexStore();
+
+    const std::string& damage() const { return damage_; }
 
     std::optional<IndexSpan> span();
     int64_t bytesOnDisk();
@@ -47,12 +64,16 @@ public:
 
     // Writer only.
     void add(const std::vector<IndexedDocument>& batch);
+    // One document read again: in place of what the index held at its time.
+    void replace(const IndexedDocument& document);
+    void remove(Micros time);
     // Folds the log into the file and empties it, where no reader holds it back.
     void settle();
     void dropBefore(Micros time);
     void clear();
 
-    // Documents in [from, to], ascending or descending, until `each` returns false.
+    // Documents in [from, to], ascending or descending, until `each` returns false. Throws
+    // UndecodableRow.
     void scan(Micros from, Micros to, bool ascending,
               const std::function<bool(Micros, const DocumentFacts&)>& each);
 
@@ -62,6 +83,7 @@ public:
 private:
     void counted(int64_t change);  // inside the writer's transaction
 
+    std::string damage_;
     std::string path_;
     store::SqliteDb db_;
 };

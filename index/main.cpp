@@ -36,12 +36,19 @@ Examples:
   recsearch index
 )HELP";
 
-int serve(const std::string& database, std::chrono::milliseconds poll, void* log,
-          const kavro::tools::StopRequest& stop)
+struct Settings {
+    std::string database = "/var/lib/recording_index/index.db";
+    double pollSeconds = 3;
+    uint32_t page = 10000;
+};
+
+int serve(const Settings& settings, void* log, const kavro::tools::StopRequest& stop)
 {
-    rsindex::IndexFollower follower(database, log, poll);
+    const std::string& database = settings.database;
+    rsindex::IndexFollower follower(
+        database, log, std::chrono::milliseconds(int64_t(settings.pollSeconds * 1000)));
     kavro::bus::BusLoop loop(kavro::bus::connectToBus());
-    rsindex::IndexService service(loop, database, follower, log);
+    rsindex::IndexService service(loop, database, follower, log, settings.page);
     loop.connection().requestName(kavro::bus::busName("recording_index"));
     bool lost = false;
     loop.start([&](const std::string&) { lost = true; });
@@ -57,14 +64,17 @@ int serve(const std::string& database, std::chrono::milliseconds poll, void* log
 
 int run(int argc, char** argv)
 {
-    std::string database = "/var/lib/recording_index/index.db";
-    double pollSeconds = 3;
+    Settings settings;
     CLI::App app("The appearance index of the recording's metadata.", "recording_index");
-    app.add_option("--database", database,
+    app.add_option("--database", settings.database,
                    "the index file (default /var/lib/recording_index/index.db)")
         ->type_name("FILE");
-    app.add_option("--poll", pollSeconds, "seconds between looks at the track's end (default 3)")
+    app.add_option("--poll", settings.pollSeconds,
+                   "seconds between looks at the track's end (default 3)")
         ->check(CLI::Range(0.05, 3600.0));
+    app.add_option("--page", settings.page,
+                   "the most matches or appearances in one answer (default 10000)")
+        ->check(CLI::Range(1u, 10000u));
     app.set_version_flag("--version", "recording_index 0.1.0");
     app.footer(kFooter);
     try {
@@ -81,7 +91,7 @@ int run(int argc, char** argv)
     kavro_core_logging_init("RECORDING_INDEX", &log);
     int status = 1;
     try {
-        status = serve(database, std::chrono::milliseconds(int64_t(pollSeconds * 1000)), log, stop);
+        status = serve(settings, log, stop);
     } catch (const sdbus::Error& e) {
         std::fprintf(stderr, "recording_index: bus: %s\n", e.getMessage().c_str());
         kavro_core_logging_log(log, 3, "bus: %s", e.getMessage().c_str());

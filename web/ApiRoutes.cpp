@@ -178,10 +178,14 @@ Reply ApiRoutes::search(const RequestHead& head, const std::string& text)
         }
         ++streamsOpen_;
     }
-    auto stream = devices.empty()
-                      ? std::make_shared<SearchStream>(request, options_.limits.bufferedBytes)
-                      : std::make_shared<SearchStream>(request, options_.limits.bufferedBytes,
-                                                       devices, nextHubId());
+    auto stream =
+        devices.empty()
+            ? std::make_shared<SearchStream>(request, options_.limits.bufferedBytes)
+            : std::make_shared<SearchStream>(
+                  request, options_.limits.bufferedBytes, devices, nextHubId(),
+                  [this](const std::string& device, const std::string& why) {
+                      log(LOG_WARNING, "device " + device + " left a merged search: " + why);
+                  });
     try {
         stream->start();
     } catch (...) {
@@ -246,7 +250,7 @@ std::vector<rsclient::Device> ApiRoutes::chosenDevices(const json& body) const
     if (options_.devices.empty()) {
         throw ApiError(MHD_HTTP_BAD_REQUEST, "this gateway searches no other devices", "devices");
     }
-    if (field->is_string() && *field == "all") return options_.devices;
+    if (field->is_string() && *field == "all") return chooseOrRefuse({});
     std::vector<std::string> names;
     if (field->is_array()) {
         for (const auto& name : *field) {
@@ -258,6 +262,11 @@ std::vector<rsclient::Device> ApiRoutes::chosenDevices(const json& body) const
         throw ApiError(MHD_HTTP_BAD_REQUEST, "devices: expected \"all\" or a list of names",
                        "devices");
     }
+    return chooseOrRefuse(names);
+}
+
+std::vector<rsclient::Device> ApiRoutes::chooseOrRefuse(const std::vector<std::string>& names) const
+{
     try {
         return rsclient::chooseDevices(options_.devices, names);
     } catch (const rsclient::ClientError& e) {
@@ -285,7 +294,13 @@ Reply ApiRoutes::index()
     rsclient::ServiceConnection service(inbox);
     const auto state = service.indexState();
     if (!state) return errorReply(MHD_HTTP_BAD_GATEWAY, "recording_index is not running");
-    return jsonReply(MHD_HTTP_OK, rsclient::indexJson(*state));
+    if (state->state == "busy") {
+        return errorReply(MHD_HTTP_SERVICE_UNAVAILABLE, "recording_index is busy");
+    }
+    auto answer = rsclient::indexJson(*state);
+    // A hub's own device: its devices' indexes are at their own gateways.
+    if (!options_.devices.empty()) answer["of"] = "this gateway's own device";
+    return jsonReply(MHD_HTTP_OK, answer);
 }
 
 Reply ApiRoutes::status()

@@ -54,6 +54,7 @@ private:
     Reply devices() const;
     // The devices a search body names, none when it names none; throws ApiError.
     std::vector<rsclient::Device> chosenDevices(const nlohmann::json& body) const;
+    std::vector<rsclient::Device> chooseOrRefuse(const std::vector<std::string>& names) const;
     uint32_t nextHubId();
     void log(int priority, const std::string& message) const;
 

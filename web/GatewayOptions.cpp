@@ -163,7 +163,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     }
     if (!o.devicesFile.empty()) {
         try {
-            o.devices = rsclient::readDevices(o.devicesFile);
+            o.devices = rsclient::readDevices(o.devicesFile, &o.deviceWarnings);
         } catch (const rsclient::ClientError& e) {
             return usageError(e.what());
         }

@@ -35,6 +35,7 @@ struct GatewayOptions {
     // A hub: searches that name devices go to these devices' gateways, merged.
     std::string devicesFile;
     std::vector<rsclient::Device> devices;
+    std::vector<std::string> deviceWarnings;  // token files not kept as secrets should be
     Limits limits;
 };
 

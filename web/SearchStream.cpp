@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <sstream>
+#include <utility>
 
 #include "client/ClientError.h"
 #include "client/DeviceFanout.h"
@@ -27,14 +28,23 @@ constexpr std::chrono::milliseconds kGatherFor{20};
 constexpr std::chrono::milliseconds kPeerCheckEvery{200};
 
 // A peer that only half-closed (shutdown of its writing side, as `nc -N` does) still reads:
-// only a connection closed both ways counts. A peer that closed without that being seen yet
-// is found by the next write, which the progress lines make a few times a second.
-bool peerGone(int socket)
+// only a connection closed both ways counts as gone. A peer that closed shows first as one
+// that stopped writing (its FIN): then a line is written, which such a peer answers with a
+// reset, seen at the next look.
+enum class Peer { Here, StoppedWriting, Gone };
+
+Peer peerState(int socket)
 {
-    if (socket < 0) return false;
-    pollfd watched{socket, 0, 0};
-    return ::poll(&watched, 1, 0) > 0 && (watched.revents & (POLLHUP | POLLERR)) != 0;
+    if (socket < 0) return Peer::Here;
+    pollfd watched{socket, POLLRDHUP, 0};
+    if (::poll(&watched, 1, 0) <= 0) return Peer::Here;
+    if ((watched.revents & (POLLHUP | POLLERR)) != 0) return Peer::Gone;
+    return (watched.revents & POLLRDHUP) != 0 ? Peer::StoppedWriting : Peer::Here;
 }
+
+bool peerGone(int socket) { return peerState(socket) == Peer::Gone; }
+
+constexpr std::chrono::seconds kKeepAliveEvery{1};
 
 std::string errorLine(const std::string& message) { return jsonLine(Json{{"error", message}}); }
 
@@ -46,8 +56,13 @@ SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t m
 }
 
 SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
-                           std::vector<rsclient::Device> devices, uint32_t id)
-    : request_(request), maxBuffered_(maxBuffered), devices_(std::move(devices)), jobId_(id)
+                           std::vector<rsclient::Device> devices, uint32_t id,
+                           std::function<void(const std::string&, const std::string&)> onDeviceLeft)
+    : request_(request),
+      maxBuffered_(maxBuffered),
+      devices_(std::move(devices)),
+      onDeviceLeft_(std::move(onDeviceLeft)),
+      jobId_(id)
 {
 }
 
@@ -62,8 +77,9 @@ SearchStream::~SearchStream()
 uint32_t SearchStream::start()
 {
     if (!devices_.empty()) {
-        fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_,
-                                                           rsclient::DeviceFanout::Options{});
+        rsclient::DeviceFanout::Options options;
+        options.onLeft = onDeviceLeft_;
+        fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_, options);
         append(jsonLine(Json{{"kind", "search"}, {"id", jobId_}}));
         thread_ = std::thread([this] { runOnDevices(); });
         return jobId_;
@@ -91,10 +107,8 @@ void SearchStream::runOnDevices()
 {
     const bool stopped = fanout_->run(
         stop_.fd(),
-        [this](const std::string& line) {
-            append(line + "\n");
-            if (!good()) stop_.request(SIGPIPE);
-        },
+        // The merge waits for room: the devices' transfers stay paused meanwhile.
+        [this](const std::string& line) { appendWhenRoom(line + "\n"); },
         [this](rsclient::TimePoint t) { reached(t, 0); });
     const char* how = stopped ? "interrupted" : fanout_->limitReached() ? "limit" : "completed";
     finish("", jsonLine(rsclient::devicesEndJson(*fanout_, how)));
@@ -178,12 +192,32 @@ ssize_t SearchStream::read(char* buffer, std::size_t size, int socket)
             changed_.wait_until(lock, gatherUntil);
         }
         readerWants_ = 0;
-        if (readFrom_ >= lines_.size() && !done_ && peerGone(socket)) {
+        if (readFrom_ < lines_.size() || done_) continue;
+        const Peer peer = peerState(socket);
+        if (peer == Peer::Gone) {
             lock.unlock();
             readerGone();
             return -1;
         }
+        if (peer == Peer::StoppedWriting) {
+            const std::string line = keepAliveLine();
+            if (!line.empty() && line.size() <= size) {
+                std::memcpy(buffer, line.data(), line.size());
+                return ssize_t(line.size());
+            }
+        }
     }
+}
+
+std::string SearchStream::keepAliveLine()
+{
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastKeepAlive_ < kKeepAliveEvery) return "";
+    lastKeepAlive_ = now;
+    return !lastProgressLine_.empty()
+               ? lastProgressLine_
+               : jsonLine(
+                     Json{{"kind", "progress"}, {"through", rsclient::isoText(request_.start)}});
 }
 
 bool SearchStream::waitDone(int socket)
@@ -233,13 +267,27 @@ void SearchStream::span(uint32_t jobId, const rsclient::Span& span)
     session_->answeringFromIndex() ? appendWhenRoom(line) : append(line);
 }
 
+void SearchStream::searched(rsclient::TimePoint t) { searched_ = t; }
+
 void SearchStream::reached(rsclient::TimePoint t, std::size_t)
 {
+    const auto searched = std::exchange(searched_, std::nullopt);
     if (request_.picture) return;
     const auto now = std::chrono::steady_clock::now();
     if (now - lastProgress_ < kProgressEvery) return;
     lastProgress_ = now;
-    append(jsonLine(Json{{"kind", "progress"}, {"through", rsclient::isoText(t)}}));
+    Json line{{"kind", "progress"}, {"through", rsclient::isoText(t)}};
+    if (searched && rsclient::sinceEpoch(*searched) != rsclient::sinceEpoch(t)) {
+        line["searched"] = rsclient::isoText(*searched);
+    }
+    const std::string text = jsonLine(line);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lastProgressLine_ = text;
+        // Merged lines wait for room; progress, which the next line repeats, need not.
+        if (fanout_ && lines_.size() - readFrom_ + text.size() > maxBuffered_) return;
+    }
+    append(text);
 }
 
 // The search is over: each line waits for room rather than overflowing, so that a reader at

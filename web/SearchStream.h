@@ -9,8 +9,10 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -33,8 +35,10 @@ public:
     SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered);
     // The search sent to these devices' gateways and their streams merged; `id` names it for
     // DELETE, as a job id names a search of this device.
+    // `onDeviceLeft` hears of each device that fails or is dropped.
     SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
-                 std::vector<rsclient::Device> devices, uint32_t id);
+                 std::vector<rsclient::Device> devices, uint32_t id,
+                 std::function<void(const std::string&, const std::string&)> onDeviceLeft);
     ~SearchStream() override;  // ends the search if it still runs
 
     // Connects, creates and begins the search; throws rsclient::ClientError. Then the search
@@ -61,6 +65,7 @@ public:
 private:
     void result(const rsclient::SearchResult& result) override;
     void span(uint32_t jobId, const rsclient::Span& span) override;
+    void searched(rsclient::TimePoint t) override;
     void reached(rsclient::TimePoint t, std::size_t results) override;
     void coverage(const rsclient::Picture& picture, rsclient::Micros size,
                   const std::vector<rsclient::Segment>& gaps) override;
@@ -76,6 +81,8 @@ private:
     void finish(std::string failure, const std::string& lastLine);
     void append(const std::string& line, bool evenWhenFull = false);
     void appendWhenRoom(const std::string& line);
+    // A line for a reader that may have gone: if it has, writing it finds out.
+    std::string keepAliveLine();
     void push(int signal);
 
     rsclient::SearchRequest request_;
@@ -84,11 +91,15 @@ private:
     std::unique_ptr<rsclient::ServiceConnection> service_;
     std::unique_ptr<rsclient::SearchSession> session_;
     std::vector<rsclient::Device> devices_;
+    std::function<void(const std::string&, const std::string&)> onDeviceLeft_;
     std::unique_ptr<rsclient::DeviceFanout> fanout_;
     kavro::tools::StopRequest stop_;  // ends the merge
     std::thread thread_;
     uint32_t jobId_ = 0;
     std::chrono::steady_clock::time_point lastProgress_;
+    std::optional<rsclient::TimePoint> searched_;  // beyond the progress held back
+    std::string lastProgressLine_;                 // under mutex_
+    std::chrono::steady_clock::time_point lastKeepAlive_;
     std::string svg_;
     std::string error_;
 

@@ -33,6 +33,10 @@ int run(int argc, char** argv)
     void* log = nullptr;
     kavro_core_logging_init("recording_search_web", &log);
     xmlInitParser();  // once, before the connections' threads check expressions
+    for (const auto& warning : options.deviceWarnings) {
+        std::cerr << "recording_search_web: warning: " << warning << std::endl;
+        kavro_core_logging_log(log, LOG_WARNING, "%s", warning.c_str());
+    }
     try {
         const int socket = socketFromSystemd();
         if (socket < 0 && !options.loopback && options.tlsCert.empty() && !options.plainHttp) {

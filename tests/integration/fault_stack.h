@@ -55,11 +55,13 @@ inline int freePort()
 
 // recording_index on the stack's bus, keeping `database`, started and ready.
 inline std::unique_ptr<rstest::ProcessRunner> startedIndex(const std::string& database,
-                                                           const rstest::ServiceStack& stack)
+                                                           const rstest::ServiceStack& stack,
+                                                           std::vector<std::string> more = {})
 {
-    auto index = std::make_unique<rstest::ProcessRunner>(
-        bin("recording_index"), std::vector<std::string>{"--database", database, "--poll", "0.2"},
-        stack.clientEnv());
+    std::vector<std::string> args{"--database", database, "--poll", "0.2"};
+    args.insert(args.end(), more.begin(), more.end());
+    auto index =
+        std::make_unique<rstest::ProcessRunner>(bin("recording_index"), args, stack.clientEnv());
     index->start();
     if (!index->waitForNotify("READY=1")) throw std::runtime_error("the index is not ready");
     return index;

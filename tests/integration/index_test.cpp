@@ -43,12 +43,17 @@ std::vector<std::string> generated(unsigned seed, const std::string& duration)
 // A stack with recording_index following its recording.
 class IndexedStack {
 public:
-    explicit IndexedStack(const std::string& recording) : stack_({RS_BIN_DIR, recording, {}, true})
+    // `indexArgs`: more of recording_index's options.
+    explicit IndexedStack(const std::string& recording, std::vector<std::string> indexArgs = {})
+        : stack_({RS_BIN_DIR, recording, {}, true}), indexArgs_(std::move(indexArgs))
     {
         startIndex();
     }
 
-    void startIndex() { index_ = reliability::startedIndex(dir_.file("index.db"), stack_); }
+    void startIndex()
+    {
+        index_ = reliability::startedIndex(dir_.file("index.db"), stack_, indexArgs_);
+    }
 
     json state() const
     {
@@ -76,6 +81,7 @@ public:
 private:
     rstest::TempDir dir_{"rs-index"};
     rstest::ServiceStack stack_;
+    std::vector<std::string> indexArgs_;
     std::unique_ptr<rstest::ProcessRunner> index_;
 };
 
@@ -130,10 +136,12 @@ std::vector<std::string> search(std::vector<std::string> filter, bool backward =
 
 class IndexAgreesWithTheWalk : public testing::TestWithParam<unsigned> {};
 
+// Answers of a dozen lines, so that most searches take several pages and the client must read
+// them all.
 TEST_P(IndexAgreesWithTheWalk, ForEveryKindOfFilterEitherWay)
 {
     const rstest::GeneratedRecording recording(RS_BIN_DIR, generated(GetParam(), "90s"));
-    IndexedStack stack(recording.path());
+    IndexedStack stack(recording.path(), {"--page", "12"});
     stack.waitUntilFollowing();
     const std::vector<std::vector<std::string>> filters = {
         {"--class", "person"},
@@ -284,6 +292,8 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
             return now.value("state", "") == "following" && now.dump() != before;
         },
         60s));
+    // Another seed over the same times: what it answers is the new recording's.
+    expectSameAsTheWalk(stack, {"metadata", kFrom, "2024-01-01T00:06:00Z", "--class", "person"});
     EXPECT_EQ(stack.stack().stop(), "");
 }
 
@@ -383,6 +393,12 @@ TEST(IndexAgreesWithTheWalk, OnDocumentsThatAreNotPlainFrames)
         {"--class", "person", "--min-likelihood", "0.9"},
         {"--colour", "red", "--region", "0.4,0.4,0.55,0.55"},
         {"--region", "0,0,0.1,0.1"},
+        // A region whose edge is exactly a box's edge, on each side: touching is not inside.
+        {"--region", "0.4,0,0.6,0.6"},
+        {"--region", "0,0,0.1,0.6"},
+        {"--region", "0,0.4,0.6,0.6"},
+        {"--region", "0,0,0.6,0.1"},
+        {"--region", "0.39,0.39,0.6,0.6"},
         {"--motion", "--class", "person"},
     };
     for (const auto& filter : filters) {

@@ -90,6 +90,27 @@ TEST(ClientTimes, EveryFractionLengthUpToMicroseconds)
     }
 }
 
+// Every unit once, and the forms that are not durations; "m" is minutes, never milliseconds.
+TEST(ClientTimes, DurationsInEachUnitAndTheFormsThatAreNot)
+{
+    const std::vector<std::pair<std::string, int64_t>> good = {
+        {"10m", 600'000'000},    {"5min", 300'000'000}, {"1h", 3'600'000'000},
+        {"90s", 90'000'000},     {"90", 90'000'000},    {"250ms", 250'000},
+        {"2d", 172'800'000'000}, {"1.5s", 1'500'000},   {"0.000001s", 1},
+    };
+    for (const auto& [text, micros] : good) {
+        const auto d = parseDuration(text, nullptr);
+        ASSERT_TRUE(d) << text;
+        EXPECT_EQ(d->count(), micros) << text;
+    }
+    for (const std::string text : {"", "s", "10M", "1w", "-5s", "1e3s", "1.2.3s", " 5s", "5 s",
+                                   "0s", "0.0000001s", "3651d", "+5s"}) {
+        std::string why;
+        EXPECT_FALSE(parseDuration(text, &why)) << text;
+        EXPECT_NE(why, "") << text;
+    }
+}
+
 // Buckets from the range's start; a range of whole buckets has exactly that many, otherwise one
 // short bucket more ends at the range's end.
 TEST(ClientCoverage, BucketsCoverTheRangeExactly)

@@ -13,6 +13,8 @@ namespace bus {
 
 constexpr const char* kStatusErrorName = "kavro.Error.Status";
 constexpr const char* kFailedErrorName = "kavro.Error.Failed";
+// A neighbour (recording_index) that has too much waiting to take another call now.
+constexpr const char* kBusyErrorName = "kavro.Error.Busy";
 constexpr auto kCallTimeoutUsec = 5'000'000ULL;
 
 std::string busName(const std::string& service);     // kavro.<service>
