@@ -178,14 +178,10 @@ Reply ApiRoutes::search(const RequestHead& head, const std::string& text)
         }
         ++streamsOpen_;
     }
-    auto stream =
-        devices.empty()
-            ? std::make_shared<SearchStream>(request, options_.limits.bufferedBytes)
-            : std::make_shared<SearchStream>(
-                  request, options_.limits.bufferedBytes, devices, nextHubId(),
-                  [this](const std::string& device, const std::string& why) {
-                      log(LOG_WARNING, "device " + device + " left a merged search: " + why);
-                  });
+    auto stream = devices.empty()
+                      ? std::make_shared<SearchStream>(request, options_.limits.bufferedBytes)
+                      : std::make_shared<SearchStream>(request, options_.limits.bufferedBytes,
+                                                       devices, nextHubId(), fanoutOptions());
     try {
         stream->start();
     } catch (...) {
@@ -272,6 +268,16 @@ std::vector<rsclient::Device> ApiRoutes::chooseOrRefuse(const std::vector<std::s
     } catch (const rsclient::ClientError& e) {
         throw ApiError(MHD_HTTP_BAD_REQUEST, std::string("devices: ") + e.what(), "devices");
     }
+}
+
+rsclient::DeviceFanout::Options ApiRoutes::fanoutOptions() const
+{
+    rsclient::DeviceFanout::Options options;
+    options.stallBound = options_.deviceTimeout;
+    options.onLeft = [this](const std::string& device, const std::string& why) {
+        log(LOG_WARNING, "device " + device + " left a merged search: " + why);
+    };
+    return options;
 }
 
 // Ids of merged searches sit above any job id a service gives, so that DELETE finds either.

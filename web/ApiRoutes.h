@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "client/DeviceFanout.h"
 #include "web/GatewayOptions.h"
 #include "web/Reply.h"
 #include "web/TokenFile.h"
@@ -55,6 +56,7 @@ private:
     // The devices a search body names, none when it names none; throws ApiError.
     std::vector<rsclient::Device> chosenDevices(const nlohmann::json& body) const;
     std::vector<rsclient::Device> chooseOrRefuse(const std::vector<std::string>& names) const;
+    rsclient::DeviceFanout::Options fanoutOptions() const;
     uint32_t nextHubId();
     void log(int priority, const std::string& message) const;
 

@@ -101,6 +101,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     GatewayOptions o;
     long idle = o.limits.idle.count();
     long request = o.limits.request.count();
+    long deviceTimeout = 10;
     CLI::App app("The HTTP gateway and search page of recording_search.", "recording_search_web");
     app.add_option("--listen", o.listen, "ADDRESS:PORT to listen on (default 127.0.0.1:8470)")
         ->type_name("ADDR:PORT");
@@ -116,6 +117,10 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
                    "a hub: searches may name these devices (a line each: NAME URL TOKEN_FILE "
                    "[CA_FILE]), searched through their gateways and merged in time order")
         ->type_name("FILE");
+    app.add_option("--device-timeout", deviceTimeout,
+                   "seconds a device may go without moving on before a merged search leaves it "
+                   "out (default 10)")
+        ->check(CLI::Range(1, 3600));
     const char* bounds = "Bounds";
     app.add_option("--max-connections", o.limits.connections, "connections at once (default 64)")
         ->check(CLI::Range(1u, 1024u))
@@ -155,6 +160,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
         return 2;
     }
     o.limits.idle = std::chrono::seconds(idle);
+    o.deviceTimeout = std::chrono::seconds(deviceTimeout);
     o.limits.request = std::chrono::seconds(request);
     std::string why;
     if (!parseListen(o.listen, o, why)) return usageError("--listen: " + why);

@@ -35,7 +35,8 @@ struct GatewayOptions {
     // A hub: searches that name devices go to these devices' gateways, merged.
     std::string devicesFile;
     std::vector<rsclient::Device> devices;
-    std::vector<std::string> deviceWarnings;  // token files not kept as secrets should be
+    std::vector<std::string> deviceWarnings;
+    std::chrono::seconds deviceTimeout{10};  // token files not kept as secrets should be
     Limits limits;
 };
 

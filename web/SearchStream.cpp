@@ -57,11 +57,11 @@ SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t m
 
 SearchStream::SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
                            std::vector<rsclient::Device> devices, uint32_t id,
-                           std::function<void(const std::string&, const std::string&)> onDeviceLeft)
+                           rsclient::DeviceFanout::Options fanoutOptions)
     : request_(request),
       maxBuffered_(maxBuffered),
       devices_(std::move(devices)),
-      onDeviceLeft_(std::move(onDeviceLeft)),
+      fanoutOptions_(std::move(fanoutOptions)),
       jobId_(id)
 {
 }
@@ -77,9 +77,7 @@ SearchStream::~SearchStream()
 uint32_t SearchStream::start()
 {
     if (!devices_.empty()) {
-        rsclient::DeviceFanout::Options options;
-        options.onLeft = onDeviceLeft_;
-        fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_, options);
+        fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_, fanoutOptions_);
         append(jsonLine(Json{{"kind", "search"}, {"id", jobId_}}));
         thread_ = std::thread([this] { runOnDevices(); });
         return jobId_;

@@ -17,13 +17,13 @@
 #include <thread>
 
 #include "client/ClientEvent.h"
+#include "client/DeviceFanout.h"
 #include "client/DeviceList.h"
 #include "client/SearchOutput.h"
 #include "client/SearchRequest.h"
 #include "kavro/tools/StopSignals.h"
 
 namespace rsclient {
-class DeviceFanout;
 class SearchSession;
 class ServiceConnection;
 }  // namespace rsclient
@@ -35,10 +35,9 @@ public:
     SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered);
     // The search sent to these devices' gateways and their streams merged; `id` names it for
     // DELETE, as a job id names a search of this device.
-    // `onDeviceLeft` hears of each device that fails or is dropped.
     SearchStream(const rsclient::SearchRequest& request, std::size_t maxBuffered,
                  std::vector<rsclient::Device> devices, uint32_t id,
-                 std::function<void(const std::string&, const std::string&)> onDeviceLeft);
+                 rsclient::DeviceFanout::Options fanoutOptions);
     ~SearchStream() override;  // ends the search if it still runs
 
     // Connects, creates and begins the search; throws rsclient::ClientError. Then the search
@@ -91,7 +90,7 @@ private:
     std::unique_ptr<rsclient::ServiceConnection> service_;
     std::unique_ptr<rsclient::SearchSession> session_;
     std::vector<rsclient::Device> devices_;
-    std::function<void(const std::string&, const std::string&)> onDeviceLeft_;
+    rsclient::DeviceFanout::Options fanoutOptions_;
     std::unique_ptr<rsclient::DeviceFanout> fanout_;
     kavro::tools::StopRequest stop_;  // ends the merge
     std::thread thread_;

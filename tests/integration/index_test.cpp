@@ -293,6 +293,7 @@ TEST(IndexFollows, ResumesAfterAKillAndRebuildsForAnotherRecording)
         },
         60s));
     // Another seed over the same times: what it answers is the new recording's.
+    stack.stack().startService();
     expectSameAsTheWalk(stack, {"metadata", kFrom, "2024-01-01T00:06:00Z", "--class", "person"});
     EXPECT_EQ(stack.stack().stop(), "");
 }

@@ -22,7 +22,11 @@ ServiceStack::ServiceStack(Options options) : options_(std::move(options)), dir_
         throw std::invalid_argument("ServiceStack needs binDir and recording");
     }
     startStore();
-    if (!options_.startService) return;
+    if (options_.startService) startService();
+}
+
+void ServiceStack::startService()
+{
     auto env = options_.serviceEnv;
     env["DBUS_SYSTEM_BUS_ADDRESS"] = bus_.address();
     env.emplace("KAVRO_LOG_FILE", logPath());

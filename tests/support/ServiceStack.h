@@ -46,6 +46,8 @@ public:
 
     // Starts recording_store (again) and waits until it is ready.
     void startStore();
+    // The same for recording_search.
+    void startService();
     // Stops the service, then the store; returns what went wrong, empty when both exited 0
     // with nothing on standard error. A process that has already ended counts as it ended.
     std::string stop();
