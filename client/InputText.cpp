@@ -46,11 +46,18 @@ std::optional<double> decimalValue(std::string_view text)
 std::string printable(std::string_view text)
 {
     std::string out;
-    for (unsigned char c : text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0;
+        char escaped[8];
         if (c < 0x20 || c == 0x7f) {
-            char escaped[8];
             std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
             out += escaped;
+        } else if (c == 0xc2 && next >= 0x80 && next <= 0x9f) {
+            // U+0080 to U+009F: the C1 controls, which terminals obey as ESC sequences.
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", next);
+            out += escaped;
+            ++i;
         } else {
             out += char(c);
         }

@@ -19,7 +19,8 @@ bool plainDecimal(std::string_view text, bool negativeAllowed);
 // The value of a plain decimal (as a double, rounded); nothing for any other text.
 std::optional<double> decimalValue(std::string_view text);
 
-// Control bytes escaped (\x1b), so that text from elsewhere cannot break lines or a terminal.
+// Control bytes (\x1b) and the C1 controls of UTF-8 (\u009b) escaped, so that text from
+// elsewhere cannot break lines or command a terminal.
 std::string printable(std::string_view text);
 
 // The value as an error message quotes it: control characters escaped, and cut to a few dozen

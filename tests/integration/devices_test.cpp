@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -347,6 +349,227 @@ TEST_F(Devices, InterruptEndsTheSearchOnEveryDevice)
             5s))
             << d->name() << "'s search still runs";
     }
+}
+
+// A device's gateway gone wrong (tests/support/fake_device.py): one server, and the first part
+// of a device's URL says how it misbehaves.
+class FakeDevice {
+public:
+    FakeDevice()
+        : port_(freePort()),
+          server_("/usr/bin/python3", {std::string(RS_SOURCE_DIR) + "/tests/support/fake_device.py",
+                                       std::to_string(port_)})
+    {
+        server_.start();
+        if (!server_.waitForStdout("ready", 20s)) throw std::runtime_error("no fake device");
+        token_ = dir_.write("token", "fake-token\n");
+    }
+    std::string line(const std::string& mode) const
+    {
+        return mode + " http://127.0.0.1:" + std::to_string(port_) + "/" + mode + " " + token_;
+    }
+
+private:
+    rstest::TempDir dir_{"rs-fake-device"};
+    int port_;
+    rstest::ProcessRunner server_;
+    std::string token_;
+};
+
+const std::vector<std::string> kFailing = {
+    "sec-as-text", "kind-number", "through-number", "error-number", "error-object",
+    "year-1970",   "sec-2-62",    "sec-1e300",      "disorder",     "wrong-kind"};
+const std::vector<std::string> kStalling = {"chatter", "same-progress", "drip"};
+const std::vector<std::string> kCompleting = {"claims-north", "bom", "controls"};
+
+// What every merged stream must be, whatever its devices sent: JSON objects whose only
+// "device" is ours and comes first; the real devices' results complete and their own; each bad
+// device with a line of its own and the outcome it earned.
+void expectTheMergeHeld(const std::string& out, const std::vector<const Device*>& real,
+                        const std::vector<std::string>& search)
+{
+    std::map<std::string, std::vector<json>> byDevice;
+    int64_t last = 0;
+    json end;
+    for (const auto& line : lines(out)) {
+        const json j = json::parse(line, nullptr, false);
+        ASSERT_TRUE(j.is_object()) << line;
+        std::size_t tags = 0;
+        for (std::size_t at = 0; (at = line.find("\"device\":", at)) != std::string::npos; ++at)
+            ++tags;
+        EXPECT_EQ(tags, j.contains("devices") ? j["devices"].size() : 1) << line;
+        const std::string kind = j.value("kind", "");
+        if (kind == "completed" || kind == "limit") end = j;
+        if (kind != "recording" && kind != "track") continue;
+        EXPECT_EQ(line.rfind("{\"device\":", 0), 0u) << line;
+        EXPECT_GE(timeOf(j), last) << "out of time order: " << line;
+        last = timeOf(j);
+        byDevice[j["device"]].push_back(j);
+    }
+    for (const Device* d : real) {
+        std::vector<json> own;
+        for (auto& j : resultLines(d->alone(search).out, d->name())) own.push_back(j);
+        std::vector<json> merged;
+        for (json j : byDevice[d->name()]) {
+            j.erase("job");
+            merged.push_back(j);
+        }
+        EXPECT_EQ(merged, own) << d->name();
+    }
+    std::map<std::string, std::string> outcomes;
+    for (const auto& d : end.value("devices", json::array())) outcomes[d["device"]] = d["outcome"];
+    for (const auto& mode : kFailing) EXPECT_EQ(outcomes[mode], "failed") << mode << ": " << end;
+    for (const auto& mode : kStalling) EXPECT_EQ(outcomes[mode], "dropped") << mode << ": " << end;
+    for (const auto& mode : kCompleting) {
+        EXPECT_EQ(outcomes[mode], "completed") << mode << ": " << end;
+        EXPECT_FALSE(byDevice[mode].empty()) << mode;
+    }
+    for (const auto& mode : kFailing) {
+        EXPECT_NE(out.find("{\"device\":\"" + mode + "\",\"kind\":\"error\""), std::string::npos)
+            << mode << " has no line of its own";
+    }
+}
+
+// Devices that send fields of other types, times out of range or order, lines of other
+// searches, another device's name, a byte-order mark, terminal controls, or chatter without
+// progress: each gets its line, the real devices' results are whole, through recsearch and
+// through a hub, which goes on serving.
+TEST_F(Devices, MisbehavingDevicesCannotHarmTheMergeNorTheHub)
+{
+    FakeDevice fake;
+    std::vector<std::string> more;
+    for (const auto* modes : {&kFailing, &kStalling, &kCompleting}) {
+        for (const auto& mode : *modes) more.push_back(fake.line(mode));
+    }
+    const std::string file = dir_.write(
+        "devices-bad", devices_[0]->line() + "\n" + devices_[1]->line() + "\n" + [&] {
+            std::string text;
+            for (const auto& line : more) text += line + "\n";
+            return text;
+        }());
+    const std::vector<std::string> search = {"events", "2024-01-01T00:00:00Z",
+                                             "2024-01-01T00:05:00Z", "--start-state", "--json"};
+    const std::vector<const Device*> real = {devices_[0].get(), devices_[1].get()};
+    auto args = search;
+    args.insert(args.begin(), {"--device-timeout", "3s"});
+    const auto viaRecsearch = merged(file, args);
+    EXPECT_EQ(viaRecsearch.status.code, 10) << viaRecsearch.err;
+    expectTheMergeHeld(viaRecsearch.out, real, search);
+
+    // A person's terminal gets no control character from a device.
+    const std::string controls = dir_.write("devices-controls", fake.line("controls") + "\n");
+    const auto printed = merged(
+        controls, {"events", "2024-01-01T00:00:00Z", "2024-01-01T00:05:00Z", "--no-progress"});
+    EXPECT_EQ(printed.status.code, 0) << printed.err;
+    for (const char* control : {"\x1b", "\x07", "\xc2\x9b"}) {
+        EXPECT_EQ((printed.out + printed.err).find(control), std::string::npos)
+            << printed.out << printed.err;
+    }
+
+    const std::string tokens = dir_.write("hub-tokens", "hub-token\n");
+    const int port = freePort();
+    rstest::ProcessRunner hub(bin("recording_search_web"),
+                              {"--listen", "127.0.0.1:" + std::to_string(port), "--token-file",
+                               tokens, "--devices", file, "--device-timeout", "3"});
+    hub.start();
+    ASSERT_TRUE(hub.waitForNotify("READY=1"));
+    const auto viaHub =
+        rstest::runToEnd("curl",
+                         {"-sN", "-H", "Authorization: Bearer hub-token", "-H",
+                          "Content-Type: application/json", "--data-binary",
+                          R"({"start":"2024-01-01T00:00:00Z","end":"2024-01-01T00:05:00Z",)"
+                          R"("startState":true,"devices":"all"})",
+                          "http://127.0.0.1:" + std::to_string(port) + "/api/v1/events"},
+                         {}, 60s);
+    std::string hubLines;
+    for (const auto& line : lines(viaHub.out)) {
+        const std::string kind = json::parse(line).value("kind", "");
+        if (kind != "search" && kind != "progress") hubLines += line + "\n";
+    }
+    expectTheMergeHeld(hubLines, real, search);
+    EXPECT_FALSE(hub.exitedWithin(0ms)) << hub.stderrText();
+}
+
+// A hub whose merge waits on a silent device still sees its readers hang up, and frees their
+// slots; a slow reader holds the devices back rather than losing its search; a device that
+// floods it with long lines costs a bounded amount of memory.
+TEST_F(Devices, AHubBoundsWhatItsReadersAndDevicesCost)
+{
+    FakeDevice fake;
+    const std::string file =
+        dir_.write("devices-hub", devices_[0]->line() + "\n" + devices_[1]->line() + "\n" +
+                                      fake.line("chatter") + "\n" + fake.line("flood") + "\n");
+    const std::string tokens = dir_.write("hub-tokens", "hub-token\n");
+    const int port = freePort();
+    rstest::ProcessRunner hub(
+        bin("recording_search_web"),
+        {"--listen", "127.0.0.1:" + std::to_string(port), "--token-file", tokens, "--devices", file,
+         "--device-timeout", "60", "--max-streams", "2", "--max-buffered", "4096"});
+    hub.start();
+    ASSERT_TRUE(hub.waitForNotify("READY=1"));
+    const auto curl = [&](const std::string& body, std::vector<std::string> more = {}) {
+        std::vector<std::string> args = {
+            "-sN",
+            "-H",
+            "Authorization: Bearer hub-token",
+            "-H",
+            "Content-Type: application/json",
+            "--data-binary",
+            R"({"start":"2024-01-01T00:00:00Z",)"
+            R"("end":"2024-01-01T01:00:00Z",)" +
+                body + "}",
+            "http://127.0.0.1:" + std::to_string(port) + "/api/v1/events"};
+        args.insert(args.begin(), more.begin(), more.end());
+        return args;
+    };
+    {
+        std::vector<std::unique_ptr<rstest::ProcessRunner>> readers;
+        for (int i = 0; i < 2; ++i) {
+            readers.push_back(std::make_unique<rstest::ProcessRunner>(
+                "curl", curl(R"("devices":["north","chatter"])")));
+            readers.back()->start();
+            ASSERT_TRUE(readers.back()->waitForStdout("\"kind\":\"search\"", 10s));
+        }
+        for (auto& reader : readers) reader->sendSignal(SIGKILL);
+    }
+    const auto third = [&] {
+        return rstest::runToEnd("curl", curl(R"("devices":["north"])", {"-w", "%{http_code}"}), {},
+                                60s);
+    };
+    EXPECT_TRUE(rstest::pollUntil(
+        [&] { return third().out.find("\"completed\"") != std::string::npos; }, 5s))
+        << "the slots of readers that hung up are still taken";
+
+    // Read at 20 KB/s through a 4 KiB buffer: every line arrives all the same.
+    const auto slow = rstest::runToEnd(
+        "curl", curl(R"("startState":true,"devices":["north","east"])", {"--limit-rate", "20k"}),
+        {}, 120s);
+    std::size_t results = 0;
+    for (const auto& line : lines(slow.out)) {
+        const std::string kind = json::parse(line).value("kind", "");
+        results += kind == "recording" || kind == "track";
+    }
+    const std::vector<std::string> alone = {"events", "2024-01-01T00:00:00Z",
+                                            "2024-01-01T01:00:00Z", "--start-state", "--json"};
+    EXPECT_EQ(results, resultLines(devices_[0]->alone(alone).out).size() +
+                           resultLines(devices_[1]->alone(alone).out).size())
+        << lines(slow.out).back();
+    EXPECT_EQ(json::parse(lines(slow.out).back()).value("kind", ""), "completed");
+
+    // Lines of 60 KB as fast as they can be taken, while the walk holds the merge back.
+    rstest::ProcessRunner flooded(
+        "curl", curl(R"("devices":["north","flood"])", {"--limit-rate", "50k", "-o", "/dev/null"}));
+    flooded.start();
+    long most = 0;
+    for (int i = 0; i < 20; ++i) {
+        std::this_thread::sleep_for(250ms);
+        std::ifstream status("/proc/" + std::to_string(hub.pid()) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("VmRSS:", 0) == 0) most = std::max(most, std::stol(line.substr(6)));
+        }
+    }
+    flooded.sendSignal(SIGKILL);
+    EXPECT_LT(most, 40 * 1024) << "kB resident while a device floods the hub";
 }
 
 }  // namespace
