@@ -103,6 +103,7 @@ void SearchSession::beginWalk(TimePoint from, TimePoint to)
     }
     jobId_ = uint32_t(id);
     walking_ = true;
+    walkCompleted_ = false;
     service_.beginSearch(jobId_);
     output_.begun(jobId_);
 }

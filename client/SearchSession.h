@@ -77,6 +77,8 @@ private:
     Micros countFrom_{0};
     uint32_t jobId_ = 0;  // 0 while no walk has been created
     bool walking_ = false;
+    bool walkCompleted_ = false;   // the walk of jobId_ said it completed
+    bool walkedToTheEnd_ = false;  // the index failed: one walk took the rest of the range
     std::vector<Part> parts_;
     std::string notice_;
     std::deque<ClientEvent> held_;  // the walk's events that came while the index answered

@@ -27,7 +27,7 @@ int SearchSession::stream()
         } else if (const int signal = streamWalk(); signal != 0) {
             return finish(signal);
         }
-        if (limitReached()) break;
+        if (limitReached() || walkedToTheEnd_) break;
     }
     return finish(0);
 }
@@ -68,15 +68,14 @@ int SearchSession::streamIndex(const Part& part)
     return 0;
 }
 
-// The index's stretch walked instead, once the walk of the rest (if any) is done with.
+// What the index did not answer is walked instead, from where it stopped to the search's end.
+// A walk of the rest already running (a forward search) has sent nothing yet: it is ended, and
+// the one walk covers its stretch too, so that results still leave in time order.
 int SearchSession::walkInstead(const Part& part)
 {
-    if (walking_) {
-        if (const int signal = streamWalk(); signal != 0) return signal;
-        service_.endSearch(jobId_);
-        walking_ = false;
-    }
-    beginWalk(part.from, part.to);
+    if (walking_) service_.endSearch(jobId_);
+    beginWalk(part.from, request_.end);
+    walkedToTheEnd_ = true;
     return streamWalk();
 }
 
@@ -98,7 +97,7 @@ int SearchSession::takeWaitingEvents()
 // Until the walk completes (0) or is stopped (the signal).
 int SearchSession::streamWalk()
 {
-    if (!walking_) return 0;
+    if (!walking_ || walkCompleted_) return 0;
     while (true) {
         std::optional<ClientEvent> event;
         if (!held_.empty()) {
@@ -122,8 +121,9 @@ int SearchSession::streamWalk()
             if (fromIndex_ > 0 && limitReached()) return 0;
             break;
         case ClientEvent::Kind::Completed:
-            if (event->jobId == jobId_) return 0;
-            break;
+            if (event->jobId != jobId_) break;
+            walkCompleted_ = true;
+            return 0;
         case ClientEvent::Kind::Interrupted: return event->signal;
         case ClientEvent::Kind::ServiceGone:
             throw ClientError(ErrorKind::ServiceGone,

@@ -37,7 +37,7 @@ std::string statusMeaning(kavro_core_status status, const std::string& message)
     return "";
 }
 
-ClientError classify(const std::string& what, const sdbus::Error& error)
+ClientError classify(const std::string& service, const std::string& what, const sdbus::Error& error)
 {
     if (error.getName() == "org.freedesktop.DBus.Error.AccessDenied") {
         return ClientError(ErrorKind::AccessDenied,
@@ -53,21 +53,21 @@ ClientError classify(const std::string& what, const sdbus::Error& error)
     const kavro::bus::ErrorOrigin origin = kavro::bus::errorOrigin(error);
     if (origin == kavro::bus::ErrorOrigin::ServiceStatus) {
         std::string text =
-            "recording_search answered " + what + " with status " + std::to_string(int(status));
+            service + " answered " + what + " with status " + std::to_string(int(status));
         const std::string meaning = statusMeaning(status, error.getMessage());
         if (!meaning.empty()) text += ": " + meaning;
         return ClientError(ErrorKind::StatusError, text);
     }
     if (origin == kavro::bus::ErrorOrigin::ServiceFailure) {
         return ClientError(ErrorKind::StatusError,
-                           "recording_search failed " + what + ": " + error.getMessage());
+                           service + " failed " + what + ": " + error.getMessage());
     }
     if (status == KAVRO_STATUS_SERVICE_UNKNOWN) {
-        return ClientError(ErrorKind::Unreachable, "recording_search is not running on " +
-                                                       busAddress() + " (" + error.getName() + ")");
+        return ClientError(ErrorKind::Unreachable, service + " is not running on " + busAddress() +
+                                                       " (" + error.getName() + ")");
     }
     if (status == KAVRO_STATUS_TIMEOUT) {
-        return ClientError(ErrorKind::Unreachable, "recording_search did not answer " + what +
+        return ClientError(ErrorKind::Unreachable, service + " did not answer " + what +
                                                        " within " +
                                                        std::to_string(kCallTimeout.count()) + " s");
     }
@@ -189,7 +189,8 @@ void ServiceConnection::onNameOwnerChanged(const std::string& name, const std::s
     inbox_.push(std::move(event));
 }
 
-void ServiceConnection::call(const char* what, const std::function<void()>& work)
+void ServiceConnection::call(const char* what, const std::function<void()>& work,
+                             const char* service)
 {
     auto done = std::make_shared<std::promise<void>>();
     std::future<void> finished = done->get_future();
@@ -216,7 +217,7 @@ void ServiceConnection::call(const char* what, const std::function<void()>& work
         if (loop_->lost()) {
             throw ClientError(ErrorKind::ServiceGone, std::string("lost the bus during ") + what);
         }
-        throw classify(what, e);
+        throw classify(service, what, e);
     } catch (const std::future_error&) {
         throw ClientError(ErrorKind::ServiceGone, std::string("lost the bus during ") + what);
     }

@@ -83,7 +83,9 @@ public:
 private:
     void onNameOwnerChanged(const std::string& name, const std::string& oldOwner,
                             const std::string& newOwner);
-    void call(const char* what, const std::function<void()>& work);
+    // `service`: whom the call goes to, as its failures name it.
+    void call(const char* what, const std::function<void()>& work,
+              const char* service = "recording_search");
 
     EventInbox& inbox_;
     std::unique_ptr<kavro::bus::BusLoop> loop_;

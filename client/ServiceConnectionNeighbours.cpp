@@ -36,16 +36,19 @@ std::optional<IndexState> ServiceConnection::indexState()
 {
     IndexState state;
     try {
-        call("GetIndexState", [&] {
-            auto proxy = neighbour(loop_->connection(), "recording_index");
-            int64_t from = 0, through = 0;
-            proxy->callMethod("GetIndexState")
-                .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
-                .withTimeout(kIndexTimeout)
-                .storeResultsTo(from, through, state.documents, state.bytes, state.state);
-            state.from = timeOf(from);
-            state.through = timeOf(through);
-        });
+        call(
+            "GetIndexState",
+            [&] {
+                auto proxy = neighbour(loop_->connection(), "recording_index");
+                int64_t from = 0, through = 0;
+                proxy->callMethod("GetIndexState")
+                    .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
+                    .withTimeout(kIndexTimeout)
+                    .storeResultsTo(from, through, state.documents, state.bytes, state.state);
+                state.from = timeOf(from);
+                state.through = timeOf(through);
+            },
+            "recording_index");
     } catch (const ClientError& e) {
         if (e.kind() != ErrorKind::Busy) return std::nullopt;
         state = IndexState{};
@@ -66,15 +69,18 @@ bool ServiceConnection::indexMatches(TimePoint from, TimePoint to, const Metadat
         region = {filter.region->left, filter.region->top, filter.region->right,
                   filter.region->bottom};
     }
-    call("FindMatches", [&] {
-        auto proxy = neighbour(loop_->connection(), "recording_index");
-        proxy->callMethod("FindMatches")
-            .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
-            .withTimeout(kIndexTimeout)
-            .withArguments(micros(from), micros(to), limit, filter.classes, filter.colour,
-                           filter.minLikelihood, region, filter.motion)
-            .storeResultsTo(matches, more);
-    });
+    call(
+        "FindMatches",
+        [&] {
+            auto proxy = neighbour(loop_->connection(), "recording_index");
+            proxy->callMethod("FindMatches")
+                .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
+                .withTimeout(kIndexTimeout)
+                .withArguments(micros(from), micros(to), limit, filter.classes, filter.colour,
+                               filter.minLikelihood, region, filter.motion)
+                .storeResultsTo(matches, more);
+        },
+        "recording_index");
     page.clear();
     for (auto& m : matches) {
         page.push_back(IndexMatch{timeOf(std::get<0>(m)), std::move(std::get<1>(m)),
@@ -88,13 +94,17 @@ std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan(
 {
     std::pair<TimePoint, TimePoint> span;
     try {
-        call("GetRecordingSummary", [&] {
-            auto proxy = neighbour(loop_->connection(), "recording_information");
-            proxy->callMethod("GetRecordingSummary")
-                .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
-                .withTimeout(kSpanTimeout)
-                .storeResultsTo(span.first.sec, span.first.usec, span.second.sec, span.second.usec);
-        });
+        call(
+            "GetRecordingSummary",
+            [&] {
+                auto proxy = neighbour(loop_->connection(), "recording_information");
+                proxy->callMethod("GetRecordingSummary")
+                    .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
+                    .withTimeout(kSpanTimeout)
+                    .storeResultsTo(span.first.sec, span.first.usec, span.second.sec,
+                                    span.second.usec);
+            },
+            "recording_information");
     } catch (const ClientError&) {
         return std::nullopt;
     }

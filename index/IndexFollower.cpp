@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "jobs/HardenedParser.h"
@@ -19,7 +20,7 @@ constexpr std::chrono::microseconds kPause{500};
 constexpr std::size_t kBatch = 256;
 constexpr std::chrono::seconds kBatchAge{1};
 constexpr std::chrono::seconds kRetryEvery{2};
-constexpr std::size_t kRereadAtMost = 64;
+constexpr std::size_t kRereadAtMost = 100000;
 
 Micros micros(unsigned sec, unsigned usec) { return Micros(sec) * 1000000 + usec; }
 
@@ -69,25 +70,24 @@ IndexFollower::~IndexFollower()
     kavro_api_recording_information_initiator_deinit(information_);
 }
 
-void IndexFollower::reread(Micros time)
+void IndexFollower::reread()
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (reread_.size() >= kRereadAtMost) return;  // the rest when a query meets them again
-        reread_.insert(time);
+        reread_ = true;
     }
     wake_.notify_all();
 }
 
-// Rows that did not decode, from the recording again; one that is no longer there goes.
+// Rows that do not decode, from the recording again; one that is no longer there goes.
 void IndexFollower::rereadRows()
 {
-    std::set<Micros> times;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        times.swap(reread_);
+        if (!std::exchange(reread_, false)) return;
     }
     HardenedParser parser;
+    const auto times = store_.undecodable(kRereadAtMost);
     for (const Micros time : times) {
         Answer answer;
         if (!fetch(time, answer)) return;
@@ -98,10 +98,9 @@ void IndexFollower::rereadRows()
         xmlDocPtr doc = parser.parse(answer.text);
         store_.replace({time, textHash(answer.text), factsOf(doc)});
         xmlFreeDoc(doc);
-        kavro_core_logging_log(logCookie_, 5,
-                               "Read the document at %lld again: its row did not decode",
-                               static_cast<long long>(time));
     }
+    kavro_core_logging_log(logCookie_, 5, "Read %zu documents again: their rows did not decode",
+                           times.size());
 }
 
 void IndexFollower::start()
@@ -112,7 +111,7 @@ void IndexFollower::start()
 bool IndexFollower::sleepFor(std::chrono::milliseconds time)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    wake_.wait_for(lock, time, [this] { return stopping_ || !reread_.empty(); });
+    wake_.wait_for(lock, time, [this] { return stopping_ || reread_; });
     return !stopping_;
 }
 

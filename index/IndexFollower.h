@@ -9,7 +9,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 
@@ -27,8 +26,9 @@ public:
 
     void start();
     State state() const { return state_.load(); }
-    // A query found the row at `time` undecodable: it is read again from the recording.
-    void reread(Micros time);
+    // A query found a row that does not decode: every such row is read again from the
+    // recording.
+    void reread();
 
     IndexFollower(const IndexFollower&) = delete;
     IndexFollower& operator=(const IndexFollower&) = delete;
@@ -51,7 +51,7 @@ private:
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
-    std::set<Micros> reread_;  // under mutex_; a few at most
+    bool reread_ = false;  // under mutex_
     std::thread thread_;
 };
 

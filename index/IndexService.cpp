@@ -294,8 +294,8 @@ private:
                          [&](Micros time, const DocumentFacts& facts) {
                              return !gone && (!filter.matches(facts) || each(time, facts));
                          });
-        } catch (const UndecodableRow& row) {
-            follower_.reread(row.time);
+        } catch (const UndecodableRow&) {
+            follower_.reread();
             throw;
         }
     }

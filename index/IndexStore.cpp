@@ -146,6 +146,20 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
     transaction.commit();
 }
 
+std::vector<Micros> IndexStore::undecodable(std::size_t most)
+{
+    std::vector<Micros> times;
+    store::Statement q(db_, "SELECT t, facts FROM documents ORDER BY t");
+    while (times.size() < most && q.step()) {
+        try {
+            decode(q.columnText(1));
+        } catch (const std::runtime_error&) {
+            times.push_back(q.columnInt(0));
+        }
+    }
+    return times;
+}
+
 void IndexStore::replace(const IndexedDocument& d)
 {
     store::Transaction transaction(db_);
@@ -208,7 +222,7 @@ void IndexStore::scan(Micros from, Micros to, bool ascending,
         try {
             facts = decode(q.columnText(2));
         } catch (const std::runtime_error&) {
-            throw UndecodableRow(time);
+            throw UndecodableRow();
         }
         facts.motion = q.columnInt(1) != 0;
         if (!each(time, facts)) return;

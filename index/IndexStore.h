@@ -35,14 +35,12 @@ struct IndexSpan {
 
 // A row whose facts do not decode: the index is a cache, so it is read again from the recording.
 struct UndecodableRow : std::runtime_error {
-    explicit UndecodableRow(Micros at)
+    UndecodableRow()
         : std::runtime_error(
               "a row of the index does not decode; it is read again from the "
-              "recording"),
-          time(at)
+              "recording")
     {
     }
-    Micros time;
 };
 
 class IndexStore {
@@ -64,6 +62,8 @@ public:
 
     // Writer only.
     void add(const std::vector<IndexedDocument>& batch);
+    // The times of rows whose facts do not decode, at most `most` of them.
+    std::vector<Micros> undecodable(std::size_t most);
     // One document read again: in place of what the index held at its time.
     void replace(const IndexedDocument& document);
     void remove(Micros time);

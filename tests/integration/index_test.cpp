@@ -4,9 +4,12 @@
 // replaced, and for documents that do not parse, carry a DTD or pass the size bound.
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <regex>
@@ -77,6 +80,7 @@ public:
 
     rstest::ServiceStack& stack() { return stack_; }
     rstest::ProcessRunner& index() { return *index_; }
+    std::string database() const { return dir_.file("index.db"); }
 
 private:
     rstest::TempDir dir_{"rs-index"};
@@ -407,6 +411,115 @@ TEST(IndexAgreesWithTheWalk, OnDocumentsThatAreNotPlainFrames)
         args.insert(args.begin(), {"metadata", "2024-01-01T00:00:00Z", "2024-01-01T00:01:00Z"});
         expectSameAsTheWalk(stack, args);
     }
+}
+
+// A call to recording_index on the bus, as any client of the bus may make it.
+rstest::RunResult callIndex(IndexedStack& stack, const std::string& method,
+                            const std::string& signature, std::vector<std::string> args,
+                            bool waitForReply = true)
+{
+    args.insert(args.begin(),
+                {"--system", waitForReply ? "--expect-reply=yes" : "--expect-reply=no", "call",
+                 "kavro.recording_index", "/kavro/recording_index", "kavro.recording_index", method,
+                 signature});
+    return rstest::runToEnd("busctl", args, stack.stack().clientEnv(), 30s);
+}
+
+// Ranges at the ends of 64-bit time, a flood of calls whose callers leave at once, and a file
+// that is truncated, overwritten or holds rows that do not decode: the index refuses, sheds or
+// rebuilds, and answers as the walk does afterwards.
+TEST(IndexHolds, RangesAtTheEndsOfTimeAFloodOfCallsAndADamagedFile)
+{
+    auto args = generated(13, "6m");
+    args.insert(args.end(), {"--rate", "20"});
+    const rstest::GeneratedRecording recording(RS_BIN_DIR, args);
+    IndexedStack stack(recording.path());
+    stack.waitUntilFollowing(120s);
+    // The walks it is compared with go through two minutes; the scans through all of it.
+    const std::vector<std::string> person = {"metadata", kFrom, "2024-01-01T00:02:00Z", "--class",
+                                             "person"};
+
+    const std::string most = "9223372036854775807", least = "-9223372036854775808";
+    const std::vector<std::pair<std::string, std::vector<std::string>>> ranges = {
+        {"CountPerBucket", {"9223372036854775802", most, "10", "1"}},
+        {"CountPerBucket", {least, most, "1000000000000", "1"}},
+        {"CountPerBucket", {"0", "1000", most, "1"}},
+        {"FindAppearances", {"0", most, most, "10"}},
+        {"FindMatches", {least, "0", "10"}},
+    };
+    for (const auto& [method, range] : ranges) {
+        auto call = range;
+        for (const char* filter : {"1", "person", "", "", "0", "false"}) call.push_back(filter);
+        const std::string signature = method == "FindMatches"       ? "xxuasssasb"
+                                      : method == "FindAppearances" ? "xxxuasssasb"
+                                                                    : "xxxxasssasb";
+        const auto r = callIndex(stack, method, signature, call);
+        EXPECT_NE(r.status.code, 0) << method << " " << range[0] << " " << range[1] << r.out;
+    }
+    ASSERT_FALSE(stack.index().exitedWithin(0ms));
+
+    // Two hundred scans of everything that match nothing, their callers gone at once: searches
+    // meanwhile are still answered by the index.
+    for (int i = 0; i < 200; ++i) {
+        callIndex(stack, "FindMatches", "xxuasssasb",
+                  {"0", "4102444800000000", "10000", "1", "nothing", "", "", "0", "false"}, false);
+    }
+    const auto during = stack.recsearch(person);
+    EXPECT_EQ(during.status.code, 0) << during.err;
+    EXPECT_EQ(during.err.find("not running"), std::string::npos) << during.err;
+    expectSameAsTheWalk(stack, person);
+    // Callers that wait: beyond a few, they are told at once that the index is busy.
+    std::vector<std::unique_ptr<rstest::ProcessRunner>> waiting;
+    for (int i = 0; i < 40; ++i) {
+        waiting.push_back(std::make_unique<rstest::ProcessRunner>(
+            "busctl",
+            std::vector<std::string>{"--system", "call", "kavro.recording_index",
+                                     "/kavro/recording_index", "kavro.recording_index",
+                                     "FindMatches", "xxuasssasb", "0", "4102444800000000", "10000",
+                                     "1", "nothing", "", "", "0", "false"},
+            stack.stack().clientEnv()));
+        waiting.back()->start();
+    }
+    int busy = 0;
+    for (auto& call : waiting) {
+        ASSERT_TRUE(call->waitForExit(30s).has_value());
+        busy += call->stderrText().find("busy") != std::string::npos;
+    }
+    EXPECT_GT(busy, 0);
+
+    // Damaged while it was stopped: cut in half, written over, rows that do not decode.
+    const auto damage = [&](const std::function<void()>& how) {
+        stack.index().sendSignal(SIGTERM);
+        ASSERT_TRUE(stack.index().waitForExit(10s).has_value());
+        how();
+        stack.startIndex();
+        stack.waitUntilFollowing(120s);
+    };
+    const std::string db = stack.database();
+    damage([&] { ASSERT_EQ(::truncate(db.c_str(), 8192), 0); });
+    expectSameAsTheWalk(stack, person);
+    damage([&] {
+        std::ofstream(db, std::ios::binary | std::ios::trunc) << std::string(65536, '\x5a');
+    });
+    expectSameAsTheWalk(stack, person);
+    damage([&] {
+        store::SqliteDb file(db, store::SqliteDb::Mode::ReadWrite);
+        file.exec("UPDATE documents SET facts = x'ffffffff' WHERE t % 7 = 0");
+    });
+    // The first search meets the bad rows and walks around them; they are read again.
+    auto json = person;
+    json.push_back("--json");
+    EXPECT_EQ(answerLines(stack.recsearch(json).out),
+              answerLines(stack
+                              .recsearch({"metadata", kFrom, "2024-01-01T00:02:00Z", "--class",
+                                          "person", "--walk", "--json"})
+                              .out));
+    EXPECT_TRUE(rstest::pollUntil(
+        [&] {
+            return stack.recsearch(person).out.find("recording_index failed") == std::string::npos;
+        },
+        30s));
+    expectSameAsTheWalk(stack, person);
 }
 
 }  // namespace
