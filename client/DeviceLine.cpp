@@ -133,10 +133,7 @@ std::optional<int64_t> DeviceLineReader::timeIn(const Json& line, const char* se
 
 DeviceLine DeviceLineReader::result(const std::string& kind, const Json& line)
 {
-    if (!allowed(kind)) {
-        return failed("sent a " + kind + " line, which a " + searchName(search_) +
-                      " does not give");
-    }
+    if (!allowed(kind)) return failed("sent a " + kind + " line, which this search does not give");
     const bool timed = kind == "metadata" || kind == "track" || kind == "recording";
     const auto at = timed ? timeIn(line, "sec", "usec") : timeIn(line, "start_sec", "start_usec");
     const bool endFine =

@@ -15,9 +15,12 @@ declare -A options=(
   [xpath_matcher_fuzzer]="-dict=fuzz/xpath.dict -max_len=16384"
   [walk_replies_fuzzer]="-max_len=1024"
   [api_request_fuzzer]="-dict=fuzz/api_request.dict -max_len=4096"
+  [device_line_fuzzer]="-dict=fuzz/device_line.dict -max_len=4096"
+  [devices_file_fuzzer]="-max_len=2048"
 )
 failed=0
-for target in xpath_matcher_fuzzer walk_replies_fuzzer api_request_fuzzer; do
+for target in xpath_matcher_fuzzer walk_replies_fuzzer api_request_fuzzer device_line_fuzzer \
+  devices_file_fuzzer; do
   seeds=fuzz/corpus/${target%_fuzzer}
   corpus=$build/corpus/${target%_fuzzer}
   artifacts=$build/artifacts/$target/
