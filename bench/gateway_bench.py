@@ -107,5 +107,30 @@ print(f"| gateway resident memory, 8 clients streaming (2 searches run, the serv
       f"more) | {with_streams:.1f} MiB | idle | {with_streams / idle:.2f}x |")
 print(f"| gateway resident memory after 1000 more searches ({time.monotonic() - t:.0f} s) | "
       f"{after:.1f} MiB | after 100 searches {warm:.1f} MiB | {(after / warm - 1) * 100:+.1f}% |")
-web.terminate()
-web.wait()
+
+# A hub: the same gateway with a devices file (this gateway, over loopback). libcurl is loaded
+# when the devices file is read (its URL parser), so that a gateway that is not a hub never pays.
+os.chmod(f"{work}/tokens", 0o600)
+with open(f"{work}/devices", "w") as f:
+    f.write(f"self http://127.0.0.1:{port} {work}/tokens\n")
+with socket.socket() as s:
+    s.bind(("127.0.0.1", 0))
+    hub_port = s.getsockname()[1]
+hub = subprocess.Popen([f"{bin_dir}/recording_search_web", "--listen", f"127.0.0.1:{hub_port}",
+                        "--token-file", f"{work}/tokens", "--devices", f"{work}/devices"])
+time.sleep(1.5)
+web, hub_gateway = hub, web  # rss_mib() reads the hub now
+hub_idle = rss_mib()
+subprocess.run(["curl", "-sN", "-H", f"Authorization: Bearer {token}", "-H",
+                "Content-Type: application/json", "-d",
+                json.dumps({"start": start, "end": start + 60, "startState": True,
+                            "devices": "all"}),
+                f"http://127.0.0.1:{hub_port}/api/v1/events"], capture_output=True, check=True)
+hub_used = rss_mib()
+print(f"| hub resident memory idle (libcurl loaded with its devices file) | {hub_idle:.1f} MiB | "
+      f"the gateway idle {idle:.1f} MiB | {hub_idle / idle:.2f}x |")
+print(f"| hub resident memory after its first merged search | {hub_used:.1f} MiB | hub idle | "
+      f"{hub_used / hub_idle:.2f}x |")
+for process in (hub, hub_gateway):
+    process.terminate()
+    process.wait()
