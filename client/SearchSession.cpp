@@ -109,13 +109,13 @@ void SearchSession::beginWalk(TimePoint from, TimePoint to)
 }
 
 // The parts of the range in the order their results leave: what recording_index covers is
-// answered from it, the rest (the recent stretch it has not reached) walked. Only a filter
-// search without an XPath of the person's own may use the index.
+// answered from it, the rest (the recent stretch it has not reached) walked. A filter search
+// asks for the filter's matches, any other metadata search for its XPath's.
 void SearchSession::planParts()
 {
     const SearchRequest& r = request_;
     parts_ = {Part{false, r.start, r.end}};
-    if (r.kind != SearchRequest::Kind::Metadata || !r.filter || r.walk) return;
+    if (r.kind != SearchRequest::Kind::Metadata || r.walk) return;
     const auto index = service_.indexState();
     if (!index || index->documents == 0) {
         notice_ = !index                   ? "recording_index is not running"

@@ -44,8 +44,17 @@ int SearchSession::streamIndex(const Part& part)
     while (!limitReached()) {
         if (const int signal = takeWaitingEvents(); signal != 0) return signal;
         bool more = false;
+        TimePoint through = part.to;  // the last document the page looked at
         try {
-            more = service_.indexMatches(from, part.to, *request_.filter, kPage, page);
+            more = request_.filter
+                       ? service_.indexMatches(from, part.to, *request_.filter, kPage, page)
+                       : service_.indexXPathMatches(from, part.to, request_.xpath, kPage, page,
+                                                    through);
+            if (request_.filter && !page.empty()) through = page.back().time;
+            if (forward ? earlier(through, from) || earlier(part.to, through)
+                        : earlier(from, through) || earlier(through, part.to)) {
+                throw ClientError(ErrorKind::Failure, "it answered a page outside its stretch");
+            }
         } catch (const ClientError& e) {
             output_.notice(jobId_, std::string("recording_index failed (") + e.what() +
                                        "); the rest of its stretch is walked");
@@ -55,13 +64,16 @@ int SearchSession::streamIndex(const Part& part)
             if (limitReached()) break;
             answeringFromIndex_ = true;
             take(SearchResult{SearchResult::Kind::Metadata, jobId_, match.time, "", false, false},
-                 &match);
+                 request_.filter ? &match : nullptr);
             answeringFromIndex_ = false;
             ++fromIndex_;
         }
         if (!indexed_) indexed_ = std::make_pair(part.from, part.to);
-        if (!more || page.empty()) break;
-        const Micros after = sinceEpoch(page.back().time) + (forward ? Micros(1) : Micros(-1));
+        if (!more || (page.empty() && request_.filter)) break;
+        // A page of an XPath may end on a stretch without a match: progress moves over it.
+        if (!request_.filter) report(through);
+        if (!output_.good()) return SIGPIPE;
+        const Micros after = sinceEpoch(through) + (forward ? Micros(1) : Micros(-1));
         from = timePointAt(after);
     }
     reachedByIndex_ = part.to;

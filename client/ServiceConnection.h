@@ -71,6 +71,11 @@ public:
     // true when there are more after the page's last. Throws ClientError when the index fails.
     bool indexMatches(TimePoint from, TimePoint to, const MetadataFilter& filter, uint32_t limit,
                       std::vector<IndexMatch>& page);
+    // The same for any XPath (the walk's own matcher on the documents the index kept); the
+    // matches then say nothing of what appeared. A page may also end after a stretch without
+    // enough matches: `through` gets the last document it looked at.
+    bool indexXPathMatches(TimePoint from, TimePoint to, const std::string& xpath, uint32_t limit,
+                           std::vector<IndexMatch>& page, TimePoint& through);
 
     // The recording's first and last time, if recording_information answers; for progress only.
     std::optional<std::pair<TimePoint, TimePoint>> recordingSpan();

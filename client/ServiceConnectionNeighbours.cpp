@@ -90,6 +90,30 @@ bool ServiceConnection::indexMatches(TimePoint from, TimePoint to, const Metadat
     return more;
 }
 
+bool ServiceConnection::indexXPathMatches(TimePoint from, TimePoint to, const std::string& xpath,
+                                          uint32_t limit, std::vector<IndexMatch>& page,
+                                          TimePoint& through)
+{
+    std::vector<int64_t> times;
+    bool more = false;
+    int64_t reached = 0;
+    call(
+        "FindXPathMatches",
+        [&] {
+            auto proxy = neighbour(loop_->connection(), "recording_index");
+            proxy->callMethod("FindXPathMatches")
+                .onInterface(kavro::recording_index_proxy::INTERFACE_NAME)
+                .withTimeout(kIndexTimeout)
+                .withArguments(micros(from), micros(to), limit, xpath)
+                .storeResultsTo(times, more, reached);
+        },
+        "recording_index");
+    page.clear();
+    for (const int64_t t : times) page.push_back(IndexMatch{timeOf(t), "", "", "", {}});
+    through = timeOf(reached);
+    return more;
+}
+
 std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan()
 {
     std::pair<TimePoint, TimePoint> span;

@@ -96,7 +96,7 @@ void IndexFollower::rereadRows()
             continue;
         }
         xmlDocPtr doc = parser.parse(answer.text);
-        store_.replace({time, textHash(answer.text), factsOf(doc)});
+        store_.replace({time, textHash(answer.text), factsOf(doc), answer.text});
         xmlFreeDoc(doc);
     }
     kavro_core_logging_log(logCookie_, 5, "Read %zu documents again: their rows did not decode",
@@ -190,6 +190,7 @@ void IndexFollower::followOnce()
     bool added = false;
     const auto flush = [&] {
         if (!batch.empty()) store_.add(batch);
+        if (!batch.empty()) store_.trainWhenReady();
         added |= !batch.empty();
         batch.clear();
         batchStarted = std::chrono::steady_clock::now();
@@ -205,7 +206,7 @@ void IndexFollower::followOnce()
         const bool fresh = first ? answer.cur >= trackStart : answer.cur > at;
         if (fresh) {
             xmlDocPtr doc = parser.parse(answer.text);
-            batch.push_back({answer.cur, textHash(answer.text), factsOf(doc)});
+            batch.push_back({answer.cur, textHash(answer.text), factsOf(doc), answer.text});
             xmlFreeDoc(doc);
             at = answer.cur;
             first = false;

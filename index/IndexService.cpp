@@ -1,13 +1,17 @@
 #include "index/IndexService.h"
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "client/Spans.h"
 #include "index/IndexFilter.h"
+#include "index/XPathEvaluator.h"
+#include "jobs/XPathMatcher.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
 #include "kavro/core.h"
@@ -27,6 +31,11 @@ using Count = sdbus::Struct<int64_t, int64_t, int64_t>;
 constexpr int64_t kMaxBuckets = 10000;
 constexpr std::size_t kStateCallsWaiting = 64;
 constexpr std::size_t kScansWaiting = 16;
+// Documents evaluated together, and the threads that share them: what one XPath query holds
+// at a time is a batch of documents.
+constexpr std::size_t kXPathBatch = 256;
+constexpr std::size_t kXPathPageDocuments = 16 * kXPathBatch;
+const std::size_t kXPathThreads = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
 // The last microsecond a recording's time (unsigned seconds and microseconds) can name.
 constexpr Micros kLastTime = Micros(0xffffffffLL) * 1000000 + 999999;
 
@@ -206,6 +215,57 @@ private:
                        return true;
                    });
                    return std::make_tuple(std::move(matches), more);
+               });
+    }
+
+    // Any XPath, on the documents the index kept, a batch at a time over a few threads.
+    void FindXPathMatches(sdbus::Result<std::vector<int64_t>, bool, int64_t>&& result, int64_t from,
+                          int64_t to, uint32_t limit, std::string xpath) override
+    {
+        answer(std::move(result), service_.scans_,
+               [this, from, to, limit, xpath](const std::atomic<bool>& gone) {
+                   checkTime(from);
+                   checkTime(to);
+                   XPathEvaluator evaluator(searchExpression(xpath), store().dictionary(),
+                                            kXPathThreads);
+                   const uint32_t most = std::min(limit, service_.pageLimit());
+                   std::vector<int64_t> times;
+                   bool more = false;
+                   Micros through = to;
+                   std::size_t looked = 0;
+                   std::vector<std::pair<Micros, std::string>> batch;
+                   // False once the page is full, or has looked at enough documents.
+                   const auto evaluate = [&] {
+                       const auto verdicts = evaluator.evaluate(batch);
+                       for (std::size_t i = 0; i < batch.size() && !more; ++i) {
+                           if (verdicts[i] && times.size() == most) {
+                               more = true;
+                               through = times.back();
+                           } else if (verdicts[i]) {
+                               times.push_back(batch[i].first);
+                           }
+                       }
+                       looked += batch.size();
+                       if (!more && looked >= kXPathPageDocuments) {
+                           more = true;
+                           through = batch.back().first;
+                       }
+                       batch.clear();
+                       return !more;
+                   };
+                   try {
+                       store().scanTexts(std::min(from, to), std::max(from, to), from <= to,
+                                         [&](Micros time, const std::string& text) {
+                                             if (gone) return false;
+                                             batch.emplace_back(time, text);
+                                             return batch.size() < kXPathBatch || evaluate();
+                                         });
+                       if (!gone && !more && !batch.empty()) evaluate();
+                   } catch (const UndecodableRow&) {
+                       follower_.reread();
+                       throw;
+                   }
+                   return std::make_tuple(std::move(times), more, through);
                });
     }
 

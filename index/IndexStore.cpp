@@ -11,15 +11,19 @@ namespace rsindex {
 
 namespace {
 
-constexpr int64_t kFormat = 4;
+constexpr int64_t kFormat = 5;
+// Documents kept before a dictionary is trained on them.
+constexpr int64_t kTrainOn = 1000;
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS documents (
   t INTEGER PRIMARY KEY,
   motion INTEGER NOT NULL,
   hash INTEGER NOT NULL,
-  facts BLOB NOT NULL);
+  facts BLOB NOT NULL,
+  text BLOB NOT NULL);
 CREATE TABLE IF NOT EXISTS kept (documents INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS dictionary (bytes BLOB NOT NULL);
 INSERT INTO kept SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM kept);
 )SQL";
 
@@ -83,10 +87,46 @@ IndexStore::IndexStore(const std::string& path, Access access)
         if (db_.queryInt("PRAGMA user_version") != kFormat) {
             db_.exec(
                 "DROP TABLE IF EXISTS documents; DROP TABLE IF EXISTS names; "
-                "DROP TABLE IF EXISTS kept;");
+                "DROP TABLE IF EXISTS kept; DROP TABLE IF EXISTS dictionary;");
             db_.exec("PRAGMA user_version = " + std::to_string(kFormat));
         }
         db_.exec(kSchema);
+        if (const std::string d = dictionary(); !d.empty()) codec_.useDictionary(d);
+    }
+}
+
+std::string IndexStore::dictionary()
+{
+    store::Statement q(db_, "SELECT bytes FROM dictionary LIMIT 1");
+    return q.step() ? q.columnText(0) : std::string();
+}
+
+void IndexStore::trainWhenReady()
+{
+    if (codec_.hasDictionary() || db_.queryInt("SELECT documents FROM kept") < kTrainOn) return;
+    std::vector<std::string> samples;
+    store::Statement q(db_, "SELECT text FROM documents ORDER BY t LIMIT ?");
+    q.bind(1, kTrainOn);
+    while (q.step()) samples.push_back(codec_.decompress(q.columnText(0)));
+    const std::string trained = DocumentCodec::train(samples);
+    if (trained.empty()) return;
+    store::Transaction transaction(db_);
+    store::Statement insert(db_, "INSERT INTO dictionary (bytes) VALUES (?)");
+    insert.bindBlob(1, trained).run();
+    transaction.commit();
+    codec_.useDictionary(trained);
+}
+
+void IndexStore::scanTexts(Micros from, Micros to, bool ascending,
+                           const std::function<bool(Micros, const std::string&)>& each)
+{
+    store::Statement q(db_, ascending ? "SELECT t, text FROM documents "
+                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t ASC"
+                                      : "SELECT t, text FROM documents "
+                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t DESC");
+    q.bind(1, from).bind(2, to);
+    while (q.step()) {
+        if (!each(q.columnInt(0), q.columnText(1))) return;
     }
 }
 
@@ -131,7 +171,8 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
 {
     store::Transaction transaction(db_);
     store::Statement document(
-        db_, "INSERT OR IGNORE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
+        db_,
+        "INSERT OR IGNORE INTO documents (t, motion, hash, facts, text) VALUES (?, ?, ?, ?, ?)");
     int64_t added = 0;
     for (const auto& d : batch) {
         document.reset()
@@ -139,6 +180,7 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
             .bind(2, d.facts.motion ? 1 : 0)
             .bind(3, int64_t(d.hash))
             .bindBlob(4, encode(d.facts))
+            .bindBlob(5, codec_.compress(d.text))
             .run();
         added += sqlite3_changes(db_.handle());
     }
@@ -164,11 +206,12 @@ void IndexStore::replace(const IndexedDocument& d)
 {
     store::Transaction transaction(db_);
     store::Statement document(
-        db_, "UPDATE documents SET motion = ?2, hash = ?3, facts = ?4 WHERE t = ?1");
+        db_, "UPDATE documents SET motion = ?2, hash = ?3, facts = ?4, text = ?5 WHERE t = ?1");
     document.bind(1, d.time)
         .bind(2, d.facts.motion ? 1 : 0)
         .bind(3, int64_t(d.hash))
         .bindBlob(4, encode(d.facts))
+        .bindBlob(5, codec_.compress(d.text))
         .run();
     transaction.commit();
 }
@@ -202,7 +245,8 @@ void IndexStore::dropBefore(Micros time)
 void IndexStore::clear()
 {
     store::Transaction transaction(db_);
-    db_.exec("DELETE FROM documents; UPDATE kept SET documents = 0;");
+    db_.exec("DELETE FROM documents; UPDATE kept SET documents = 0; DELETE FROM dictionary;");
+    codec_.useDictionary("");
     transaction.commit();
 }
 

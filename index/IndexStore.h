@@ -1,5 +1,5 @@
-// The index's SQLite file: one row per document (its time, motion, facts and a hash of its
-// text); the last row is the mark "indexed through". One
+// The index's SQLite file: one row per document (its time, motion, facts, a hash of its text and
+// the text itself, compressed by DocumentCodec); the last row is the mark "indexed through". One
 // writer (the follower) and any number of readers (the queries), in WAL mode so that readers
 // never block the writer; each batch of documents lands in one transaction together with the
 // mark, so a crash leaves the old state or the new one.
@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "index/DocumentCodec.h"
 #include "index/DocumentFacts.h"
 #include "store/SqliteDb.h"
 
@@ -25,6 +26,7 @@ struct IndexedDocument {
     Micros time = 0;
     uint64_t hash = 0;
     DocumentFacts facts;
+    std::string text;  // the document as the recording holds it
 };
 
 struct IndexSpan {
@@ -60,8 +62,18 @@ public:
     // The first document at or after `time`.
     std::optional<Micros> firstFrom(Micros time);
 
+    // The dictionary documents are compressed with, empty while there is none.
+    std::string dictionary();
+    // Documents' compressed texts in [from, to], ascending or descending, until `each` returns
+    // false.
+    void scanTexts(Micros from, Micros to, bool ascending,
+                   const std::function<bool(Micros, const std::string&)>& each);
+
     // Writer only.
     void add(const std::vector<IndexedDocument>& batch);
+    // Once enough documents are in and there is no dictionary yet: one trained on them, for the
+    // documents that come after.
+    void trainWhenReady();
     // The times of rows whose facts do not decode, at most `most` of them.
     std::vector<Micros> undecodable(std::size_t most);
     // One document read again: in place of what the index held at its time.
@@ -86,6 +98,7 @@ private:
     std::string damage_;
     std::string path_;
     store::SqliteDb db_;
+    DocumentCodec codec_;  // the writer's
 };
 
 uint64_t textHash(const std::string& text);

@@ -32,3 +32,10 @@ private:
     xmlXPathContextPtr context_ = nullptr;
     xmlXPathCompExprPtr expression_ = nullptr;
 };
+
+// What a metadata search evaluates for the XPath it was given: an empty one is "/", true of
+// every document that parses.
+inline std::string searchExpression(const std::string& xpath)
+{
+    return xpath.empty() ? std::string("/") : xpath;
+}

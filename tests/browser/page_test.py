@@ -306,6 +306,14 @@ class PageTest(unittest.TestCase):
         self.shot("events-360")
 
     # Last (the name sorts last): it kills the service of the stack.
+    def test_a_csv_cell_from_a_device_is_never_a_formula(self):
+        cells = self.driver.execute_async_script(
+            "const done = arguments[0];"
+            "import('/views.js').then((v) => done(['=1+1', '+A1', '-2+3', '@SUM(A1)', '\\tx',"
+            " 'plain \"quoted\"', 0.5, -3].map(v.csvCell)));")
+        self.assertEqual(cells, ['"\'=1+1"', '"\'+A1"', '"\'-2+3"', '"\'@SUM(A1)"', '"\'\tx"',
+                                 '"plain ""quoted"""', '"0.5"', '"-3"'])
+
     def test_zz_the_service_going_away_is_said_plainly_and_the_header_follows(self):
         self.search("appearances", *HOUR)
         self.assertEqual(wait_until("the status", lambda: self.el("service").text), "Search service running")

@@ -3,7 +3,7 @@ import { ApiError, request, stream, token } from './api.js';
 import { setUpRegion } from './region.js';
 import { makeStrip } from './strip.js';
 import { preset, readTime, showTime, zones } from './time.js';
-import { drawBar, durationText, gapItem, views } from './views.js';
+import { csvCell, drawBar, durationText, gapItem, views } from './views.js';
 
 const $ = (id) => document.getElementById(id);
 const FIELDS = ['start', 'end', 'class', 'colour', 'minLikelihood', 'region', 'xpath', 'bucket', 'devices'];
@@ -375,13 +375,12 @@ function download(kind) {
   if (kind === 'jsonl') {
     text = lines.map((line) => JSON.stringify(line)).join('\n') + '\n';
   } else {
-    const quote = (cell) => `"${String(cell).replaceAll('"', '""')}"`;
     const withDevice = lines.some((line) => line.device);
     const rows = lines.map((line) => {
       const row = v.csv(line);
       return row && (withDevice ? [line.device, ...row] : row);
     }).filter(Boolean);
-    text = [[...(withDevice ? ['device'] : []), ...v.csvColumns], ...rows].map((row) => row.map(quote).join(',')).join('\r\n') + '\r\n';
+    text = [[...(withDevice ? ['device'] : []), ...v.csvColumns], ...rows].map((row) => row.map(csvCell).join(',')).join('\r\n') + '\r\n';
   }
   const link = document.createElement('a');
   link.href = URL.createObjectURL(new Blob([text], { type: kind === 'jsonl' ? 'application/x-ndjson' : 'text/csv' }));

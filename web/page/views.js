@@ -11,6 +11,13 @@ export function durationText(s) {
   return `${Math.floor(s / 3600)} h ${String(Math.floor((s % 3600) / 60)).padStart(2, '0')} min`;
 }
 
+// One CSV cell, quoted. A text that a spreadsheet would run as a formula (=, +, -, @, or a tab
+// or return first) is kept as text by a leading apostrophe; numbers stay numbers.
+export function csvCell(cell) {
+  const text = typeof cell === 'string' && /^[=+\-@\t\r]/.test(cell) ? `'${cell}` : String(cell);
+  return `"${text.replaceAll('"', '""')}"`;
+}
+
 // A stretch's length to the microsecond, without a float's noise: "3.580575".
 const exactSeconds = (line) => {
   const micros = (line.end_sec - line.start_sec) * 1e6 + (line.end_usec - line.start_usec);
