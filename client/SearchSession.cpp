@@ -117,6 +117,9 @@ void SearchSession::planParts()
     parts_ = {Part{false, r.start, r.end}};
     if (r.kind != SearchRequest::Kind::Metadata || r.walk) return;
     const auto index = service_.indexState();
+    // Without an index on the bus an XPath of one's own walks as it always has, without a word:
+    // only a filter search says what it misses.
+    if (!index && !r.filter) return;
     if (!index || index->documents == 0) {
         notice_ = !index                   ? "recording_index is not running"
                   : index->state == "busy" ? "recording_index is busy"

@@ -90,4 +90,56 @@ bool IndexFilter::matches(const DocumentFacts& facts) const
     return !aboutObjects_ || matchingObject(facts) != nullptr;
 }
 
+namespace {
+
+// The named fact kept at its highest likelihood; one without a number is kept only while there
+// is nothing else under its name.
+void widenNamed(std::vector<NamedFact>& kept, const NamedFact& fact)
+{
+    const auto it = std::find_if(kept.begin(), kept.end(),
+                                 [&](const NamedFact& k) { return k.name == fact.name; });
+    if (it == kept.end()) {
+        kept.push_back(fact);
+    } else if (xpathNumber(fact.likelihood) > xpathNumber(it->likelihood) ||
+               std::isnan(xpathNumber(it->likelihood))) {
+        it->likelihood = fact.likelihood;
+    }
+}
+
+// The edge further out, by its number: lower for left and top, higher for right and bottom.
+void widenEdge(std::optional<std::string>& kept, const std::optional<std::string>& edge, bool lower)
+{
+    const double k = xpathNumber(kept), e = xpathNumber(edge);
+    if (!kept || (lower ? e < k : e > k)) kept = edge;
+}
+
+}  // namespace
+
+void widenSummary(DocumentFacts& summary, const DocumentFacts& facts)
+{
+    summary.motion = summary.motion || facts.motion;
+    if (facts.objects.empty()) return;
+    if (summary.objects.empty()) summary.objects.emplace_back();
+    ObjectFacts& all = summary.objects.front();
+    for (const auto& object : facts.objects) {
+        for (const auto& type : object.types) widenNamed(all.types, type);
+        for (const auto& colour : object.colours) widenNamed(all.colours, colour);
+        for (const auto& box : object.boxes) {
+            const bool numbers =
+                !std::isnan(xpathNumber(box.left)) && !std::isnan(xpathNumber(box.top)) &&
+                !std::isnan(xpathNumber(box.right)) && !std::isnan(xpathNumber(box.bottom));
+            if (!numbers) continue;
+            if (all.boxes.empty()) {
+                all.boxes.push_back(box);
+                continue;
+            }
+            BoxFact& span = all.boxes.front();
+            widenEdge(span.left, box.left, true);
+            widenEdge(span.top, box.top, true);
+            widenEdge(span.right, box.right, false);
+            widenEdge(span.bottom, box.bottom, false);
+        }
+    }
+}
+
 }  // namespace rsindex

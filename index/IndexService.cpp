@@ -350,10 +350,12 @@ private:
         checkTime(from);
         checkTime(to);
         try {
-            store().scan(std::min(from, to), std::max(from, to), from <= to,
-                         [&](Micros time, const DocumentFacts& facts) {
-                             return !gone && (!filter.matches(facts) || each(time, facts));
-                         });
+            store().scanStretches(
+                std::min(from, to), std::max(from, to), from <= to,
+                [&](const DocumentFacts& summary) { return filter.matches(summary); },
+                [&](Micros time, const DocumentFacts& facts) {
+                    return !gone && (!filter.matches(facts) || each(time, facts));
+                });
         } catch (const UndecodableRow&) {
             follower_.reread();
             throw;

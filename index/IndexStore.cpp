@@ -2,10 +2,13 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 
 #include <sqlite3.h>
+
+#include "index/IndexFilter.h"
 
 namespace rsindex {
 
@@ -14,14 +17,24 @@ namespace {
 constexpr int64_t kFormat = 5;
 // Documents kept before a dictionary is trained on them.
 constexpr int64_t kTrainOn = 1000;
+constexpr Micros kStretch = 60000000;
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS documents (
   t INTEGER PRIMARY KEY,
   motion INTEGER NOT NULL,
   hash INTEGER NOT NULL,
-  facts BLOB NOT NULL,
+  facts BLOB NOT NULL);
+-- The documents themselves, apart: a filter's scan reads only the facts.
+CREATE TABLE IF NOT EXISTS texts (
+  t INTEGER PRIMARY KEY,
   text BLOB NOT NULL);
+-- Per minute, facts that every filter matching any of its documents also matches: a filter
+-- search passes over the minutes whose summary it does not match, without reading them.
+CREATE TABLE IF NOT EXISTS stretches (
+  m INTEGER PRIMARY KEY,
+  motion INTEGER NOT NULL,
+  facts BLOB NOT NULL);
 CREATE TABLE IF NOT EXISTS kept (documents INTEGER NOT NULL);
 CREATE TABLE IF NOT EXISTS dictionary (bytes BLOB NOT NULL);
 INSERT INTO kept SELECT 0 WHERE NOT EXISTS (SELECT 1 FROM kept);
@@ -87,7 +100,8 @@ IndexStore::IndexStore(const std::string& path, Access access)
         if (db_.queryInt("PRAGMA user_version") != kFormat) {
             db_.exec(
                 "DROP TABLE IF EXISTS documents; DROP TABLE IF EXISTS names; "
-                "DROP TABLE IF EXISTS kept; DROP TABLE IF EXISTS dictionary;");
+                "DROP TABLE IF EXISTS kept; DROP TABLE IF EXISTS dictionary; "
+                "DROP TABLE IF EXISTS texts; DROP TABLE IF EXISTS stretches;");
             db_.exec("PRAGMA user_version = " + std::to_string(kFormat));
         }
         db_.exec(kSchema);
@@ -105,7 +119,7 @@ void IndexStore::trainWhenReady()
 {
     if (codec_.hasDictionary() || db_.queryInt("SELECT documents FROM kept") < kTrainOn) return;
     std::vector<std::string> samples;
-    store::Statement q(db_, "SELECT text FROM documents ORDER BY t LIMIT ?");
+    store::Statement q(db_, "SELECT text FROM texts ORDER BY t LIMIT ?");
     q.bind(1, kTrainOn);
     while (q.step()) samples.push_back(codec_.decompress(q.columnText(0)));
     const std::string trained = DocumentCodec::train(samples);
@@ -120,9 +134,9 @@ void IndexStore::trainWhenReady()
 void IndexStore::scanTexts(Micros from, Micros to, bool ascending,
                            const std::function<bool(Micros, const std::string&)>& each)
 {
-    store::Statement q(db_, ascending ? "SELECT t, text FROM documents "
+    store::Statement q(db_, ascending ? "SELECT t, text FROM texts "
                                         "WHERE t BETWEEN ?1 AND ?2 ORDER BY t ASC"
-                                      : "SELECT t, text FROM documents "
+                                      : "SELECT t, text FROM texts "
                                         "WHERE t BETWEEN ?1 AND ?2 ORDER BY t DESC");
     q.bind(1, from).bind(2, to);
     while (q.step()) {
@@ -171,8 +185,8 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
 {
     store::Transaction transaction(db_);
     store::Statement document(
-        db_,
-        "INSERT OR IGNORE INTO documents (t, motion, hash, facts, text) VALUES (?, ?, ?, ?, ?)");
+        db_, "INSERT OR IGNORE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
+    store::Statement text(db_, "INSERT OR IGNORE INTO texts (t, text) VALUES (?, ?)");
     int64_t added = 0;
     for (const auto& d : batch) {
         document.reset()
@@ -180,11 +194,12 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
             .bind(2, d.facts.motion ? 1 : 0)
             .bind(3, int64_t(d.hash))
             .bindBlob(4, encode(d.facts))
-            .bindBlob(5, codec_.compress(d.text))
             .run();
         added += sqlite3_changes(db_.handle());
+        text.reset().bind(1, d.time).bindBlob(2, codec_.compress(d.text)).run();
     }
     counted(added);
+    widenStretches(batch);
     transaction.commit();
 }
 
@@ -206,13 +221,15 @@ void IndexStore::replace(const IndexedDocument& d)
 {
     store::Transaction transaction(db_);
     store::Statement document(
-        db_, "UPDATE documents SET motion = ?2, hash = ?3, facts = ?4, text = ?5 WHERE t = ?1");
+        db_, "UPDATE documents SET motion = ?2, hash = ?3, facts = ?4 WHERE t = ?1");
     document.bind(1, d.time)
         .bind(2, d.facts.motion ? 1 : 0)
         .bind(3, int64_t(d.hash))
         .bindBlob(4, encode(d.facts))
-        .bindBlob(5, codec_.compress(d.text))
         .run();
+    store::Statement text(db_, "UPDATE texts SET text = ?2 WHERE t = ?1");
+    text.bind(1, d.time).bindBlob(2, codec_.compress(d.text)).run();
+    widenStretches({d});
     transaction.commit();
 }
 
@@ -222,7 +239,68 @@ void IndexStore::remove(Micros time)
     store::Statement document(db_, "DELETE FROM documents WHERE t = ?");
     document.bind(1, time).run();
     counted(-int64_t(sqlite3_changes(db_.handle())));
+    store::Statement text(db_, "DELETE FROM texts WHERE t = ?");
+    text.bind(1, time).run();
     transaction.commit();
+}
+
+// Inside the writer's transaction.
+void IndexStore::widenStretches(const std::vector<IndexedDocument>& batch)
+{
+    store::Statement read(db_, "SELECT facts, motion FROM stretches WHERE m = ?");
+    store::Statement write(db_,
+                           "INSERT OR REPLACE INTO stretches (m, motion, facts) VALUES (?, ?, ?)");
+    for (std::size_t i = 0; i < batch.size();) {
+        const Micros minute = batch[i].time / kStretch;
+        DocumentFacts summary;
+        // A summary that does not decode stays one: it rules nothing out (see scanStretches).
+        bool unknown = false;
+        read.reset().bind(1, minute);
+        if (read.step()) {
+            try {
+                summary = decode(read.columnText(0));
+            } catch (const std::runtime_error&) {
+                unknown = true;
+            }
+            summary.motion = read.columnInt(1) != 0;
+        }
+        for (; i < batch.size() && batch[i].time / kStretch == minute; ++i) {
+            widenSummary(summary, batch[i].facts);
+        }
+        write.reset()
+            .bind(1, minute)
+            .bind(2, summary.motion ? 1 : 0)
+            .bindBlob(3, unknown ? std::string() : encode(summary))
+            .run();
+    }
+}
+
+bool IndexStore::scanStretches(Micros from, Micros to, bool ascending,
+                               const std::function<bool(const DocumentFacts&)>& mayMatch,
+                               const std::function<bool(Micros, const DocumentFacts&)>& each)
+{
+    store::Statement q(db_, ascending ? "SELECT m, motion, facts FROM stretches "
+                                        "WHERE m BETWEEN ?1 AND ?2 ORDER BY m ASC"
+                                      : "SELECT m, motion, facts FROM stretches "
+                                        "WHERE m BETWEEN ?1 AND ?2 ORDER BY m DESC");
+    q.bind(1, from / kStretch).bind(2, to / kStretch);
+    while (q.step()) {
+        const Micros minute = q.columnInt(0);
+        bool wanted = true;
+        try {
+            DocumentFacts summary = decode(q.columnText(2));
+            summary.motion = q.columnInt(1) != 0;
+            wanted = mayMatch(summary);
+        } catch (const std::runtime_error&) {
+            // A summary that does not decode rules nothing out.
+        }
+        if (!wanted) continue;
+        if (!scan(std::max(from, minute * kStretch), std::min(to, minute * kStretch + kStretch - 1),
+                  ascending, each)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void IndexStore::counted(int64_t change)
@@ -239,18 +317,25 @@ void IndexStore::dropBefore(Micros time)
     store::Statement documents(db_, "DELETE FROM documents WHERE t < ?");
     documents.bind(1, time).run();
     counted(-int64_t(sqlite3_changes(db_.handle())));
+    store::Statement texts(db_, "DELETE FROM texts WHERE t < ?");
+    texts.bind(1, time).run();
+    // The minute that holds `time` keeps its summary: wider than it need be, never narrower.
+    store::Statement stretches(db_, "DELETE FROM stretches WHERE m < ?");
+    stretches.bind(1, time / kStretch).run();
     transaction.commit();
 }
 
 void IndexStore::clear()
 {
     store::Transaction transaction(db_);
-    db_.exec("DELETE FROM documents; UPDATE kept SET documents = 0; DELETE FROM dictionary;");
+    db_.exec(
+        "DELETE FROM documents; DELETE FROM texts; DELETE FROM stretches; "
+        "UPDATE kept SET documents = 0; DELETE FROM dictionary;");
     codec_.useDictionary("");
     transaction.commit();
 }
 
-void IndexStore::scan(Micros from, Micros to, bool ascending,
+bool IndexStore::scan(Micros from, Micros to, bool ascending,
                       const std::function<bool(Micros, const DocumentFacts&)>& each)
 {
     // Every document in the range: a table of names to narrow it cost a third of the index's
@@ -269,8 +354,9 @@ void IndexStore::scan(Micros from, Micros to, bool ascending,
             throw UndecodableRow();
         }
         facts.motion = q.columnInt(1) != 0;
-        if (!each(time, facts)) return;
+        if (!each(time, facts)) return false;
     }
+    return true;
 }
 
 }  // namespace rsindex

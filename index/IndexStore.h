@@ -84,16 +84,22 @@ public:
     void dropBefore(Micros time);
     void clear();
 
-    // Documents in [from, to], ascending or descending, until `each` returns false. Throws
-    // UndecodableRow.
-    void scan(Micros from, Micros to, bool ascending,
+    // Documents in [from, to], ascending or descending, until `each` returns false (then
+    // false). Throws UndecodableRow.
+    bool scan(Micros from, Micros to, bool ascending,
               const std::function<bool(Micros, const DocumentFacts&)>& each);
+    // The same, minute by minute, passing over each minute whose summary (widenSummary of its
+    // documents) `mayMatch` rules out without reading its documents.
+    bool scanStretches(Micros from, Micros to, bool ascending,
+                       const std::function<bool(const DocumentFacts&)>& mayMatch,
+                       const std::function<bool(Micros, const DocumentFacts&)>& each);
 
     IndexStore(const IndexStore&) = delete;
     IndexStore& operator=(const IndexStore&) = delete;
 
 private:
     void counted(int64_t change);  // inside the writer's transaction
+    void widenStretches(const std::vector<IndexedDocument>& batch);
 
     std::string damage_;
     std::string path_;

@@ -24,9 +24,10 @@ const char* kFooter = R"HELP(
 It reads the metadata documents of recording_information and recording_data_access one call
 at a time, with a search walk's pause after each, parses each as the search does (no DTD, at
 most 1 MiB) and keeps what the filters ask about (class and colour names with likelihoods,
-boxes, motion) in SQLite, in WAL mode. It resumes where it stopped, follows the track's end,
-drops what retention removed and rebuilds for a different recording. recsearch and
-recording_search_web answer filter searches from it and walk what it has not reached.
+boxes, motion) and each document, compressed, in SQLite, in WAL mode. It resumes where it
+stopped, follows the track's end, drops what retention removed and rebuilds for a different
+recording; a damaged file is moved aside and built anew. recsearch and recording_search_web
+answer metadata searches (filters or any XPath) from it and walk what it has not reached.
 
 Exit codes: 0 stopped by SIGTERM, SIGINT or SIGHUP; 1 cannot start or lost the bus;
 2 usage error.

@@ -390,7 +390,7 @@ void expectTheMergeHeld(const std::string& out, const std::vector<const Device*>
 {
     std::map<std::string, std::vector<json>> byDevice;
     int64_t last = 0;
-    json end;
+    json end = json::object();
     for (const auto& line : lines(out)) {
         const json j = json::parse(line, nullptr, false);
         ASSERT_TRUE(j.is_object()) << line;
