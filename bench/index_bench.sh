@@ -109,6 +109,7 @@ kill "$index_pid"; wait "$index_pid" 2>/dev/null || true; index_pid=""
 sqlite3 "$work/index.db" "
   WITH days(d) AS (VALUES (1),(2),(3),(4),(5),(6))
   INSERT OR IGNORE INTO documents SELECT t + d * 86400000000, motion, hash, facts FROM documents, days;
+  WITH days(d) AS (VALUES (1),(2),(3),(4),(5),(6))
   INSERT OR IGNORE INTO stretches SELECT m + d * 1440, motion, facts FROM stretches, days;
   UPDATE kept SET documents = (SELECT count(*) FROM documents);"
 start_index
