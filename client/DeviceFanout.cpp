@@ -204,7 +204,7 @@ void DeviceFanout::lineArrived(std::size_t device, std::string_view text)
     }
 }
 
-std::string DeviceFanout::tagged(std::size_t device, Body body) const
+std::string DeviceFanout::tagged(std::size_t device, const Body& body) const
 {
     Body out = {{"device", devices_[device].name}};
     out.update(body);

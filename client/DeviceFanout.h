@@ -83,7 +83,7 @@ private:
     void leave(std::size_t device, DeviceOutcome::Kind kind, const std::string& error);
     void emitReady(const std::function<void(const std::string&)>& line);
     void resumeOrDrop();
-    std::string tagged(std::size_t device, nlohmann::ordered_json body) const;
+    std::string tagged(std::size_t device, const nlohmann::ordered_json& body) const;
 
     std::vector<Device> devices_;
     SearchRequest request_;

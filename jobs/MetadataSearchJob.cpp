@@ -30,7 +30,7 @@ MetadataSearchJob::MetadataSearchJob(unsigned int jobId, void* logCookie,
                                      unsigned int startUsec, unsigned int endSec,
                                      unsigned int endUsec, int maxResults, std::string xpath)
     : TimelineSearchJob(jobId, logCookie, target, startSec, startUsec, endSec, endUsec, maxResults),
-      xpath(searchExpression(xpath)),
+      xpath(searchExpression(std::move(xpath))),
       step(logCookie, kMetadataStepTexts)
 {
 }

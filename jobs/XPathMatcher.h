@@ -35,7 +35,8 @@ private:
 
 // What a metadata search evaluates for the XPath it was given: an empty one is "/", true of
 // every document that parses.
-inline std::string searchExpression(const std::string& xpath)
+inline std::string searchExpression(std::string xpath)
 {
-    return xpath.empty() ? std::string("/") : xpath;
+    if (xpath.empty()) xpath = "/";
+    return xpath;
 }

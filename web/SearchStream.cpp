@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 #include <utility>
@@ -200,7 +201,7 @@ ssize_t SearchStream::read(char* buffer, std::size_t size, int socket)
         if (peer == Peer::StoppedWriting) {
             const std::string line = keepAliveLine();
             if (!line.empty() && line.size() <= size) {
-                std::memcpy(buffer, line.data(), line.size());
+                std::copy(line.begin(), line.end(), buffer);
                 return ssize_t(line.size());
             }
         }
