@@ -569,7 +569,10 @@ TEST_F(Devices, AHubBoundsWhatItsReadersAndDevicesCost)
         }
     }
     flooded.sendSignal(SIGKILL);
+    // A sanitizer's quarantine holds freed memory: the bound is the plain build's.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(most, 40 * 1024) << "kB resident while a device floods the hub";
+#endif
 }
 
 }  // namespace
