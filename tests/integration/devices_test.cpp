@@ -507,7 +507,8 @@ TEST_F(Devices, AHubBoundsWhatItsReadersAndDevicesCost)
          "--device-timeout", "60", "--max-streams", "2", "--max-buffered", "4096"});
     hub.start();
     ASSERT_TRUE(hub.waitForNotify("READY=1"));
-    const auto curl = [&](const std::string& body, std::vector<std::string> more = {}) {
+    const auto curl = [&](const std::string& body, std::vector<std::string> more = {},
+                          const std::string& search = "events") {
         std::vector<std::string> args = {
             "-sN",
             "-H",
@@ -518,7 +519,7 @@ TEST_F(Devices, AHubBoundsWhatItsReadersAndDevicesCost)
             R"({"start":"2024-01-01T00:00:00Z",)"
             R"("end":"2024-01-01T01:00:00Z",)" +
                 body + "}",
-            "http://127.0.0.1:" + std::to_string(port) + "/api/v1/events"};
+            "http://127.0.0.1:" + std::to_string(port) + "/api/v1/" + search};
         args.insert(args.begin(), more.begin(), more.end());
         return args;
     };
@@ -556,9 +557,12 @@ TEST_F(Devices, AHubBoundsWhatItsReadersAndDevicesCost)
         << lines(slow.out).back();
     EXPECT_EQ(json::parse(lines(slow.out).back()).value("kind", ""), "completed");
 
-    // Lines of 60 KB as fast as they can be taken, while the walk holds the merge back.
-    rstest::ProcessRunner flooded(
-        "curl", curl(R"("devices":["north","flood"])", {"--limit-rate", "50k", "-o", "/dev/null"}));
+    // Lines of 60 KB as fast as they can be taken, while a walk holds the merge back.
+    // Its lines are at the range's end, far beyond a walk of every document that holds the
+    // merge back: they wait in the merge, as much as the merge lets them.
+    rstest::ProcessRunner flooded("curl",
+                                  curl(R"("xpath":"","walk":true,"devices":["north","flood"])",
+                                       {"--limit-rate", "50k", "-o", "/dev/null"}, "metadata"));
     flooded.start();
     long most = 0;
     for (int i = 0; i < 20; ++i) {

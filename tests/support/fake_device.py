@@ -62,7 +62,8 @@ class Device(BaseHTTPRequestHandler):
             self.answer(404, json.dumps({"error": {"code": 404, "message": "gone"}}))
             return
         if mode == "flood":
-            self.flood(start, seconds(body["end"]))
+            self.flood(max(seconds(body["start"]), seconds(body["end"])),
+                       "metadata" if self.path.endswith("/metadata") else "recording")
             return
         self.send_response(200)
         self.send_header("Content-Type", "application/x-ndjson")
@@ -80,16 +81,17 @@ class Device(BaseHTTPRequestHandler):
                 self.chunk(line + "\n")
         self.chunk("")
 
-    def flood(self, start, end):
-        """Valid results as fast as they can be taken, a microsecond apart."""
+    def flood(self, end, kind):
+        """Valid results as fast as they can be taken, a microsecond apart, from a second before
+        the range's end."""
         self.send_response(200)
         self.send_header("Content-Type", "application/x-ndjson")
         self.send_header("Transfer-Encoding", "chunked")
         self.end_headers()
-        at = int(start * 1e6)
+        at = int((end - 1) * 1e6)
         padding = "x" * 60000  # lines near the longest a device may send
         while at < end * 1e6:
-            self.chunk(result(at // 1000000, at % 1000000, track=padding) + "\n")
+            self.chunk(result(at // 1000000, at % 1000000, kind=kind, track=padding) + "\n")
             at += 1
         self.chunk('{"kind":"completed"}\n')
         self.chunk("")
