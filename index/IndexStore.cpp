@@ -236,12 +236,18 @@ void IndexStore::replace(const IndexedDocument& d)
 void IndexStore::remove(Micros time)
 {
     store::Transaction transaction(db_);
-    store::Statement document(db_, "DELETE FROM documents WHERE t = ?");
-    document.bind(1, time).run();
-    counted(-int64_t(sqlite3_changes(db_.handle())));
-    store::Statement text(db_, "DELETE FROM texts WHERE t = ?");
-    text.bind(1, time).run();
+    forget("=", time);
     transaction.commit();
+}
+
+// Inside the writer's transaction: the documents whose time stands so to `time`, facts and texts.
+void IndexStore::forget(const std::string& comparison, Micros time)
+{
+    store::Statement documents(db_, ("DELETE FROM documents WHERE t " + comparison + " ?").c_str());
+    documents.bind(1, time).run();
+    counted(-int64_t(sqlite3_changes(db_.handle())));
+    store::Statement texts(db_, ("DELETE FROM texts WHERE t " + comparison + " ?").c_str());
+    texts.bind(1, time).run();
 }
 
 // Inside the writer's transaction.
@@ -314,11 +320,7 @@ void IndexStore::settle() { db_.exec("PRAGMA wal_checkpoint(TRUNCATE)"); }
 void IndexStore::dropBefore(Micros time)
 {
     store::Transaction transaction(db_);
-    store::Statement documents(db_, "DELETE FROM documents WHERE t < ?");
-    documents.bind(1, time).run();
-    counted(-int64_t(sqlite3_changes(db_.handle())));
-    store::Statement texts(db_, "DELETE FROM texts WHERE t < ?");
-    texts.bind(1, time).run();
+    forget("<", time);
     // The minute that holds `time` keeps its summary: wider than it need be, never narrower.
     store::Statement stretches(db_, "DELETE FROM stretches WHERE m < ?");
     stretches.bind(1, time / kStretch).run();

@@ -100,6 +100,7 @@ public:
 private:
     void counted(int64_t change);  // inside the writer's transaction
     void widenStretches(const std::vector<IndexedDocument>& batch);
+    void forget(const std::string& comparison, Micros time);
 
     std::string damage_;
     std::string path_;
