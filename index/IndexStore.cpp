@@ -46,6 +46,13 @@ store::SqliteDb::Mode modeOf(IndexStore::Access access)
                                                 : store::SqliteDb::Mode::ReadOnly;
 }
 
+// The rows of `table` whose `key` lies between ?1 and ?2, in the order asked for.
+std::string inRange(const char* columns, const char* table, const char* key, bool ascending)
+{
+    return std::string("SELECT ") + columns + " FROM " + table + " WHERE " + key +
+           " BETWEEN ?1 AND ?2 ORDER BY " + key + (ascending ? " ASC" : " DESC");
+}
+
 // Why the file cannot serve as the index, or nothing when it can (or is not there yet).
 std::optional<std::string> damageOf(const std::string& path)
 {
@@ -134,10 +141,7 @@ void IndexStore::trainWhenReady()
 void IndexStore::scanTexts(Micros from, Micros to, bool ascending,
                            const std::function<bool(Micros, const std::string&)>& each)
 {
-    store::Statement q(db_, ascending ? "SELECT t, text FROM texts "
-                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t ASC"
-                                      : "SELECT t, text FROM texts "
-                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t DESC");
+    store::Statement q(db_, inRange("t, text", "texts", "t", ascending).c_str());
     q.bind(1, from).bind(2, to);
     while (q.step()) {
         if (!each(q.columnInt(0), q.columnText(1))) return;
@@ -285,10 +289,7 @@ bool IndexStore::scanStretches(Micros from, Micros to, bool ascending,
                                const std::function<bool(const DocumentFacts&)>& mayMatch,
                                const std::function<bool(Micros, const DocumentFacts&)>& each)
 {
-    store::Statement q(db_, ascending ? "SELECT m, motion, facts FROM stretches "
-                                        "WHERE m BETWEEN ?1 AND ?2 ORDER BY m ASC"
-                                      : "SELECT m, motion, facts FROM stretches "
-                                        "WHERE m BETWEEN ?1 AND ?2 ORDER BY m DESC");
+    store::Statement q(db_, inRange("m, motion, facts", "stretches", "m", ascending).c_str());
     q.bind(1, from / kStretch).bind(2, to / kStretch);
     while (q.step()) {
         const Micros minute = q.columnInt(0);
@@ -342,10 +343,7 @@ bool IndexStore::scan(Micros from, Micros to, bool ascending,
 {
     // Every document in the range: a table of names to narrow it cost a third of the index's
     // size and saved little, as the broad filters people use match a good part of a day.
-    store::Statement q(db_, ascending ? "SELECT t, motion, facts FROM documents "
-                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t ASC"
-                                      : "SELECT t, motion, facts FROM documents "
-                                        "WHERE t BETWEEN ?1 AND ?2 ORDER BY t DESC");
+    store::Statement q(db_, inRange("t, motion, facts", "documents", "t", ascending).c_str());
     q.bind(1, from).bind(2, to);
     while (q.step()) {
         const Micros time = q.columnInt(0);
