@@ -79,6 +79,11 @@ public:
 
     // The recording's first and last time, if recording_information answers; for progress only.
     std::optional<std::pair<TimePoint, TimePoint>> recordingSpan();
+    // Each track with the span of its data (none for a track without data); throws ClientError.
+    std::vector<std::pair<std::string, std::optional<std::pair<TimePoint, TimePoint>>>>
+    trackSpans();
+    // Whether the recording was switched on at `t`; throws ClientError.
+    bool recordingOnAt(TimePoint t);
 
     ServiceConnection(const ServiceConnection&) = delete;
     ServiceConnection& operator=(const ServiceConnection&) = delete;

@@ -7,6 +7,7 @@
 #include "client/ServiceConnection.h"
 #include "kavro/bus/BusLoop.h"
 #include "kavro/bus/Contract.h"
+#include "kavro/generated/recording_control_proxy.h"
 #include "kavro/generated/recording_index_proxy.h"
 #include "kavro/generated/recording_information_proxy.h"
 
@@ -133,6 +134,63 @@ std::optional<std::pair<TimePoint, TimePoint>> ServiceConnection::recordingSpan(
         return std::nullopt;
     }
     return span;
+}
+
+std::vector<std::pair<std::string, std::optional<std::pair<TimePoint, TimePoint>>>>
+ServiceConnection::trackSpans()
+{
+    std::vector<std::string> tracks;
+    call(
+        "GetTracks",
+        [&] {
+            auto proxy = neighbour(loop_->connection(), "recording_control");
+            proxy->callMethod("GetTracks")
+                .onInterface(kavro::recording_control_proxy::INTERFACE_NAME)
+                .withTimeout(kSpanTimeout)
+                .storeResultsTo(tracks);
+        },
+        "recording_control");
+    std::vector<std::pair<std::string, std::optional<std::pair<TimePoint, TimePoint>>>> spans;
+    for (const auto& track : tracks) {
+        std::pair<TimePoint, TimePoint> span;
+        try {
+            call(
+                "GetTrackSummary",
+                [&] {
+                    auto proxy = neighbour(loop_->connection(), "recording_information");
+                    proxy->callMethod("GetTrackSummary")
+                        .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
+                        .withTimeout(kSpanTimeout)
+                        .withArguments(track)
+                        .storeResultsTo(span.first.sec, span.first.usec, span.second.sec,
+                                        span.second.usec);
+                },
+                "recording_information");
+            spans.emplace_back(track, span);
+        } catch (const ClientError& e) {
+            if (e.kind() != ErrorKind::StatusError) throw;
+            spans.emplace_back(track, std::nullopt);  // the track has no data
+        }
+    }
+    return spans;
+}
+
+bool ServiceConnection::recordingOnAt(TimePoint t)
+{
+    uint8_t state = 0;
+    std::vector<std::string> tracksOn;
+    call(
+        "GetRecordingState",
+        [&] {
+            auto proxy = neighbour(loop_->connection(), "recording_information");
+            proxy->callMethod("GetRecordingState")
+                .onInterface(kavro::recording_information_proxy::INTERFACE_NAME)
+                .withTimeout(kSpanTimeout)
+                .withArguments(t.sec, t.usec)
+                .storeResultsTo(state, tracksOn);
+        },
+        "recording_information");
+    return state != 0;
 }
 
 }  // namespace rsclient

@@ -24,6 +24,13 @@ The API (JSON in, JSON lines out; every /api/ request needs "Authorization: Bear
   POST   /api/v1/xpath                the filters: {"xpath": ...}
   DELETE /api/v1/searches/ID          ends a search
   GET    /                            the search page (no token needed)
+The standard search interface (SOAP 1.2; WS-Security UsernameToken users, --onvif-users):
+  POST   /onvif/device_service        GetServices, GetServiceCapabilities, GetCapabilities,
+                                      GetSystemDateAndTime (no user needed), GetDeviceInformation
+  POST   /onvif/search_service        GetServiceCapabilities, GetRecordingSummary,
+                                      GetRecordingInformation, FindRecordings, FindEvents,
+                                      FindMetadata, Get{Recording,Event,Metadata}SearchResults,
+                                      GetSearchState, EndSearch
 Times are ISO 8601 UTC text or seconds since 1970, as recsearch reads them.
 
 Safety: tokens are the non-empty lines of the token file, compared in constant time and never
@@ -38,8 +45,8 @@ reported with sd_notify. Logs go to the journal (one line per request at priorit
 the token), or to $KAVRO_LOG_FILE when set. The service is reached on the system bus;
 DBUS_SYSTEM_BUS_ADDRESS points elsewhere.
 
-Exit codes: 0 stopped by SIGTERM, SIGINT or SIGHUP; 1 cannot start (address, token file, TLS
-files); 2 usage error.
+Exit codes: 0 stopped by SIGTERM, SIGINT or SIGHUP; 1 cannot start (address, token file, users
+file, TLS files); 2 usage error.
 
 Examples:
   recording_search_web
@@ -108,6 +115,10 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
     app.add_option("--token-file", o.tokenFile,
                    "the bearer tokens, one a line (default /etc/recording-search/web-tokens)")
         ->type_name("FILE");
+    app.add_option("--onvif-users", o.onvifUsersFile,
+                   "the standard interface's users, a user name and its password a line "
+                   "(default /etc/recording-search/onvif-users; without it nobody may use it)")
+        ->type_name("FILE");
     app.add_option("--tls-cert", o.tlsCert, "serve HTTPS with this certificate (PEM)")
         ->type_name("FILE");
     app.add_option("--tls-key", o.tlsKey, "and this private key (PEM)")->type_name("FILE");
@@ -159,6 +170,7 @@ std::variant<GatewayOptions, int> parseGatewayOptions(int argc, char** argv)
         app.exit(e);
         return 2;
     }
+    o.onvifUsersGiven = app.count("--onvif-users") > 0;
     o.limits.idle = std::chrono::seconds(idle);
     o.deviceTimeout = std::chrono::seconds(deviceTimeout);
     o.limits.request = std::chrono::seconds(request);

@@ -29,6 +29,9 @@ struct GatewayOptions {
     sockaddr_storage address{};  // from listen
     bool loopback = true;
     std::string tokenFile = "/etc/recording-search/web-tokens";
+    // The standard interface's users; the default path may be absent (then nobody may use it).
+    std::string onvifUsersFile = "/etc/recording-search/onvif-users";
+    bool onvifUsersGiven = false;
     std::string tlsCert;
     std::string tlsKey;
     bool plainHttp = false;

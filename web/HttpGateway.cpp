@@ -89,6 +89,32 @@ std::string loggable(const std::string& text)
     return out;
 }
 
+bool fromLoopback(MHD_Connection* connection)
+{
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr) return false;
+    const sockaddr* address = info->client_addr;
+    if (address->sa_family == AF_INET) {
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+        return (ntohl(v4->sin_addr.s_addr) >> 24) == 127;
+    }
+    if (address->sa_family == AF_INET6) {
+        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+        return IN6_IS_ADDR_LOOPBACK(&v6->sin6_addr) != 0;
+    }
+    return false;
+}
+
+Reply soapReply(onvif::SoapAnswer answer)
+{
+    Reply reply;
+    reply.status = answer.status;
+    reply.contentType = onvif::kSoapContentType;
+    reply.body = std::move(answer.body);
+    if (answer.allow != nullptr) reply.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, answer.allow);
+    return reply;
+}
+
 struct HeaderCount {
     int contentLength = 0;
     int transferEncoding = 0;
@@ -194,13 +220,14 @@ void logLibrary(void* cls, const char* format, va_list arguments)
 
 }  // namespace
 
-HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens, void* logCookie,
-                         int listenSocket)
+HttpGateway::HttpGateway(const GatewayOptions& options, const TokenFile& tokens,
+                         onvif::UserList users, void* logCookie, int listenSocket)
     : options_(options),
       logCookie_(logCookie),
       routes_(options_, tokens, logCookie),
       limits_(options.limits.connections, options.limits.connectionsPerClient,
-              options.limits.request)
+              options.limits.request),
+      onvif_(std::move(users), logCookie)
 {
     unsigned flags =
         MHD_USE_THREAD_PER_CONNECTION | MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_ERROR_LOG;
@@ -301,9 +328,13 @@ int HttpGateway::handle(MHD_Connection* connection, const char* url, const char*
     if (request.tracked != nullptr) limits_.requestArrived(request.tracked);
     Reply reply;
     try {
-        reply = request.head.path.compare(0, 5, "/api/") == 0
-                    ? routes_.answer(request.head, request.body)
-                    : page(request.head);
+        if (onvif::isOnvifPath(request.head.path)) {
+            reply = soap(connection, request);
+        } else {
+            reply = request.head.path.compare(0, 5, "/api/") == 0
+                        ? routes_.answer(request.head, request.body)
+                        : page(request.head);
+        }
     } catch (const std::exception& e) {
         log(LOG_WARNING, std::string("request failed: ") + e.what());
         reply = errorReply(MHD_HTTP_INTERNAL_SERVER_ERROR, "the gateway failed; its log says why");
@@ -330,6 +361,12 @@ std::optional<Reply> HttpGateway::refuseEarly(MHD_Connection* connection, const 
                           "Transfer-Encoding");
     }
     if (head.path.compare(0, 5, "/api/") == 0) return routes_.refuse(head);
+    if (onvif::isOnvifPath(head.path)) {
+        auto refusal =
+            onvif_.refuse(head.method, head.path, head.contentLength, options_.limits.bodyBytes);
+        if (refusal) return soapReply(std::move(*refusal));
+        return std::nullopt;
+    }
     if (head.method != "GET" && head.method != "HEAD") {
         Reply reply = errorReply(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD are served here");
         reply.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
@@ -337,6 +374,25 @@ std::optional<Reply> HttpGateway::refuseEarly(MHD_Connection* connection, const 
         return reply;
     }
     return std::nullopt;
+}
+
+Reply HttpGateway::soap(MHD_Connection* connection, const RequestState& request)
+{
+    onvif::SoapCall call;
+    call.method = request.head.method;
+    call.path = request.head.path;
+    call.body = request.body;
+    call.fromLoopback = fromLoopback(connection);
+    std::string host = request.head.header(MHD_HTTP_HEADER_HOST);
+    // The services' addresses are given under the name the client used, if it is a name.
+    if (host.size() > 255 ||
+        host.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                               "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-:[]") != std::string::npos) {
+        host.clear();
+    }
+    call.base = (options_.tlsCert.empty() ? "http://" : "https://") +
+                (host.empty() ? options_.listen : host);
+    return soapReply(onvif_.answer(call));
 }
 
 Reply HttpGateway::page(const RequestHead& head) const

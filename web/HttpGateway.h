@@ -7,6 +7,7 @@
 #include <mutex>
 #include <string>
 
+#include "onvif/OnvifFace.h"
 #include "web/ApiRoutes.h"
 #include "web/ConnectionLimits.h"
 #include "web/GatewayOptions.h"
@@ -24,8 +25,8 @@ class HttpGateway {
 public:
     // Throws std::runtime_error when it cannot listen, with libmicrohttpd's reason.
     // `listenSocket` >= 0: a socket from systemd, used instead of the options' address.
-    HttpGateway(const GatewayOptions& options, const TokenFile& tokens, void* logCookie,
-                int listenSocket);
+    HttpGateway(const GatewayOptions& options, const TokenFile& tokens, onvif::UserList users,
+                void* logCookie, int listenSocket);
     ~HttpGateway();  // ends every stream, then the server
 
     HttpGateway(const HttpGateway&) = delete;
@@ -41,6 +42,7 @@ public:
 private:
     std::optional<Reply> refuseEarly(MHD_Connection* connection, const RequestHead& head);
     Reply page(const RequestHead& head) const;
+    Reply soap(MHD_Connection* connection, const RequestState& request);
     int send(MHD_Connection* connection, const RequestHead& head, Reply reply);
     void log(int priority, const std::string& message) const;
 
@@ -48,6 +50,7 @@ private:
     void* logCookie_;
     ApiRoutes routes_;
     ConnectionLimits limits_;
+    onvif::OnvifFace onvif_;
     std::string tlsCert_;
     std::string tlsKey_;
     std::mutex messageMutex_;

@@ -1,6 +1,7 @@
 // recording_search_web: the search over HTTP, for programs and for a person at a browser.
 #include <libxml/parser.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 
@@ -10,6 +11,7 @@
 
 #include "kavro/core.h"
 #include "kavro/tools/StopSignals.h"
+#include "onvif/OnvifUsers.h"
 #include "web/GatewayOptions.h"
 #include "web/HttpGateway.h"
 #include "web/TokenFile.h"
@@ -20,6 +22,26 @@ int socketFromSystemd()
 {
     const int passed = sd_listen_fds(1);
     return passed >= 1 ? SD_LISTEN_FDS_START : -1;
+}
+
+// The standard interface's users. A users file not given and not there means nobody.
+onvif::UserList onvifUsers(const web::GatewayOptions& options, void* log)
+{
+    struct stat status {};
+    if (!options.onvifUsersGiven && ::stat(options.onvifUsersFile.c_str(), &status) != 0) {
+        kavro_core_logging_log(log, LOG_NOTICE,
+                               "no users file %s: the standard interface answers only "
+                               "GetSystemDateAndTime",
+                               options.onvifUsersFile.c_str());
+        return {};
+    }
+    std::vector<std::string> warnings;
+    onvif::UserList users = onvif::readUsersFile(options.onvifUsersFile, &warnings);
+    for (const auto& warning : warnings) {
+        std::cerr << "recording_search_web: warning: " << warning << std::endl;
+        kavro_core_logging_log(log, LOG_WARNING, "%s", warning.c_str());
+    }
+    return users;
 }
 
 int run(int argc, char** argv)
@@ -45,7 +67,7 @@ int run(int argc, char** argv)
                                      "--tls-key, or --plain-http to serve plain HTTP anyway");
         }
         const web::TokenFile tokens(options.tokenFile);
-        web::HttpGateway gateway(options, tokens, log, socket);
+        web::HttpGateway gateway(options, tokens, onvifUsers(options, log), log, socket);
         kavro_core_logging_log(log, LOG_INFO, "serving on %s",
                                socket >= 0 ? "the socket from systemd" : options.listen.c_str());
         sd_notify(0, "READY=1");
