@@ -165,14 +165,18 @@ head -c 24 /dev/urandom | base64 | tr -d '/+=' >"$tmp/web-tokens"
 token=$(cat "$tmp/web-tokens")
 port=${RS_DEMO_PORT:-8470}
 while (echo >"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+onvif_password=$(head -c 12 /dev/urandom | base64 | tr -d '/+=')
+printf 'vms %s\n' "$onvif_password" >"$tmp/onvif-users"
+chmod 600 "$tmp/web-tokens" "$tmp/onvif-users"
 start recording_search_web "$bin/recording_search_web" --listen "127.0.0.1:$port" \
-  --token-file "$tmp/web-tokens"
+  --token-file "$tmp/web-tokens" --onvif-users "$tmp/onvif-users"
 web=http://127.0.0.1:$port
 for _ in $(seq 100); do
   curl -s -o /dev/null "$web/" && break
   sleep 0.05
 done
 echo "recording_search_web is serving $web/ (token: $token)"
+echo "video management software finds the search at $web/onvif/device_service (ONVIF; user vms, password $onvif_password)"
 
 recsearch() {
   echo "\$ recsearch $*"
@@ -265,6 +269,13 @@ say "The same event search through the gateway, as JSON lines (first 8)"
 curl_line="curl -sN -H 'Authorization: Bearer $token' -H 'Content-Type: application/json' -d '{\"start\":\"$from\",\"end\":\"$events_to\",\"startState\":true}' $web/api/v1/events"
 echo "\$ $curl_line"
 bash -c "$curl_line" | head -n 8 || true
+
+say "The standard search interface, as video management software asks it (GetServices)"
+# A password in plain text is taken from loopback only; a VMS elsewhere sends its digest.
+soap="<s:Envelope xmlns:s='http://www.w3.org/2003/05/soap-envelope'><s:Header><w:Security xmlns:w='http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd'><w:UsernameToken><w:Username>vms</w:Username><w:Password>$onvif_password</w:Password></w:UsernameToken></w:Security></s:Header><s:Body><GetServices xmlns='http://www.onvif.org/ver10/device/wsdl'><IncludeCapability>false</IncludeCapability></GetServices></s:Body></s:Envelope>"
+echo "\$ curl -s -H 'Content-Type: application/soap+xml' -d '<GetServices .../>' $web/onvif/device_service"
+curl -s -H 'Content-Type: application/soap+xml' --data-binary "$soap" "$web/onvif/device_service" |
+  grep -o '<tds:XAddr>[^<]*</tds:XAddr>' || { echo "demo: the device service did not answer" >&2; exit 1; }
 
 if [ "$keep" -eq 0 ]; then
   say "Stopping"
