@@ -68,6 +68,8 @@ for xpath in '//Object[Appearance/Class/Type="Person"]' '//Frame[@ObjectCount > 
   x_lines=$(grep -c '"metadata"' "$work/x-index.out" || true)
   xpath_rows+="| XPath \`$xpath\` over the recording, time to the last line ($x_lines lines) | $x_index s by index | $x_walk s by walk | $(python3 -c "print(f'{$x_walk / max($x_index, 0.001):.0f}')")x faster (goal 70x, at most 3 s); lines $x_same |"$'\n'
 done
+# The standard interface's FindMetadata beside recsearch, with the index answering both.
+onvif_rows=$(/usr/bin/python3 "$(dirname "$0")/onvif_bench.py" "$bin" "$from" "$to")
 walk_rate=$(python3 -c "print(f'{$docs / $by_walk:.0f}')")
 build_rate=$(python3 -c "print(f'{$docs / $build_s:.0f}')")
 
@@ -130,6 +132,7 @@ print(f"| index size on disk, each document kept | {size / 2**20:.1f} MiB | the 
 print(f"| --class person --spans over the recording, time to the last line | {$by_index} s by index | {$by_walk} s by walk | {$by_walk / max($by_index, 0.001):.0f}x faster (goal 300x, under 0.5 s); lines $same |")
 print(f"| --class vehicle --colour red --region 0,0,0.5,1 over the recording | {$narrow_index} s by index | | |")
 print("""$xpath_rows""", end="")
+print("""$onvif_rows""")
 print(f"| following a recording that grows by 5 documents a second, served meanwhile: the index's lag behind its end | at most {$lag_max} s, on average {$lag_mean} s | goal at most 10 s | {$lag_max / 10:.2f} of goal |")
 print(f"| recording_index CPU while following | {$follow_ticks / $hz / $follow_s * 100:.2f} % of one core over {$follow_s} s | goal under 2 % | {$follow_ticks / $hz / $follow_s * 100 / 2:.2f} of goal |")
 print(f"| --class person --spans over a week (the day's index rows repeated six days on) | {$week} s, {$week_lines} appearances | goal under 2 s | {$week / 2:.2f} of goal |")
