@@ -41,6 +41,8 @@ const char* reasonOf(int code)
     case XPATH_INVALID_ARITY: return "a function has the wrong number of arguments";
     case XPATH_INVALID_CHAR_ERROR: return "a character is not allowed here";
     case XPATH_RECURSION_LIMIT_EXCEEDED: return "it nests too deeply";
+    case XPATH_UNDEF_PREFIX_ERROR:
+        return "it uses a namespace prefix, and documents are matched without any";
     default: return "it is not a valid expression";
     }
 }
@@ -60,8 +62,18 @@ std::string checkXPath(const std::string& expression)
     xmlXPathCompExprPtr compiled =
         xmlXPathCtxtCompile(context.get(), reinterpret_cast<const xmlChar*>(expression.c_str()));
     if (compiled != nullptr) {
+        // A prefix is looked up only when the expression runs: it runs once on a bare document,
+        // where the walk would fail on every document instead.
+        std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> bare(
+            xmlReadMemory("<x/>", 4, nullptr, nullptr, XML_PARSE_NONET), &xmlFreeDoc);
+        if (bare) {
+            context->doc = bare.get();
+            context->node = xmlDocGetRootElement(bare.get());
+            xmlXPathFreeObject(xmlXPathCompiledEval(compiled, context.get()));
+        }
         xmlXPathFreeCompExpr(compiled);
-        return "";
+        if (first.code != XPATH_UNDEF_PREFIX_ERROR) return "";
+        first.at = -1;
     }
     std::string why = "the XPath expression " + excerpt(expression) +
                       " does not compile: " + reasonOf(first.code);

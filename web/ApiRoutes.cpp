@@ -314,7 +314,15 @@ Reply ApiRoutes::status()
     rsclient::EventInbox inbox;
     rsclient::ServiceConnection service(inbox);
     service.watchService();
-    return jsonReply(MHD_HTTP_OK, json{{"service", "running"}});
+    json answer{{"service", "running"}};
+    // What the recording covers, so that a range outside it can be said to hold nothing.
+    if (const auto span = service.recordingSpan()) {
+        answer["recording"] = {{"from", rsclient::isoText(span->first)},
+                               {"to", rsclient::isoText(span->second)},
+                               {"from_sec", span->first.sec},
+                               {"to_sec", span->second.sec}};
+    }
+    return jsonReply(MHD_HTTP_OK, answer);
 }
 
 }  // namespace web

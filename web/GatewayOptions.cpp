@@ -15,11 +15,14 @@ namespace {
 
 const char* kFooter = R"HELP(
 The API (JSON in, JSON lines out; every /api/ request needs "Authorization: Bearer TOKEN"):
-  GET    /api/v1/status               {"service": "running"}, or 502
-  POST   /api/v1/events               start, end, startState, maxResults
+  GET    /api/v1/status               {"service": "running", "recording": {"from", "to"}}, or 502
+  GET    /api/v1/index                recording_index's state (recsearch index --json), or 502
+  GET    /api/v1/devices              {"devices": [...]}: the devices a hub (--devices) searches
+  POST   /api/v1/events               start, end, startState, maxResults; on a hub devices
   POST   /api/v1/metadata             start, end, xpath or filters (class, colour,
-                                      minLikelihood, region, motion), spans, maxResults
-  POST   /api/v1/summary              start, end, bucket
+                                      minLikelihood, region, motion), spans, maxResults, walk,
+                                      minDuration, counts; on a hub devices
+  POST   /api/v1/summary              start, end, bucket; on a hub devices
   POST   /api/v1/picture              start, end: the SVG of the range
   POST   /api/v1/xpath                the filters: {"xpath": ...}
   DELETE /api/v1/searches/ID          ends a search

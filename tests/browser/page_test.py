@@ -277,8 +277,11 @@ class PageTest(unittest.TestCase):
         self.assertEqual(self.el("bars-from").text, "2024-01-01 00:00:00")
         self.assertTrue(self.driver.find_elements(By.CSS_SELECTOR, "#gaps li"))
         self.assertTrue(self.el("download-csv").is_enabled())
-        self.el("tab-events").click()
-        self.assertFalse(self.el("download-csv").is_enabled())
+        self.el("tab-events").click()  # the events found before are still there
+        self.assertRegex(self.el("message").text, r"^Finished: \d+ events? in")
+        self.assertTrue(self.rows())
+        self.assertTrue(self.el("download-csv").is_enabled())
+        self.assertTrue(self.el("picture").is_displayed())
 
     def test_the_layout_at_1280_and_at_360(self):
         self.search("appearances", "2024-01-01T00:00:00Z", "2024-01-01T00:10:00Z")
@@ -304,6 +307,137 @@ class PageTest(unittest.TestCase):
         box = self.el("picture-box")
         self.assertGreater(self.js("return arguments[0].scrollWidth - arguments[0].clientWidth", box), 0)
         self.shot("events-360")
+
+
+    # What the page knows, said; what was found, kept.
+
+    def signed_in(self):
+        self.sign_in()
+        wait_until("the search form", lambda: self.el("app").is_displayed())
+        Select(self.el("zone")).select_by_value("utc")
+
+    def test_the_recordings_span_is_said_and_a_range_without_it_finds_nothing_recorded(self):
+        for pixels in (1280, 360):
+            self.width(pixels)
+            self.driver.execute_script("sessionStorage.clear()")
+            self.driver.get(URL + "/")
+            self.signed_in()
+            said = wait_until("the recording's span", lambda: self.el("recorded").text)
+            self.assertIn("from 2024-01-01 00:00:00 to 2024-01-01 01:00:00", said)
+            self.el("preset-recorded").click()
+            self.assertEqual([self.el(i).get_attribute("value") for i in ("start", "end")],
+                             ["2024-01-01 00:00:00", "2024-01-01 01:00:00"])
+            self.el("start").clear()
+            self.el("end").clear()
+            self.el("start").send_keys("2025-03-01 10:00")
+            self.el("end").send_keys("2025-03-01 11:00")
+            self.assertIn("after its end", self.el("recorded").text)
+            self.el("tab-events").click()
+            self.el("run").click()
+            self.assertEqual(self.finished(), "Nothing was recorded between 2025-03-01 10:00:00 and 2025-03-01 11:00:00.")
+            self.shot(f"nothing-recorded-{pixels}")
+
+    def test_another_zone_shows_every_row_and_the_typed_range_at_the_same_instant(self):
+        self.driver.execute_cdp_cmd("Emulation.setTimezoneOverride", {"timezoneId": "America/New_York"})
+        try:
+            self.driver.get(URL + "/")
+            self.signed_in()
+            self.el("start").send_keys("2024-01-01 00:00")
+            self.el("end").send_keys("2024-01-01 00:15")
+            self.el("tab-events").click()
+            self.el("run").click()
+            self.finished()
+            first = self.rows()[0].find_element(By.TAG_NAME, "td")
+            self.assertEqual(first.text, "2024-01-01 00:00:00")
+            Select(self.el("zone")).select_by_value("local")
+            self.assertEqual(self.el("start").get_attribute("value"), "2023-12-31 19:00:00")
+            self.assertEqual(self.rows()[0].find_element(By.TAG_NAME, "td").text, "2023-12-31 19:00:00")
+            self.assertIn("2023-12-31 19:00:00", self.el("recorded").text)
+            self.assertIn("America/New_York", self.el("zone-local").text)
+            self.shot("events-new-york-1280")
+        finally:
+            self.driver.execute_cdp_cmd("Emulation.setTimezoneOverride", {"timezoneId": ""})
+
+    def test_the_notices_say_how_it_searched_and_walked_rows_say_what_is_not_known(self):
+        self.signed_in()
+        self.el("start").send_keys("2024-01-01 00:00")
+        self.el("end").send_keys("2024-01-01 00:05")
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        self.el("run").click()
+        self.finished()
+        self.assertIn("recording_index is not running", self.el("notices").text)
+        self.assertIn("Found by walking", self.el("how").text)
+        self.assertIn("not known", self.rows()[0].text)
+
+    def test_the_strip_has_a_caption_an_axis_and_searches_a_stretch_from_the_keyboard(self):
+        self.signed_in()
+        self.el("start").send_keys("2024-01-01 00:00")
+        self.el("end").send_keys("2024-01-01 00:48")
+        self.el("tab-events").click()
+        self.el("run").click()
+        self.finished()
+        strip = self.el("strip")
+        self.assertEqual(strip.get_attribute("role"), "slider")
+        self.assertIn("48 stretches", self.el("strip-caption").text)
+        self.assertEqual(self.el("strip-from").text, "2024-01-01 00:00:00")
+        strip.send_keys(Keys.ARROW_RIGHT, Keys.ARROW_RIGHT)
+        self.assertTrue(strip.get_attribute("aria-valuetext").startswith("2024-01-01 00:02:00 to 2024-01-01 00:03:00:"))
+        self.assertIn("00:02:00 to", self.driver.find_elements(By.CSS_SELECTOR, "#strip .cell")[2].get_attribute("title"))
+        strip.send_keys(Keys.ENTER)  # narrows to the stretch and searches it
+        wait_until("the narrowed search", lambda: self.el("start").get_attribute("value") == "2024-01-01 00:02:00"
+                   and self.el("run").is_enabled() and self.el("message").text.startswith("Finished"))
+        self.assertEqual(self.el("end").get_attribute("value"), "2024-01-01 00:03:00")
+
+    def test_a_bad_field_takes_the_focus_and_the_button_names_it(self):
+        self.signed_in()
+        self.el("start").send_keys("2024-02-30 10:00")
+        self.el("end").send_keys("2024-03-01 10:00")
+        self.el("run").click()
+        self.assertIn("no such date or time", wait_until("the date's sentence", lambda: self.el("start-error").text))
+        self.assertEqual(self.js("return document.activeElement.id"), "start")
+        self.assertIn("From", self.el("run-error").text)
+        self.el("start").clear()
+        self.el("start").send_keys("2024-01-01 00:00")
+        self.el("end").clear()
+        self.el("end").send_keys("2024-01-01 00:05")
+        self.el("xpath").send_keys("count(//tt:Object) > 0")
+        self.el("run").click()
+        self.assertIn("does not compile", wait_until("the XPath's sentence", lambda: self.el("xpath-error").text))
+        self.assertEqual(self.js("return document.activeElement.id"), "xpath")
+
+    def test_an_own_xpath_turns_the_filters_off_until_asked_back(self):
+        self.signed_in()
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        wait_until("the filter's XPath", lambda: "person" in self.el("xpath").get_attribute("value"))
+        self.assertFalse(self.el("filters-off").is_displayed())
+        self.el("xpath").send_keys(Keys.END, " or //Frame")
+        self.assertTrue(self.el("filters-off").is_displayed())
+        self.assertFalse(self.driver.find_element(By.CSS_SELECTOR, "input[value=vehicle]").is_enabled())
+        self.driver.find_element(By.XPATH, "//button[text()='Use the filters instead']").click()
+        self.assertTrue(self.driver.find_element(By.CSS_SELECTOR, "input[value=vehicle]").is_enabled())
+        wait_until("the filter's XPath again", lambda: self.el("xpath").get_attribute("value").startswith("//")
+                   and "or //Frame" not in self.el("xpath").get_attribute("value"))
+
+    def test_an_appearance_at_the_ranges_edge_is_marked_cut_in_the_row_and_the_csv(self):
+        lines = api("metadata", {"start": HOUR[0], "end": HOUR[1], "class": ["person"], "spans": "2s"})
+        long = next(l for l in lines if l.get("kind") == "span" and l["end_sec"] - l["start_sec"] >= 6)
+        middle = long["start_sec"] + 3
+        self.signed_in()
+        self.el("start").send_keys(str(middle))
+        self.el("end").send_keys(str(middle + 120))
+        self.driver.find_element(By.CSS_SELECTOR, "input[value=person]").click()
+        self.el("run").click()
+        self.finished()
+        self.assertIn("began before", self.rows()[0].find_element(By.CSS_SELECTOR, ".cut").text)
+        csv = self.driver.execute_async_script(
+            "const done = arguments[0]; const [make, click] = [URL.createObjectURL, HTMLAnchorElement.prototype.click];"
+            "HTMLAnchorElement.prototype.click = () => {};"
+            "URL.createObjectURL = (blob) => { blob.text().then(done); return 'about:blank'; };"
+            "document.getElementById('download-csv').click();"
+            "URL.createObjectURL = make; HTMLAnchorElement.prototype.click = click;")
+        head, first = csv.split("\r\n")[:2]
+        self.assertTrue(head.endswith('"box_at_start","box_at_end","cut"'), head)
+        self.assertTrue(first.endswith('"before"'), first)
 
     # Last (the name sorts last): it kills the service of the stack.
     def test_a_csv_cell_from_a_device_is_never_a_formula(self):

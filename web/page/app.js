@@ -3,20 +3,24 @@ import { ApiError, request, stream, token } from './api.js';
 import { setUpRegion } from './region.js';
 import { makeStrip } from './strip.js';
 import { preset, readTime, showTime, zones } from './time.js';
-import { csvCell, drawBar, durationText, gapItem, views } from './views.js';
+import { csvCell, cutText, drawBar, durationText, gapItem, views } from './views.js';
 
 const $ = (id) => document.getElementById(id);
 const FIELDS = ['start', 'end', 'class', 'colour', 'minLikelihood', 'region', 'xpath', 'bucket', 'devices'];
 const STATUS_EVERY_MS = 5000;
 let view = 'appearances';
-let running = null; // { id, began, stopRequested, controller, failed }
-let lines = [];
+let running = null; // { id, began, stopRequested, controller, failed, view }
+// Each view's last answer, kept until a new search in that view replaces it.
+const answers = {};
+let recording = null; // { from, to } in seconds, when the service says
+let hub = 0; // devices of a hub without a device of its own
 let xpathTyped = false;
 let strip;
 
 const zone = () => $('zone').value;
 const say = (text) => { $('message').textContent = text; };
 const problem = (text) => { $('problem').textContent = text; };
+const answer = () => answers[view];
 
 // What each field needs, said for people; the gateway's own reason follows where it adds one.
 const FIELD_HELP = {
@@ -29,12 +33,24 @@ const FIELD_HELP = {
   bucket: 'That bucket size gives too many bars for this range; pick a larger one.',
   devices: 'Pick devices from the list.',
 };
+const FIELD_NAMES = { start: 'From', end: 'To', minLikelihood: 'Least likelihood', region: 'Region', class: 'Class',
+  colour: 'Colour', bucket: 'Bucket size', devices: 'Devices', xpath: 'XPath' };
+const FOCUS_OF = { region: 'region-left', class: 'tab-appearances', devices: 'device-choices' };
 
+// A bad field: its sentence beside it, the focus on it, and a word by the Search button.
 function fieldError(field, message) {
   const element = $(`${field}-error`);
   if (!element) return false;
   element.textContent = field === 'xpath' ? `This XPath cannot be used: ${message.replace(/^xpath: /, '')}` : FIELD_HELP[field] || message;
+  markBad([field]);
   return true;
+}
+
+function markBad(fields) {
+  if (!fields.length) return;
+  $('run-error').textContent = `Check ${fields.map((f) => FIELD_NAMES[f] || f).join(' and ')}: ${fields.length > 1 ? 'they are' : 'it is'} marked above.`;
+  const first = $(FOCUS_OF[fields[0]] || fields[0]);
+  if (first) first.focus();
 }
 
 // Plain sentences for what the gateway answers; a bad value goes next to its field.
@@ -59,18 +75,21 @@ function explain(error) {
 }
 
 function showService(up, text) {
-  $('service').textContent = text || (up ? 'Search service running' : 'The search service is not running');
-  $('service').className = up ? 'up' : 'down';
+  const hubText = hub && !up ? `Hub for ${hub} ${hub === 1 ? 'device' : 'devices'}` : '';
+  $('service').textContent = text || hubText || (up ? 'Search service running' : 'The search service is not running');
+  $('service').className = up || hubText ? 'up' : 'down';
 }
 
 async function refreshService() {
   try {
-    await request('GET', 'status');
+    const status = await (await request('GET', 'status')).json();
+    recording = status.recording ? { from: status.recording.from_sec, to: status.recording.to_sec } : null;
     showService(true);
   } catch (error) {
     if (error.status === 401) throw error;
     showService(false, error.status === 502 ? '' : 'The gateway cannot be reached');
   }
+  showRecorded();
 }
 
 function showLogin(message) {
@@ -81,22 +100,33 @@ function showLogin(message) {
 }
 
 async function checkToken() {
+  await showDevices();
   await refreshService();
   $('login').hidden = true;
   $('app').hidden = false;
   $('start').focus();
-  await showDevices();
 }
 
+// A hub without a device of its own searches its devices: all of them unless told otherwise.
 async function showDevices() {
   let names = [];
   try {
     names = (await (await request('GET', 'devices')).json()).devices || [];
-  } catch { /* a gateway without the list: this device only */ }
+  } catch (error) {
+    if (error.status === 401) throw error;
+  }
+  let own = true;
+  try {
+    await request('GET', 'status');
+  } catch (error) {
+    if (error.status === 401) throw error;
+    own = error.status !== 502;
+  }
+  hub = names.length && !own ? names.length : 0;
   $('devices').hidden = names.length === 0;
   $('device-choices').replaceChildren(...names.map((name) => {
     const label = document.createElement('label');
-    const box = Object.assign(document.createElement('input'), { type: 'checkbox', name: 'device', value: name });
+    const box = Object.assign(document.createElement('input'), { type: 'checkbox', name: 'device', value: name, checked: hub > 0 });
     label.append(box, ` ${name}`);
     return label;
   }));
@@ -139,6 +169,15 @@ async function showXPath(getRegion) {
   }
 }
 
+// A person's own XPath and the filters do not both hold: while the box has one, the filters
+// are off, and one click brings them back.
+function setXPathTyped(typed, getRegion) {
+  xpathTyped = typed;
+  $('filters').disabled = typed;
+  $('filters-off').hidden = !typed;
+  if (!typed) showXPath(getRegion);
+}
+
 // Under each time: how it was read, in the zone shown and in the other one.
 function showRange() {
   const read = {};
@@ -152,13 +191,50 @@ function showRange() {
   }
   const backward = read.start && read.end && !read.start.why && !read.end.why && read.start.seconds > read.end.seconds;
   $('direction').textContent = backward ? 'From is later than To: the search runs backward, latest first.' : '';
+  showRecorded(read);
   return read;
+}
+
+const readable = (t) => t && !t.why;
+
+// What the recording covers, and whether the range asked reaches it.
+function showRecorded(read = null) {
+  $('preset-recorded').hidden = !recording;
+  if (!recording) {
+    $('recorded').textContent = '';
+    return;
+  }
+  let text = `The recording has data from ${showTime(recording.from, zone())} to ${showTime(recording.to, zone())}.`;
+  read = read || { start: readTime($('start').value, zone()), end: readTime($('end').value, zone()) };
+  if (readable(read.start) && readable(read.end)) {
+    const [a, b] = [Math.min(read.start.seconds, read.end.seconds), Math.max(read.start.seconds, read.end.seconds)];
+    if (a > recording.to) text += ' This range is after its end: use "Last hour recorded".';
+    else if (b < recording.from) text += ' This range is before its start.';
+  }
+  $('recorded').textContent = text;
 }
 
 function setRange(from, to) {
   $('start').value = from;
   $('end').value = to;
+  for (const id of ['start', 'end']) $(`${id}-error`).textContent = '';
   showRange();
+}
+
+function choosePreset(name) {
+  if (name === 'recorded') setRange(showTime(recording.to - 3600, zone()), showTime(Math.ceil(recording.to), zone()));
+  else setRange(...preset(name, zone()));
+}
+
+// A new zone: the typed times keep their instant, and everything shown is shown again.
+function changeZone(previous) {
+  for (const id of ['start', 'end']) {
+    const text = $(id).value.trim();
+    const t = text && !/(Z|[+-]\d\d:?\d\d)$/i.test(text) && !/^\d+(\.\d+)?$/.test(text) ? readTime(text, previous) : null;
+    if (readable(t)) $(id).value = showTime(t.seconds, zone()) + (String(t.seconds).includes('.') ? String(t.seconds).slice(String(t.seconds).indexOf('.')) : '');
+  }
+  showRange();
+  if (!running) render();
 }
 
 function selectView(name) {
@@ -170,30 +246,48 @@ function selectView(name) {
     tab.tabIndex = key === name ? 0 : -1;
     $(`view-${key}`).hidden = key !== name;
   }
-  // What is shown, and what a download gives, is always this view's.
-  if (!running) resetResults();
+  // What is shown, and what a download gives, is always this view's own last answer.
+  if (!running) render();
 }
 
-function resetResults() {
-  lines = [];
-  for (const id of ['problem', 'message']) $(id).textContent = '';
+// The results area cleared, with the columns of this view's rows.
+function clearShown(withDevice) {
+  for (const id of ['problem', 'message', 'how', 'run-error']) $(id).textContent = '';
+  $('notices').replaceChildren();
   for (const field of FIELDS) $(`${field}-error`).textContent = '';
   const table = $('results');
   table.tHead.replaceChildren();
   table.tBodies[0].replaceChildren();
   const head = table.tHead.insertRow();
-  const columns = [...(chosenDevices().length ? ['device'] : []), ...views[view].columns];
+  const columns = [...(withDevice ? ['device'] : []), ...views[view].columns];
   for (const column of columns) head.append(Object.assign(document.createElement('th'), { textContent: column, scope: 'col' }));
   table.hidden = true;
   $('bars').replaceChildren();
   $('gaps').replaceChildren();
   for (const id of ['chart', 'gaps', 'picture-box']) $(id).hidden = true;
+  $('bars-from').textContent = $('bars-to').textContent = '';
   strip.reset(NaN, NaN);
+}
+
+// This view's last answer, drawn again (another tab, another zone).
+function render() {
+  const a = answer();
+  clearShown(a && a.lines.some((line) => line.device));
+  if (a) {
+    strip.reset(a.range.startSeconds, a.range.endSeconds);
+    for (const line of a.lines) show(line, a);
+    for (const text of a.notices) addNotice(text);
+    if (a.end) sayEnd(a);
+    else if (a.said) say(a.said);
+    problem(a.problem || '');
+    if (a.picture) showPictureOf(a.picture);
+  }
   setDownloads();
 }
 
 function setDownloads() {
-  $('download-jsonl').disabled = $('download-csv').disabled = running !== null || lines.length === 0;
+  const rows = $('results').tBodies[0].rows.length;
+  $('download-jsonl').disabled = $('download-csv').disabled = running !== null || !answer() || rows === 0;
 }
 
 function progressTo(through, range) {
@@ -202,9 +296,9 @@ function progressTo(through, range) {
   if (Number.isFinite(t) && a !== b) $('progress').value = Math.min(1, Math.max(0, (t - a) / (b - a)));
 }
 
-function addRow(line) {
+function addRow(line, a) {
   const v = views[view];
-  const row = v.row(line, zone());
+  const row = v.row(line, zone(), a.range);
   if (!row) return;
   const tr = $('results').tBodies[0].insertRow();
   const cells = [...(line.device ? [{ text: line.device }] : []), ...row];
@@ -215,30 +309,20 @@ function addRow(line) {
     if (cell.node) td.append(cell.node); else td.textContent = cell.text;
     if (cell.title) td.title = cell.title;
     if (cell.time) td.className = 'time';
+    if (cell.mark) {
+      const mark = Object.assign(document.createElement('small'), { className: 'cut', textContent: cell.mark });
+      td.append(' ', mark);
+    }
   });
   $('results').hidden = false;
 }
 
-function take(line, range) {
-  if (line.kind === 'search') {
-    running.id = line.id;
-    if (running.stopRequested) stop();
-    return;
-  }
-  if (line.kind === 'progress') { progressTo(line.through, range); return; }
-  if (line.kind === 'notice') return;
-  if (line.device && (line.kind === 'error' || line.kind === 'dropped')) {
-    problem(`${line.device} could not be searched: ${line.error}`);
-    return;
-  }
-  if (line.error) {
-    running.failed = true;
-    problem(/went away|not running|bus/.test(line.error)
-      ? 'The search service on the device stopped during the search. The rows shown are what it found before; search again once it is back.'
-      : `The search ended early: ${line.error}`);
-    return;
-  }
-  lines.push(line);
+function addNotice(text) {
+  $('notices').append(Object.assign(document.createElement('li'), { textContent: text }));
+}
+
+// One line of an answer on the page.
+function show(line, a) {
   const at = views[view].time(line);
   if (at !== false) strip.add(at);
   if (line.kind === 'gap') { $('gaps').hidden = false; $('gaps').append(gapItem(line, zone())); return; }
@@ -248,12 +332,45 @@ function take(line, range) {
     if (!$('bars-from').textContent) $('bars-from').textContent = showTime(line.start_sec, zone());
     $('bars-to').textContent = showTime(line.end_sec, zone());
   }
-  addRow(line);
+  addRow(line, a);
+}
+
+function take(line, a) {
+  if (line.kind === 'search') {
+    running.id = line.id;
+    if (running.stopRequested) stop();
+    return;
+  }
+  if (line.kind === 'progress') { progressTo(line.through, a.range); return; }
+  if (line.kind === 'notice') {
+    a.notices.push(line.message);
+    addNotice(line.message);
+    return;
+  }
+  if (line.device && (line.kind === 'error' || line.kind === 'dropped')) {
+    a.problem = `${line.device} could not be searched: ${line.error}`;
+    problem(a.problem);
+    return;
+  }
+  if (line.error) {
+    running.failed = true;
+    a.problem = /went away|not running|bus/.test(line.error)
+      ? 'The search service on the device stopped during the search. The rows shown are what it found before; search again once it is back.'
+      : `The search ended early: ${line.error}`;
+    problem(a.problem);
+    return;
+  }
+  a.lines.push(line);
+  show(line, a);
   if (!running.scrolled) {
     running.scrolled = true;
     bringStatusIntoView();
   }
-  if ('results' in line) finish(line);
+  if ('results' in line) {
+    a.end = line;
+    a.took = durationText((performance.now() - running.began) / 1000);
+    sayEnd(a);
+  }
 }
 
 // Narrow screens: the status and the results to the top, where they are seen; again when the
@@ -272,8 +389,15 @@ function countText(line) {
   return `${shown} (${line.results} matching ${line.results === 1 ? 'frame' : 'frames'})`;
 }
 
-function finish(line) {
-  const took = durationText((performance.now() - running.began) / 1000);
+// Whether the range reaches the recording at all.
+function outsideRecording(range) {
+  if (!recording) return false;
+  const [a, b] = [Math.min(range.startSeconds, range.endSeconds), Math.max(range.startSeconds, range.endSeconds)];
+  return b < recording.from || a > recording.to;
+}
+
+function sayEnd(a) {
+  const line = a.end;
   if (line.kind === 'interrupted') {
     const through = line.time ? `; searched through ${showTime(line.sec, zone())}` : '';
     say(`Stopped: ${countText(line)}${through}.`);
@@ -281,26 +405,41 @@ function finish(line) {
     say(`Ended by another client: ${countText(line)}.`);
   } else if (line.kind === 'incomplete') {
     say(`${countText(line)}, but a recording service failed: results after ${showTime(line.sec, zone())} are missing.`);
+  } else if (!line.devices && outsideRecording(a.range)) {
+    say(`Nothing was recorded between ${showTime(Math.min(a.range.startSeconds, a.range.endSeconds), zone())} and ${showTime(Math.max(a.range.startSeconds, a.range.endSeconds), zone())}.`);
   } else {
-    say(`Finished: ${countText(line)} in ${took}.`);
+    say(`Finished: ${countText(line)} in ${a.took}.`);
     $('progress').value = 1;
   }
+  $('how').textContent = howText(line);
+}
+
+// One short line on how the answer was found.
+function howText(line) {
+  if (line.devices) {
+    return line.devices.map((d) => `${d.device}: ${d.outcome || d.kind || ''}${d.results !== undefined ? `, ${d.results} results` : ''}`).join('; ');
+  }
+  if (!line.index) return view === 'appearances' ? 'Found by walking the recording: what appeared and where are known only from the index.' : '';
+  const covered = `${showTime(Date.parse(line.index.from) / 1000, zone())} to ${showTime(Date.parse(line.index.to) / 1000, zone())}`;
+  return `The index answered from ${covered} (${line.index.results} of ${line.results} matches); the rest was walked.`;
 }
 
 // Empty or unreadable fields are said before anything is sent.
 function checkFields(read) {
-  let ok = true;
+  const bad = [];
   for (const id of ['start', 'end']) {
     if (!read[id] || read[id].why) {
-      $(`${id}-error`).textContent = FIELD_HELP[id];
-      ok = false;
+      $(`${id}-error`).textContent = read[id] && read[id].why === 'no such date or time'
+        ? 'There is no such date or time: check the day and the hour.' : FIELD_HELP[id];
+      bad.push(id);
     }
   }
-  if (ok && read.start.seconds === read.end.seconds) {
+  if (!bad.length && read.start.seconds === read.end.seconds) {
     $('end-error').textContent = 'From and To are the same moment; make To later (or earlier, to search backward).';
-    ok = false;
+    bad.push('end');
   }
-  return ok;
+  markBad(bad);
+  return bad.length === 0;
 }
 
 function setRunning(on) {
@@ -308,6 +447,7 @@ function setRunning(on) {
   $('run').disabled = on;
   $('stop').disabled = !on;
   $('progress').hidden = !on;
+  document.body.classList.toggle('running', on);
   // Focus stays on a control, not on the page's body.
   if (on && (hadFocus === $('run') || hadFocus === document.body)) $('stop').focus();
   if (!on && (hadFocus === $('stop') || hadFocus === document.body || hadFocus === null)) $('run').focus();
@@ -316,27 +456,30 @@ function setRunning(on) {
 
 async function run(getRegion) {
   if (running) return;
-  resetResults();
   const read = showRange();
+  clearShown(chosenDevices().length > 0);
   if (!checkFields(read)) return;
-  const range = { start: read.start.api, end: read.end.api };
+  const range = { start: read.start.api, end: read.end.api, startSeconds: read.start.seconds, endSeconds: read.end.seconds };
   const v = views[view];
-  const body = v.body(range, appearanceFilters(getRegion), $('bucket').value);
+  const body = v.body({ start: range.start, end: range.end }, appearanceFilters(getRegion), $('bucket').value);
   if (chosenDevices().length) body.devices = chosenDevices();
+  const a = { lines: [], notices: [], range, end: null, took: '', problem: '', said: '', picture: null };
+  answers[view] = a;
   running = { id: null, began: performance.now(), stopRequested: false, controller: new AbortController(), failed: false };
-  Object.assign(range, { startSeconds: read.start.seconds, endSeconds: read.end.seconds });
   strip.reset(read.start.seconds, read.end.seconds);
   setRunning(true);
   $('progress').value = 0;
   say(read.start.seconds > read.end.seconds ? 'Searching backward, latest first...' : 'Searching...');
   bringStatusIntoView();
   try {
-    await stream(v.path, body, (line) => take(line, range), running.controller.signal);
-    if (running.controller.signal.aborted) say(`Stopped: ${countText(null)}.`);
-    else if (running.failed) say(`Ended early: ${countText(null)}.`);
-    if (view === 'events' && !running.failed && !running.controller.signal.aborted && !body.devices) await showPicture(range);
+    await stream(v.path, body, (line) => take(line, a), running.controller.signal);
+    if (running.controller.signal.aborted) a.said = `Stopped: ${countText(null)}.`;
+    else if (running.failed) a.said = `Ended early: ${countText(null)}.`;
+    if (a.said) say(a.said);
+    if (view === 'events' && !running.failed && !running.controller.signal.aborted && !body.devices) await showPicture(a);
   } catch (error) {
-    say(error.status === -1 ? 'Stopped before the search began.' : '');
+    a.said = error.status === -1 ? 'Stopped before the search began.' : '';
+    say(a.said);
     if (error.status !== -1) explain(error);
   } finally {
     running = null;
@@ -344,8 +487,12 @@ async function run(getRegion) {
   }
 }
 
-async function showPicture(range) {
-  const svg = await (await request('POST', 'picture', { start: range.start, end: range.end })).blob();
+async function showPicture(a) {
+  a.picture = await (await request('POST', 'picture', { start: a.range.start, end: a.range.end })).blob();
+  showPictureOf(a.picture);
+}
+
+function showPictureOf(svg) {
   const picture = $('picture');
   if (picture.src) URL.revokeObjectURL(picture.src);
   picture.src = URL.createObjectURL(svg);
@@ -371,13 +518,14 @@ async function stop() {
 
 function download(kind) {
   const v = views[view];
+  const { lines, range } = answer();
   let text;
   if (kind === 'jsonl') {
     text = lines.map((line) => JSON.stringify(line)).join('\n') + '\n';
   } else {
     const withDevice = lines.some((line) => line.device);
     const rows = lines.map((line) => {
-      const row = v.csv(line);
+      const row = v.csv(line, range);
       return row && (withDevice ? [line.device, ...row] : row);
     }).filter(Boolean);
     text = [[...(withDevice ? ['device'] : []), ...v.csvColumns], ...rows].map((row) => row.map(csvCell).join(',')).join('\r\n') + '\r\n';
@@ -393,8 +541,8 @@ function setUp() {
   const getRegion = setUpRegion(() => showXPath(getRegion));
   strip = makeStrip($('strip'), (from, to) => {
     setRange(showTime(from, zone()), showTime(Math.ceil(to), zone()));
-    $('run').focus();
-  });
+    if (!running) run(getRegion);
+  }, (seconds) => showTime(seconds, zone()));
   $('zone-local').textContent = `this browser's time zone (${zones.local})`;
   $('token-form').addEventListener('submit', async (event) => {
     event.preventDefault();
@@ -411,9 +559,10 @@ function setUp() {
   $('download-jsonl').addEventListener('click', () => download('jsonl'));
   $('download-csv').addEventListener('click', () => download('csv'));
   for (const id of ['start', 'end']) $(id).addEventListener('input', () => { $(`${id}-error`).textContent = ''; showRange(); });
-  $('zone').addEventListener('change', showRange);
+  let shownZone = zone();
+  $('zone').addEventListener('change', () => { changeZone(shownZone); shownZone = zone(); });
   for (const button of document.querySelectorAll('[data-preset]')) {
-    button.addEventListener('click', () => setRange(...preset(button.dataset.preset, zone())));
+    button.addEventListener('click', () => choosePreset(button.dataset.preset));
   }
   for (const key of Object.keys(views)) $(`tab-${key}`).addEventListener('click', () => selectView(key));
   $('search-form').querySelector('[role=tablist]').addEventListener('keydown', (event) => {
@@ -427,15 +576,21 @@ function setUp() {
   for (const el of document.querySelectorAll('#view-appearances input, #colour')) {
     if (!el.id.startsWith('region-')) el.addEventListener('change', () => showXPath(getRegion));
   }
-  $('device-choices').addEventListener('change', () => { if (!running) resetResults(); });
   $('xpath').addEventListener('input', () => {
-    xpathTyped = $('xpath').value.trim() !== '';
+    const typed = $('xpath').value.trim() !== '';
+    if (typed !== xpathTyped) setXPathTyped(typed, getRegion);
     $('xpath-error').textContent = '';
     fitXPath();
   });
+  $('filters-back').addEventListener('click', () => {
+    $('xpath').value = '';
+    setXPathTyped(false, getRegion);
+    $('class-label').nextElementSibling.querySelector('input').focus();
+  });
   setInterval(() => { if (!$('app').hidden) refreshService().catch(() => {}); }, STATUS_EVERY_MS);
   addEventListener('resize', fitXPath);
-  resetResults();
+  clearShown(false);
+  setDownloads();
   if (!token.get()) return showLogin();
   checkToken().catch(() => { token.clear(); showLogin('That token is not accepted here. Check it and paste it again.'); });
 }

@@ -31,6 +31,7 @@ export function setUpRegion(onChange) {
   };
 
   frame.addEventListener('pointerdown', (event) => {
+    if (frame.closest('fieldset:disabled')) return;  // an XPath of one's own holds
     from = at(event);
     frame.setPointerCapture(event.pointerId);
     event.preventDefault();

@@ -37,6 +37,22 @@ const endCell = (line, zone) => {
   return cell;
 };
 
+// An appearance within a span's gap of the range's edge may run past it: the search saw only
+// the range.
+const SPAN_GAP_S = 2;
+function cutEdges(line, range) {
+  if (!range) return { before: false, after: false };
+  const [lo, hi] = [Math.min(range.startSeconds, range.endSeconds), Math.max(range.startSeconds, range.endSeconds)];
+  return { before: seconds(line, 'start') - lo < SPAN_GAP_S, after: hi - seconds(line, 'end') < SPAN_GAP_S, lo, hi };
+}
+
+export function cutText(line, range, zone) {
+  const cut = cutEdges(line, range);
+  const clock = (s) => showTime(s, zone).slice(11);
+  return [cut.before && `began before ${clock(cut.lo)}`, cut.after && `continues after ${clock(cut.hi)}`]
+    .filter(Boolean).join('; ');
+}
+
 const SVG = 'http://www.w3.org/2000/svg';
 
 // The frame with the object's box where the appearance began (dashed) and where it ended.
@@ -68,16 +84,20 @@ export const views = {
     columns: ['start', 'end', 'duration', 'what appeared', 'where', 'matches'],
     body: (range, filters) => ({ ...range, ...filters, spans: '2s' }),
     time: (line) => line.kind === 'span' && seconds(line, 'start'),
-    row: (line, zone) => line.kind === 'span' && [
+    row: (line, zone, range) => line.kind === 'span' && [
       timeCell(line, 'start', zone), endCell(line, zone),
-      { text: durationText(seconds(line, 'end') - seconds(line, 'start')) },
-      { text: [(line.classes || []).join(', '), line.colour, line.likelihood].filter(Boolean).join(' · '),
-        title: line.likelihood ? `best likelihood ${line.likelihood}` : '' },
+      { text: durationText(seconds(line, 'end') - seconds(line, 'start')), mark: cutText(line, range, zone) },
+      line.classes || line.box_at_start
+        ? { text: [(line.classes || []).join(', '), line.colour, line.likelihood].filter(Boolean).join(' · '),
+          title: line.likelihood ? `best likelihood ${line.likelihood}` : '' }
+        : { text: 'not known (found by a walk)', title: 'Only the index knows what appeared; this stretch was walked.' },
       { text: '', node: line.box_at_start ? boxesPicture(line) : null },
       { text: String(line.matches) }],
-    csv: (line) => line.kind === 'span' && [line.start, line.end, exactSeconds(line),
-      (line.classes || []).join(' '), line.colour || '', line.likelihood || '', line.matches],
-    csvColumns: ['start', 'end', 'duration_s', 'classes', 'colour', 'likelihood', 'matches'],
+    csv: (line, range) => line.kind === 'span' && [line.start, line.end, exactSeconds(line),
+      (line.classes || []).join(' '), line.colour || '', line.likelihood || '', line.matches,
+      (line.box_at_start || []).join(' '), (line.box_at_end || []).join(' '),
+      ['before', 'after'].filter((edge) => cutEdges(line, range)[edge]).join(' and ')],
+    csvColumns: ['start', 'end', 'duration_s', 'classes', 'colour', 'likelihood', 'matches', 'box_at_start', 'box_at_end', 'cut'],
   },
   events: {
     path: 'events',

@@ -226,6 +226,10 @@ TEST(RecsearchFilters, AnExpressionThatDoesNotCompileIsToldWhereBeforeAnySearch)
     EXPECT_EQ(checkXPath("foo bar"),
               "the XPath expression foo bar does not compile: it is not a valid expression (at "
               "character 5)");
+    // The walk matches without namespaces: a prefix would fail on every document.
+    EXPECT_EQ(checkXPath("count(//tt:Object) > 0"),
+              "the XPath expression count(//tt:Object) > 0 does not compile: it uses a namespace "
+              "prefix, and documents are matched without any");
 }
 
 // Colours of points of the SVG as rsvg-convert renders it: each point alone as a 1x1 PNG, whose
