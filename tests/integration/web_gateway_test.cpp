@@ -571,3 +571,30 @@ TEST(GatewayPage, PassesItsBrowserTests)
 }
 
 }  // namespace
+
+namespace {
+
+// What the README promises of the API, --help says too: every route and every body field.
+TEST(GatewayHelp, ListsEveryRouteAndBodyFieldTheReadmeLists)
+{
+    std::ifstream file(std::string(RS_SOURCE_DIR) + "/README.md");
+    const std::string readme((std::istreambuf_iterator<char>(file)), {});
+    const auto help = rstest::runToEnd(bin("recording_search_web"), {"--help"}, {}, 10s);
+    ASSERT_EQ(help.status.code, 0);
+    const std::regex row(R"(\| `(GET|POST|DELETE) (/api/v1/[a-z/]+)(ID)?` \| ([^|]*)\|)");
+    int routes = 0;
+    for (std::sregex_iterator it(readme.begin(), readme.end(), row), end; it != end;
+         ++it, ++routes) {
+        const std::string route = (*it)[1].str() + " ";
+        const std::string path = (*it)[2].str();
+        EXPECT_TRUE(std::regex_search(help.out, std::regex(route + " *" + path))) << route << path;
+        const std::string fields = (*it)[4].str();
+        const std::regex field("`([a-zA-Z]+)`");
+        for (std::sregex_iterator f(fields.begin(), fields.end(), field), none; f != none; ++f) {
+            EXPECT_NE(help.out.find((*f)[1].str()), std::string::npos) << path << " " << (*f)[1];
+        }
+    }
+    EXPECT_EQ(routes, 9);
+}
+
+}  // namespace
