@@ -218,9 +218,14 @@ void DeviceFanout::leave(std::size_t device, DeviceOutcome::Kind kind, const std
     outcomes_[device].error = error;
     merge_.finish(device);
     if (kind != DeviceOutcome::Kind::Failed && kind != DeviceOutcome::Kind::Dropped) return;
-    asides_.push_back(tagged(
-        device,
-        {{"kind", kind == DeviceOutcome::Kind::Dropped ? "dropped" : "error"}, {"error", error}}));
+    Body aside = {{"kind", kind == DeviceOutcome::Kind::Dropped ? "dropped" : "error"},
+                  {"error", error}};
+    // Where its answer stops: nothing of it after (or, backward, before) this time.
+    if (const auto& furthest = streams_[device].furthest) {
+        aside["after"] = isoText(timePointAt(Micros(furthest->micros)));
+        aside["after_sec"] = furthest->micros / 1000000;
+    }
+    asides_.push_back(tagged(device, aside));
     if (options_.onLeft) options_.onLeft(devices_[device].name, error);
 }
 

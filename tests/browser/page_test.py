@@ -276,6 +276,7 @@ class PageTest(unittest.TestCase):
         self.assertRegex(bars[0].find_element(By.TAG_NAME, "small").text, r"^\d+ %$")
         self.assertEqual(self.el("bars-from").text, "2024-01-01 00:00:00")
         self.assertTrue(self.driver.find_elements(By.CSS_SELECTOR, "#gaps li"))
+        self.assertEqual(self.el("gaps-heading").text, "Not recorded")
         self.assertTrue(self.el("download-csv").is_enabled())
         self.el("tab-events").click()  # the events found before are still there
         self.assertRegex(self.el("message").text, r"^Finished: \d+ events? in")
@@ -292,8 +293,12 @@ class PageTest(unittest.TestCase):
         self.el("colour").send_keys("red")
         wait_until("a long expression", lambda: len(self.el("xpath").get_attribute("value")) > 150)
         self.assertLessEqual(self.js("const x = document.getElementById('xpath'); return x.scrollHeight - x.clientHeight"), 2)
+        self.assertLess(self.el("run").rect["y"] + self.el("run").rect["height"], 900)  # on the first screen
+        self.assertTrue(self.el("start").get_attribute("placeholder").startswith("e.g."))
         self.el("run").click()
         self.finished()
+        self.assertLess(self.js("return document.getElementById('run').getBoundingClientRect().bottom"), 900)
+        self.assertEqual([th.text for th in self.driver.find_elements(By.CSS_SELECTOR, "#results th")][5], "matching frames")
         self.shot("appearances-1280")
         self.width(360)
         self.assertFalse(self.el("results").find_element(By.TAG_NAME, "thead").is_displayed())
@@ -301,12 +306,40 @@ class PageTest(unittest.TestCase):
         self.assertEqual(cell.get_attribute("data-label"), "start")
         self.assertLessEqual(self.js("return document.documentElement.scrollWidth"), 360)
         self.shot("appearances-360")
+        # While a search runs, Stop is in view wherever the page is scrolled.
+        self.el("xpath").clear()
+        self.el("xpath").send_keys("/")
+        self.el("run").click()
+        wait_until("the search to run", lambda: self.el("stop").is_enabled())
+        for scroll in (0, 100000):
+            self.js("scrollTo(0, arguments[0])", scroll)
+            stop = self.js("const r = document.getElementById('stop').getBoundingClientRect(); return [r.top, r.bottom]")
+            self.assertTrue(0 <= stop[0] and stop[1] <= 900, stop)
+        self.el("stop").click()
+        self.finished()
         self.el("tab-events").click()
         self.el("run").click()
         wait_until("the picture", lambda: self.el("picture").is_displayed())
         box = self.el("picture-box")
-        self.assertGreater(self.js("return arguments[0].scrollWidth - arguments[0].clientWidth", box), 0)
+        wait_until("the picture to load", lambda: self.js("return arguments[0].complete", self.el("picture")))
+        self.assertLessEqual(self.js("return arguments[0].scrollWidth - arguments[0].clientWidth", box), 0)
+        self.assertLessEqual(self.el("picture").size["width"], 360)
+        # The start state is one row per track; the same change at the same instant is not repeated.
+        rows = [[td.text for td in r.find_elements(By.TAG_NAME, "td")] for r in self.rows()]
+        at_start = [r[1:3] for r in rows if r[0] == rows[0][0]]
+        self.assertEqual(len(at_start), len({tuple(r) for r in at_start}), at_start)
+        self.assertLessEqual(self.js("return document.documentElement.scrollWidth"), 360)
         self.shot("events-360")
+        # Three hours in buckets of a minute: 180 bars that do not widen the page.
+        self.el("tab-coverage").click()
+        Select(self.el("bucket")).select_by_visible_text("1m")
+        self.el("end").clear()
+        self.el("end").send_keys("2024-01-01T03:00:00Z")
+        self.el("run").click()
+        self.finished()
+        self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "#bars .bar")), 180)
+        self.assertLessEqual(self.js("return document.documentElement.scrollWidth"), 360)
+        self.shot("coverage-360")
 
 
     # What the page knows, said; what was found, kept.

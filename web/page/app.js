@@ -3,7 +3,7 @@ import { ApiError, request, stream, token } from './api.js';
 import { setUpRegion } from './region.js';
 import { makeStrip } from './strip.js';
 import { preset, readTime, showTime, zones } from './time.js';
-import { csvCell, cutText, drawBar, durationText, gapItem, views } from './views.js';
+import { csvCell, drawBar, durationText, gapItem, repeatsStartState, views } from './views.js';
 
 const $ = (id) => document.getElementById(id);
 const FIELDS = ['start', 'end', 'class', 'colour', 'minLikelihood', 'region', 'xpath', 'bucket', 'devices'];
@@ -263,8 +263,9 @@ function clearShown(withDevice) {
   for (const column of columns) head.append(Object.assign(document.createElement('th'), { textContent: column, scope: 'col' }));
   table.hidden = true;
   $('bars').replaceChildren();
+  $('charts').replaceChildren();
   $('gaps').replaceChildren();
-  for (const id of ['chart', 'gaps', 'picture-box']) $(id).hidden = true;
+  for (const id of ['chart', 'gaps', 'gaps-box', 'picture-box', 'where-legend']) $(id).hidden = true;
   $('bars-from').textContent = $('bars-to').textContent = '';
   strip.reset(NaN, NaN);
 }
@@ -298,8 +299,9 @@ function progressTo(through, range) {
 
 function addRow(line, a) {
   const v = views[view];
-  const row = v.row(line, zone(), a.range);
+  const row = !repeatsStartState(line, a.lines) && v.row(line, zone(), a.range);
   if (!row) return;
+  if (line.box_at_start) $('where-legend').hidden = false;
   const tr = $('results').tBodies[0].insertRow();
   const cells = [...(line.device ? [{ text: line.device }] : []), ...row];
   const columns = [...$('results').tHead.rows[0].cells].map((th) => th.textContent);
@@ -321,16 +323,41 @@ function addNotice(text) {
   $('notices').append(Object.assign(document.createElement('li'), { textContent: text }));
 }
 
+// The coverage chart of one device of a hub (labelled with its name), or of this device.
+function chartOf(device) {
+  if (!device) return $('chart');
+  const id = `chart-${device}`;
+  let chart = document.getElementById(id);
+  if (!chart) {
+    chart = $('chart').cloneNode(true);
+    chart.id = id;
+    chart.classList.add('device-chart');
+    for (const span of chart.querySelectorAll('[id]')) span.removeAttribute('id');
+    chart.querySelector('.bars').replaceChildren();
+    const caption = Object.assign(document.createElement('figcaption'), { className: 'device-name', textContent: device });
+    chart.prepend(caption);
+    $('charts').append(chart);
+  }
+  return chart;
+}
+
 // One line of an answer on the page.
 function show(line, a) {
   const at = views[view].time(line);
   if (at !== false) strip.add(at);
-  if (line.kind === 'gap') { $('gaps').hidden = false; $('gaps').append(gapItem(line, zone())); return; }
+  if (line.kind === 'gap') {
+    $('gaps-box').hidden = false;
+    $('gaps').hidden = false;
+    $('gaps').append(gapItem(line, zone()));
+    return;
+  }
   if (line.kind === 'bucket') {
-    $('chart').hidden = false;
-    drawBar($('bars'), line, zone());
-    if (!$('bars-from').textContent) $('bars-from').textContent = showTime(line.start_sec, zone());
-    $('bars-to').textContent = showTime(line.end_sec, zone());
+    const chart = chartOf(line.device);
+    chart.hidden = false;
+    drawBar(chart.querySelector('.bars'), line, zone());
+    const [from, to] = chart.querySelectorAll('.axis-x span');
+    if (!from.textContent) from.textContent = showTime(line.start_sec, zone());
+    to.textContent = showTime(line.end_sec, zone());
   }
   addRow(line, a);
 }
@@ -348,7 +375,8 @@ function take(line, a) {
     return;
   }
   if (line.device && (line.kind === 'error' || line.kind === 'dropped')) {
-    a.problem = `${line.device} could not be searched: ${line.error}`;
+    a.problems.push(deviceProblem(line));
+    a.problem = a.problems.join(' ');
     problem(a.problem);
     return;
   }
@@ -371,6 +399,16 @@ function take(line, a) {
     a.took = durationText((performance.now() - running.began) / 1000);
     sayEnd(a);
   }
+}
+
+// What a device that left the search leaves out, without the transport's words.
+function deviceProblem(line) {
+  const why = line.kind === 'dropped' || /stream broke/.test(line.error) ? 'its gateway stopped answering'
+    : /cannot be reached/.test(line.error) ? 'its gateway cannot be reached'
+      : /HTTP 401|HTTP 403/.test(line.error) ? 'it did not accept the hub\'s token'
+        : `it failed: ${line.error}`;
+  const after = line.after ? `no results after ${showTime(Date.parse(line.after) / 1000, zone())}` : 'no results';
+  return `${line.device}: ${after} (${why}).`;
 }
 
 // Narrow screens: the status and the results to the top, where they are seen; again when the
@@ -463,7 +501,7 @@ async function run(getRegion) {
   const v = views[view];
   const body = v.body({ start: range.start, end: range.end }, appearanceFilters(getRegion), $('bucket').value);
   if (chosenDevices().length) body.devices = chosenDevices();
-  const a = { lines: [], notices: [], range, end: null, took: '', problem: '', said: '', picture: null };
+  const a = { lines: [], notices: [], problems: [], range, end: null, took: '', problem: '', said: '', picture: null };
   answers[view] = a;
   running = { id: null, began: performance.now(), stopRequested: false, controller: new AbortController(), failed: false };
   strip.reset(read.start.seconds, read.end.seconds);
@@ -525,7 +563,7 @@ function download(kind) {
   } else {
     const withDevice = lines.some((line) => line.device);
     const rows = lines.map((line) => {
-      const row = v.csv(line, range);
+      const row = !repeatsStartState(line, lines) && v.csv(line, range);
       return row && (withDevice ? [line.device, ...row] : row);
     }).filter(Boolean);
     text = [[...(withDevice ? ['device'] : []), ...v.csvColumns], ...rows].map((row) => row.map(csvCell).join(',')).join('\r\n') + '\r\n';

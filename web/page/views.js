@@ -6,6 +6,11 @@ import { showTime } from './time.js';
 const seconds = (line, key) => line[`${key}_sec`] + line[`${key}_usec`] / 1e6;
 
 export function durationText(s) {
+  if (s >= 86400) {
+    const days = Math.floor(s / 86400);
+    const hours = Math.floor((s % 86400) / 3600);
+    return `${days} ${days === 1 ? 'day' : 'days'}${hours ? ` ${hours} h` : ''}`;
+  }
   if (s < 60) return `${s.toFixed(1)} s`;
   if (s < 3600) return `${Math.floor(s / 60)} min ${String(Math.floor(s % 60)).padStart(2, '0')} s`;
   return `${Math.floor(s / 3600)} h ${String(Math.floor((s % 3600) / 60)).padStart(2, '0')} min`;
@@ -46,7 +51,7 @@ function cutEdges(line, range) {
   return { before: seconds(line, 'start') - lo < SPAN_GAP_S, after: hi - seconds(line, 'end') < SPAN_GAP_S, lo, hi };
 }
 
-export function cutText(line, range, zone) {
+function cutText(line, range, zone) {
   const cut = cutEdges(line, range);
   const clock = (s) => showTime(s, zone).slice(11);
   return [cut.before && `began before ${clock(cut.lo)}`, cut.after && `continues after ${clock(cut.hi)}`]
@@ -77,18 +82,29 @@ function boxesPicture(line) {
   return svg;
 }
 
+// An event at the same instant, of the same track and state, as a start-state line before it
+// says nothing new: the start state is one row per track.
+export function repeatsStartState(line, lines) {
+  if (line.start_state || !(line.kind === 'track' || line.kind === 'recording')) return false;
+  // The start state comes first, at the range's start: only a line at that time can repeat it.
+  const first = lines[0];
+  if (!first || !first.start_state || first.sec !== line.sec || first.usec !== line.usec) return false;
+  return lines.some((other) => other.start_state && other.kind === line.kind && other.track === line.track
+    && other.on === line.on && other.sec === line.sec && other.usec === line.usec && other.device === line.device);
+}
+
 export const views = {
   appearances: {
     path: 'metadata',
     unit: ['appearance', 'appearances'],
-    columns: ['start', 'end', 'duration', 'what appeared', 'where', 'matches'],
+    columns: ['start', 'end', 'duration', 'what appeared', 'where', 'matching frames'],
     body: (range, filters) => ({ ...range, ...filters, spans: '2s' }),
     time: (line) => line.kind === 'span' && seconds(line, 'start'),
     row: (line, zone, range) => line.kind === 'span' && [
       timeCell(line, 'start', zone), endCell(line, zone),
       { text: durationText(seconds(line, 'end') - seconds(line, 'start')), mark: cutText(line, range, zone) },
       line.classes || line.box_at_start
-        ? { text: [(line.classes || []).join(', '), line.colour, line.likelihood].filter(Boolean).join(' · '),
+        ? { text: [(line.classes || []).join(', '), line.colour, line.likelihood && `likelihood ${line.likelihood}`].filter(Boolean).join(' · '),
           title: line.likelihood ? `best likelihood ${line.likelihood}` : '' }
         : { text: 'not known (found by a walk)', title: 'Only the index knows what appeared; this stretch was walked.' },
       { text: '', node: line.box_at_start ? boxesPicture(line) : null },
@@ -140,11 +156,12 @@ export function drawBar(bars, line, zone) {
   value.textContent = percent;
   bar.append(value, fill);
   bars.append(bar);
+  bars.classList.toggle('many', bars.children.length > 24);
 }
 
 export function gapItem(line, zone) {
   const item = document.createElement('li');
-  item.textContent = `${showTime(seconds(line, 'start'), zone)} to ${showTime(seconds(line, 'end'), zone)}: not recorded for ${durationText(line.duration_s)}`;
+  item.textContent = `${line.device ? `${line.device}: ` : ''}${showTime(seconds(line, 'start'), zone)} to ${showTime(seconds(line, 'end'), zone)}: not recorded for ${durationText(line.duration_s)}`;
   item.title = `${line.start} to ${line.end}`;
   return item;
 }
