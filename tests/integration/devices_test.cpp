@@ -264,7 +264,7 @@ TEST_F(Devices, HubStreamsTheMergeUnderItsOwnTokenAndItsPageShowsIt)
     const int port = freePort();
     rstest::ProcessRunner hub(bin("recording_search_web"),
                               {"--listen", "127.0.0.1:" + std::to_string(port), "--token-file",
-                               tokens, "--devices", file});
+                               tokens, "--devices", file, "--device-timeout", "3"});
     hub.start();
     ASSERT_TRUE(hub.waitForNotify("READY=1"));
     const auto post = [&](const std::string& body) {
@@ -292,7 +292,9 @@ TEST_F(Devices, HubStreamsTheMergeUnderItsOwnTokenAndItsPageShowsIt)
     auto env = std::map<std::string, std::string>{
         {"RS_HUB_URL", "http://127.0.0.1:" + std::to_string(port)},
         {"RS_HUB_TOKEN", "hub-token"},
-        {"RS_HUB_DEVICES", "north,east,south"}};
+        {"RS_HUB_DEVICES", "north,east,south"},
+        {"RS_HUB_STOP_PID", std::to_string(devices_[2]->gateway().pid())},
+        {"RS_SCREENSHOT_DIR", std::string(RS_BIN_DIR) + "/../screenshots"}};
     const auto page = rstest::runToEnd(
         "/usr/bin/python3", {std::string(RS_SOURCE_DIR) + "/tests/browser/hub_test.py"}, env, 240s);
     EXPECT_TRUE(page.status.exited && page.status.code == 0) << page.err;

@@ -123,6 +123,8 @@ async function showDevices() {
     own = error.status !== 502;
   }
   hub = names.length && !own ? names.length : 0;
+  $('devices-hint').textContent = hub ? 'None ticked: every device. Results of several come in one list, in time order.'
+    : 'None ticked: this device only. Results of several come in one list, in time order.';
   $('devices').hidden = names.length === 0;
   $('device-choices').replaceChildren(...names.map((name) => {
     const label = document.createElement('label');
@@ -132,7 +134,11 @@ async function showDevices() {
   }));
 }
 
-const chosenDevices = () => [...document.querySelectorAll('input[name=device]:checked')].map((c) => c.value);
+// A hub without a device of its own searches every device when none is ticked.
+const chosenDevices = () => {
+  const ticked = [...document.querySelectorAll('input[name=device]:checked')].map((c) => c.value);
+  return ticked.length || !hub ? ticked : [...document.querySelectorAll('input[name=device]')].map((c) => c.value);
+};
 
 function filters(getRegion) {
   const classes = [...document.querySelectorAll('input[name=class]:checked')].map((c) => c.value);
@@ -455,7 +461,7 @@ function sayEnd(a) {
 // One short line on how the answer was found.
 function howText(line) {
   if (line.devices) {
-    return line.devices.map((d) => `${d.device}: ${d.outcome || d.kind || ''}${d.results !== undefined ? `, ${d.results} results` : ''}`).join('; ');
+    return line.devices.map((d) => `${d.device}: ${d.outcome || d.kind || ''}${d.results !== undefined ? `, ${d.results} ${d.results === 1 ? 'result' : 'results'}` : ''}`).join('; ');
   }
   if (!line.index) return view === 'appearances' ? 'Found by walking the recording: what appeared and where are known only from the index.' : '';
   const covered = `${showTime(Date.parse(line.index.from) / 1000, zone())} to ${showTime(Date.parse(line.index.to) / 1000, zone())}`;
