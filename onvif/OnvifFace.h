@@ -39,6 +39,7 @@ public:
                                      std::optional<std::size_t> contentLength,
                                      std::size_t mostBody) const;
     SoapAnswer answer(const SoapCall& call);
+    void endAll() { search_.endAll(); }
 
 private:
     void* logCookie_;

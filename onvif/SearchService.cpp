@@ -202,14 +202,23 @@ SearchService::SearchService(void* logCookie, std::size_t mostHeld)
 
 SearchService::~SearchService()
 {
-    std::map<std::string, std::shared_ptr<Search>> ending;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
-        ending.swap(searches_);
         changed_.notify_all();
     }
     reaper_.join();
+    endAll();
+}
+
+void SearchService::endAll()
+{
+    std::map<std::string, std::shared_ptr<Search>> ending;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ending.swap(searches_);
+    }
+    // A client waiting for results gets its page at once.
     for (auto& entry : ending) {
         if (entry.second->pulled) entry.second->pulled->end();
     }
@@ -351,28 +360,38 @@ void SearchService::open(const std::string& operation, std::shared_ptr<Search> s
 {
     const std::string token = newToken();
     {
+        // The slot is taken while the search begins; nobody can reach it before it has.
         std::lock_guard<std::mutex> lock(mutex_);
-        if (searches_.size() >= kMostSearches) {
+        if (searches_.size() + beginning_ >= kMostSearches) {
             throw resourceProblem("this device holds " + std::to_string(kMostSearches) +
                                   " searches already: end one (EndSearch) or let it expire");
         }
-        searches_[token] = search;  // the slot is taken while the search begins
+        ++beginning_;
     }
     try {
         if (search->pulled) search->pulled->start();
     } catch (const rsclient::ClientError& e) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            searches_.erase(token);
+            --beginning_;
         }
         if (e.kind() == rsclient::ErrorKind::Refused) {
-            throw resourceProblem(
-                "two searches are running on this device already: try again "
-                "when one ends");
+            throw resourceProblem("two searches are running on this device already: try again "
+                                  "when one ends");
         }
         log(LOG_WARNING, std::string("a search could not begin: ") + e.what());
         throw SoapFault(SoapFault::Code::Receiver, {"ter:Action"},
                         "the search could not begin: recording_search did not answer");
+    } catch (...) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        --beginning_;
+        throw;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        --beginning_;
+        search->lastAsked = Clock::now();
+        searches_[token] = search;
     }
     out.open(("tse:" + operation).c_str());
     out.element("tse:SearchToken", token);

@@ -26,6 +26,7 @@ public:
 
     // Writes the answer to one operation; throws SoapFault.
     void answer(const SoapRequest& request, SoapWriter& out);
+    void endAll();  // at shutdown: every search ends, and whoever waits for one is answered
 
     // Results one search holds for its client at most.
     static constexpr std::size_t kMostHeld = 2048;
@@ -57,6 +58,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, std::shared_ptr<Search>> searches_;
+    std::size_t beginning_ = 0;  // searches that hold a slot while they begin
     bool stopping_ = false;
     std::thread reaper_;
 };

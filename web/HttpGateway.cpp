@@ -277,6 +277,7 @@ HttpGateway::~HttpGateway()
 {
     MHD_quiesce_daemon(daemon_);
     routes_.interruptAll();
+    onvif_.endAll();
     MHD_stop_daemon(daemon_);
 }
 
