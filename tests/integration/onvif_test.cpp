@@ -3,6 +3,8 @@
 // compared with what recsearch finds in the same range.
 #include <libxml/parser.h>
 #include <libxml/xpath.h>
+#include <signal.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <memory>
@@ -145,6 +147,7 @@ public:
         const std::string tokens = dir_.write("tokens", "t\n");
         const std::string users =
             dir_.write("users", std::string("# who may search\n") + kUser + " " + kPassword + "\n");
+        chmod(users.c_str(), 0600);
         auto env = stack_.clientEnv();
         env["KAVRO_LOG_FILE"] = dir_.file("web.log");
         web_ = std::make_unique<rstest::ProcessRunner>(
@@ -183,6 +186,8 @@ public:
     {
         return rstest::runToEnd(bin("recsearch"), args, stack_.clientEnv(), 120s);
     }
+
+    rstest::ProcessRunner& gateway() { return *web_; }
 
 private:
     static rstest::ServiceStack::Options sample()
@@ -533,6 +538,25 @@ TEST_F(OnvifFace, OnlyAUserWithAFreshDigestGetsIn)
     const Answer clock = s.post("device_service", envelope("", "<tds:GetSystemDateAndTime/>"));
     EXPECT_EQ(clock.status, 200);
     EXPECT_FALSE(value(clock.body, "UTCDateTime/Date/Year").empty());
+}
+
+// Last of its suite: it stops the suite's gateway.
+TEST_F(OnvifFace, StopsAtOnceWhileAClientWaitsAndLeavesNothingBehind)
+{
+    OnvifStack& s = *stack_;
+    const std::string walking = tokenOf(s.search(findMetadata(kHourStart, kHourEnd, kNothing)));
+    Answer waited;
+    std::thread client([&] { waited = s.search(getResults("Metadata", walking, 1, 10, "PT30S")); });
+    std::this_thread::sleep_for(1s);
+    const auto before = std::chrono::steady_clock::now();
+    s.gateway().sendSignal(SIGTERM);
+    const auto exit = s.gateway().waitForExit(10s);
+    client.join();
+    ASSERT_TRUE(exit.has_value());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+    EXPECT_TRUE(exit->exited && exit->code == 0);
+    EXPECT_EQ(s.gateway().stderrText(), "");  // a sanitizer's report, say
+    EXPECT_EQ(value(waited.body, "ResultList/SearchState"), "Completed") << waited.body;
 }
 
 }  // namespace
