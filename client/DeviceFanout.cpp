@@ -107,6 +107,7 @@ struct DeviceFanout::Stream {
     bool heard = false;
     std::optional<MergeKey> furthest;  // the furthest it has come, by results or progress
     Clock::time_point movedAt;         // when it last came further
+    bool waiting = false;              // silent for half the stall bound: said once
 };
 
 DeviceFanout::DeviceFanout(std::vector<Device> devices, const SearchRequest& request,
@@ -276,7 +277,13 @@ void DeviceFanout::resumeOrDrop()
         if (transfers_->paused(d)) {
             streams_[d].movedAt = now;  // held back by us, not stalled
             if (!merge_.full(d)) transfers_->resume(d);
-        } else if (now - streams_[d].movedAt > options_.stallBound) {
+        }
+        const bool silent = now - streams_[d].movedAt > options_.stallBound / 2;
+        if (options_.onWaiting && silent != streams_[d].waiting) {
+            streams_[d].waiting = silent;
+            options_.onWaiting(devices_[d].name, silent);
+        }
+        if (!transfers_->paused(d) && now - streams_[d].movedAt > options_.stallBound) {
             leave(d, DeviceOutcome::Kind::Dropped,
                   "did not move on for " + durationText(options_.stallBound) +
                       "; left out of the merge");

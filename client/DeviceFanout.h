@@ -52,6 +52,9 @@ public:
         std::chrono::milliseconds connectTimeout{5000};
         // Told of each device that fails or is dropped: its name and why.
         std::function<void(const std::string&, const std::string&)> onLeft;
+        // Told when a device has been silent for half the stall bound (true), and when it moves
+        // on again (false): a person sees who is waited for before it is dropped.
+        std::function<void(const std::string&, bool)> onWaiting;
     };
 
     DeviceFanout(std::vector<Device> devices, const SearchRequest& request, Options options);

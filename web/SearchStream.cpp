@@ -78,6 +78,11 @@ SearchStream::~SearchStream()
 uint32_t SearchStream::start()
 {
     if (!devices_.empty()) {
+        // Who is waited for, said before the device is dropped.
+        fanoutOptions_.onWaiting = [this](const std::string& device, bool waiting) {
+            append(jsonLine(Json{{"device", device}, {"kind", "waiting"}, {"waiting", waiting}}),
+                   true);
+        };
         fanout_ = std::make_unique<rsclient::DeviceFanout>(devices_, request_, fanoutOptions_);
         append(jsonLine(Json{{"kind", "search"}, {"id", jobId_}}));
         thread_ = std::thread([this] { runOnDevices(); });

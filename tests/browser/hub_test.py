@@ -73,10 +73,16 @@ class HubPageTest(unittest.TestCase):
         self.el("run").click()
         wait_until("the first rows", lambda: self.driver.find_elements(By.CSS_SELECTOR, "#results tbody tr"), 30)
         os.kill(STOP_PID, signal.SIGSTOP)
+        label = self.driver.find_element(By.CSS_SELECTOR, f"input[value={DEVICES[-1]}]").find_element(By.XPATH, "..")
         try:
+            # Silent, it is waited for before it is dropped.
+            waited = wait_until("the device waited for", lambda: "waiting for its answer" in label.text
+                                or self.el("problem").text, 30)
             said = wait_until("the stopped device", lambda: self.el("problem").text, 30)
         finally:
             os.kill(STOP_PID, signal.SIGCONT)
+        self.assertIs(waited, True)
+        self.assertNotIn("waiting", label.text)
         self.assertRegex(said, rf"^{DEVICES[-1]}: no results after 2024-01-01 00:\d\d:\d\d \(its gateway stopped answering\)\.$")
         self.assertNotRegex(said, r"HTTP|curl|stream|timed out")
         self.el("stop").click()

@@ -375,12 +375,14 @@ function take(line, a) {
     return;
   }
   if (line.kind === 'progress') { progressTo(line.through, a.range); return; }
+  if (line.kind === 'waiting') { showWaiting(line.device, line.waiting); return; }
   if (line.kind === 'notice') {
     a.notices.push(line.message);
     addNotice(line.message);
     return;
   }
   if (line.device && (line.kind === 'error' || line.kind === 'dropped')) {
+    showWaiting(line.device, false);
     a.problems.push(deviceProblem(line));
     a.problem = a.problems.join(' ');
     problem(a.problem);
@@ -404,6 +406,21 @@ function take(line, a) {
     a.end = line;
     a.took = durationText((performance.now() - running.began) / 1000);
     sayEnd(a);
+  }
+}
+
+// A device of a hub that has been silent for a while: its name says it is waited for.
+function showWaiting(device, waiting) {
+  for (const box of document.querySelectorAll('input[name=device]')) {
+    if (box.value !== device) continue;
+    const label = box.parentElement;
+    label.classList.toggle('waiting', waiting);
+    let note = label.querySelector('.waiting-note');
+    if (waiting && !note) {
+      note = Object.assign(document.createElement('small'), { className: 'waiting-note', textContent: ' waiting for its answer' });
+      label.append(note);
+    }
+    if (!waiting && note) note.remove();
   }
 }
 
@@ -527,6 +544,7 @@ async function run(getRegion) {
     if (error.status !== -1) explain(error);
   } finally {
     running = null;
+    for (const box of document.querySelectorAll('input[name=device]')) showWaiting(box.value, false);
     setRunning(false);
   }
 }
