@@ -43,11 +43,20 @@ std::string checkBucketCount(TimePoint start, TimePoint end, Micros size)
 }
 
 void forEachBucket(const Picture& events, Micros size,
-                   const std::function<void(const Bucket&)>& each)
+                   const std::function<void(const Bucket&)>& each, std::optional<Micros> origin)
 {
     std::vector<std::size_t> next(events.rows.size(), 0);
-    for (Micros from = events.from; from < events.to; from += size) {
-        Bucket bucket{from, std::min(from + size, events.to), Micros{0}, {}};
+    // The first edge after the start that falls on the origin plus whole buckets.
+    Micros firstEdge = events.from + size;
+    if (origin) {
+        const int64_t past =
+            ((events.from - *origin).count() % size.count() + size.count()) % size.count();
+        if (past != 0) firstEdge = events.from + Micros(size.count() - past);
+    }
+    for (Micros from = events.from; from < events.to;
+         from = from == events.from ? firstEdge : from + size) {
+        const Micros to = from == events.from ? firstEdge : from + size;
+        Bucket bucket{from, std::min(to, events.to), Micros{0}, {}};
         for (std::size_t i = 0; i < events.rows.size(); ++i) {
             const Micros on = onWithin(events.rows[i].segments, next[i], bucket.from, bucket.to);
             if (i == 0) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,9 +27,11 @@ constexpr int64_t kMaxBuckets = 10000;
 std::string checkBucketCount(TimePoint start, TimePoint end, Micros size);
 
 // Consecutive buckets of `size` from the picture's start, handed to `each` one at a time; the
-// last one ends at the picture's end.
+// last one ends at the picture's end. With an `origin`, edges fall on it plus whole buckets (a
+// midnight, say), so that the first bucket may be shorter.
 void forEachBucket(const Picture& events, Micros size,
-                   const std::function<void(const Bucket&)>& each);
+                   const std::function<void(const Bucket&)>& each,
+                   std::optional<Micros> origin = std::nullopt);
 
 // Times when the recording was off for longer than `longer`.
 std::vector<Segment> recordingGaps(const Picture& events, Micros longer);

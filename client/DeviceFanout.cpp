@@ -38,6 +38,8 @@ Body apiBody(const SearchRequest& r)
     if (r.kind == SearchRequest::Kind::Events) body["startState"] = r.startState;
     if (r.kind == SearchRequest::Kind::Summary && r.bucket.count() > 0)
         body["bucket"] = durationField(r.bucket);
+    if (r.kind == SearchRequest::Kind::Summary && r.bucketOrigin)
+        body["alignTo"] = secondsText(timePointAt(*r.bucketOrigin));
     if (r.kind != SearchRequest::Kind::Metadata) return body;
     if (const auto& f = r.filter) {
         if (!f->classes.empty()) body["class"] = f->classes;

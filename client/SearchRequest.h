@@ -25,11 +25,12 @@ struct SearchRequest {
     // answer what it covers. `walk` asks for the walk regardless.
     std::optional<MetadataFilter> filter;
     bool walk = false;
-    std::optional<Micros> spanGap;  // metadata matches grouped into appearances
-    Micros minDuration{0};          // appearances shorter than this are left out
-    Micros countBucket{0};          // metadata: appearances and matches per bucket; 0: none
-    Micros bucket{0};               // summary; 0: a round size for the range
-    bool picture = false;           // draw the range afterwards
+    std::optional<Micros> spanGap;       // metadata matches grouped into appearances
+    Micros minDuration{0};               // appearances shorter than this are left out
+    Micros countBucket{0};               // metadata: appearances and matches per bucket; 0: none
+    Micros bucket{0};                    // summary; 0: a round size for the range
+    std::optional<Micros> bucketOrigin;  // summary: edges on this time plus whole buckets
+    bool picture = false;                // draw the range afterwards
 };
 
 const char* searchName(SearchRequest::Kind kind);  // "event search", ...

@@ -238,6 +238,8 @@ SearchRequest summaryRequest(const json& body)
     }
     if (rsclient::earlier(r.end, r.start)) std::swap(r.start, r.end);
     if (auto bucket = durationField(body, "bucket")) r.bucket = *bucket;
+    if (field(body, "alignTo") != nullptr)
+        r.bucketOrigin = rsclient::sinceEpoch(timeField(body, "alignTo"));
     check("bucket", rsclient::checkBucketCount(r.start, r.end, r.bucket));
     return r;
 }

@@ -299,9 +299,10 @@ void SearchStream::reached(rsclient::TimePoint t, std::size_t)
 void SearchStream::coverage(const rsclient::Picture& picture, rsclient::Micros size,
                             const std::vector<rsclient::Segment>& gaps)
 {
-    rsclient::forEachBucket(picture, size, [&](const rsclient::Bucket& b) {
-        appendWhenRoom(jsonLine(rsclient::bucketJson(b)));
-    });
+    rsclient::forEachBucket(
+        picture, size,
+        [&](const rsclient::Bucket& b) { appendWhenRoom(jsonLine(rsclient::bucketJson(b))); },
+        request_.bucketOrigin);
     for (const auto& g : gaps) appendWhenRoom(jsonLine(rsclient::gapJson(g)));
 }
 

@@ -340,6 +340,15 @@ class PageTest(unittest.TestCase):
         self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "#bars .bar")), 180)
         self.assertLessEqual(self.js("return document.documentElement.scrollWidth"), 360)
         self.shot("coverage-360")
+        # Buckets fall on the zone's whole hours however the range starts.
+        self.width(1280)
+        Select(self.el("zone")).select_by_value("utc")
+        Select(self.el("bucket")).select_by_visible_text("1h")
+        self.el("start").clear()
+        self.el("start").send_keys("2024-01-01 00:30")
+        self.el("run").click()
+        self.finished()
+        self.assertEqual([r.find_elements(By.TAG_NAME, "td")[1].text for r in self.rows()], ["01:00:00", "02:00:00", "03:00:00"])
 
 
     # What the page knows, said; what was found, kept.

@@ -2,7 +2,7 @@
 import { ApiError, request, stream, token } from './api.js';
 import { setUpRegion } from './region.js';
 import { makeStrip } from './strip.js';
-import { preset, readTime, showTime, zones } from './time.js';
+import { midnightBefore, preset, readTime, showTime, zones } from './time.js';
 import { csvCell, drawBar, durationText, gapItem, repeatsStartState, views } from './views.js';
 
 const $ = (id) => document.getElementById(id);
@@ -522,7 +522,8 @@ async function run(getRegion) {
   if (!checkFields(read)) return;
   const range = { start: read.start.api, end: read.end.api, startSeconds: read.start.seconds, endSeconds: read.end.seconds };
   const v = views[view];
-  const body = v.body({ start: range.start, end: range.end }, appearanceFilters(getRegion), $('bucket').value);
+  const body = v.body({ start: range.start, end: range.end }, appearanceFilters(getRegion), $('bucket').value,
+    String(midnightBefore(Math.min(read.start.seconds, read.end.seconds), zone())));
   if (chosenDevices().length) body.devices = chosenDevices();
   const a = { lines: [], notices: [], problems: [], range, end: null, took: '', problem: '', said: '', picture: null };
   answers[view] = a;

@@ -61,3 +61,9 @@ export function preset(name, zone) {
   };
   return ranges[name].map((ms) => showTime(ms / 1000, zone));
 }
+
+// The midnight in the zone that begins the day of `seconds`: where day buckets start.
+export function midnightBefore(seconds, zone) {
+  const [y, mo, d] = parts(Math.floor(seconds) * 1000, zone);
+  return (zone === 'utc' ? Date.UTC(y, mo - 1, d) : new Date(y, mo - 1, d).getTime()) / 1000;
+}

@@ -132,7 +132,7 @@ export const views = {
     path: 'summary',
     unit: ['bucket', 'buckets'],
     columns: ['from', 'to', 'recorded'],
-    body: (range, filters, bucket) => ({ ...range, bucket }),
+    body: (range, filters, bucket, alignTo) => ({ ...range, bucket, alignTo }),
     time: () => false,
     row: (line, zone) => line.kind === 'bucket' && [timeCell(line, 'start', zone), endCell(line, zone),
       { text: `${Math.floor((100 * line.recording_on_s) / (seconds(line, 'end') - seconds(line, 'start')))} %` }],

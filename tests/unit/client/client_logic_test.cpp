@@ -126,6 +126,14 @@ TEST(ClientCoverage, BucketsCoverTheRangeExactly)
         EXPECT_EQ(buckets.back().to, to);
         EXPECT_EQ(buckets.back().recordingOn, buckets.back().to - buckets.back().from);
     }
+    // Edges on an origin (a midnight) plus whole buckets: a shorter first one, then whole ones.
+    std::vector<Bucket> aligned;
+    forEachBucket(
+        picture, minutes(25), [&](const Bucket& b) { aligned.push_back(b); }, Micros{0});
+    ASSERT_EQ(aligned.size(), 3u);  // 1:00-1:15, 1:15-1:40, 1:40-2:00
+    EXPECT_EQ(aligned[0].to, from + minutes(15));
+    EXPECT_EQ(aligned[1].to, from + minutes(40));
+    EXPECT_EQ(aligned[2].to, to);
     // Ten thousand buckets at most, either way round.
     const TimePoint start{3600, 0}, end{7200, 0};
     EXPECT_EQ(checkBucketCount(end, start, std::chrono::milliseconds(360)), "");
