@@ -31,6 +31,7 @@ struct SearchRequest {
     Micros bucket{0};                    // summary; 0: a round size for the range
     std::optional<Micros> bucketOrigin;  // summary: edges on this time plus whole buckets
     bool picture = false;                // draw the range afterwards
+    Micros utcOffset{0};                 // the picture's axis in this zone (east of UTC)
 };
 
 const char* searchName(SearchRequest::Kind kind);  // "event search", ...

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <vector>
 
@@ -150,7 +151,19 @@ seconds tickStep(Micros range)
     return seconds(31536000);
 }
 
-void drawAxis(std::ostream& out, const Picture& p, double y)
+// "UTC", or "UTC-05:00" for a zone five hours west.
+std::string zoneText(Micros offset)
+{
+    const int64_t minutes = std::chrono::duration_cast<std::chrono::minutes>(offset).count();
+    if (minutes == 0) return "UTC";
+    char text[48];
+    std::snprintf(text, sizeof text, "UTC%c%02lld:%02lld", minutes < 0 ? '-' : '+',
+                  static_cast<long long>(std::llabs(minutes) / 60),
+                  static_cast<long long>(std::llabs(minutes) % 60));
+    return text;
+}
+
+void drawAxis(std::ostream& out, const Picture& p, double y, Micros offset)
 {
     const double left = SvgLayout::kPlotLeft, right = SvgLayout::kPlotRight;
     out << "<line x1=\"" << left << "\" y1=\"" << y << "\" x2=\"" << right << "\" y2=\"" << y
@@ -160,14 +173,16 @@ void drawAxis(std::ostream& out, const Picture& p, double y)
                          : step % seconds(60) == seconds(0) ? "%H:%M"
                                                             : "%H:%M:%S";
     std::string lastDate;
-    Micros t = (p.from + step - Micros(1)) / step * step;
-    for (; t <= p.to; t += step) {
+    // Ticks on the zone's round times: counted in its clock, drawn at their instants.
+    Micros local = (p.from + offset + step - Micros(1)) / step * step;
+    for (; local - offset <= p.to; local += step) {
+        const Micros t = local - offset;
         const double x = SvgLayout::x(p, t);
         out << "<line x1=\"" << number(x) << "\" y1=\"" << y << "\" x2=\"" << number(x)
             << "\" y2=\"" << y + 5 << "\" stroke=\"#444\"/>\n";
         out << "<text x=\"" << number(x) << "\" y=\"" << y + 18 << "\" text-anchor=\"middle\">"
-            << utcText(t, format) << "</text>\n";
-        const std::string date = utcText(t, "%Y-%m-%d");
+            << utcText(local, format) << "</text>\n";
+        const std::string date = utcText(local, "%Y-%m-%d");
         if (date != lastDate && step < seconds(86400)) {
             out << "<text x=\"" << number(x) << "\" y=\"" << y + 32
                 << "\" text-anchor=\"middle\" fill=\"#666\">" << date << "</text>\n";
@@ -175,7 +190,7 @@ void drawAxis(std::ostream& out, const Picture& p, double y)
         lastDate = date;
     }
     out << "<text x=\"" << right << "\" y=\"" << y + 46 << "\" text-anchor=\"end\" fill=\"#666\">"
-        << "UTC</text>\n";
+        << zoneText(offset) << "</text>\n";
 }
 
 void drawLegend(std::ostream& out, const Picture& p, double y)
@@ -204,7 +219,7 @@ double SvgLayout::x(const Picture& p, Micros t)
 
 std::string xmlText(const std::string& text) { return escaped(sanitized(text)); }
 
-void writeSvg(std::ostream& out, const Picture& p, const std::string& title)
+void writeSvg(std::ostream& out, const Picture& p, const std::string& title, Micros utcOffset)
 {
     const double axisY = SvgLayout::rowTop(p.rows.size()) + 4;
     const double height = axisY + 80;
@@ -229,7 +244,7 @@ void writeSvg(std::ostream& out, const Picture& p, const std::string& title)
         drawMerged(out, p, row, State::On, y, p.metadata ? kMatchColour : kOnColour);
         out << "</g>\n";
     }
-    drawAxis(out, p, axisY);
+    drawAxis(out, p, axisY, utcOffset);
     drawLegend(out, p, axisY + 64);
     out << "</svg>\n";
 }

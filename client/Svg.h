@@ -22,8 +22,10 @@ struct SvgLayout {
     static double x(const Picture& picture, Micros t);
 };
 
-// Every text in it is escaped; `title` says what was searched.
-void writeSvg(std::ostream& out, const Picture& picture, const std::string& title);
+// Every text in it is escaped; `title` says what was searched. The axis is labelled in the
+// zone `utcOffset` east of UTC (the offset at the picture's start), and says which.
+void writeSvg(std::ostream& out, const Picture& picture, const std::string& title,
+              Micros utcOffset = Micros{0});
 
 // Valid UTF-8 without control characters: what a label can show.
 std::string sanitized(const std::string& text);

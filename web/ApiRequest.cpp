@@ -249,6 +249,13 @@ SearchRequest pictureRequest(const json& body)
     SearchRequest r = ranged(body, SearchRequest::Kind::Events);
     r.startState = true;
     r.picture = true;
+    if (const json* offset = field(body, "utcOffset")) {
+        // Minutes east of UTC: zones lie within 14 hours of it.
+        if (!offset->is_number_integer() || *offset < -840 || *offset > 840) {
+            bad("utcOffset: minutes east of UTC, from -840 to 840", "utcOffset");
+        }
+        r.utcOffset = std::chrono::minutes(offset->get<int>());
+    }
     return r;
 }
 

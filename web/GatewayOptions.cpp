@@ -24,7 +24,8 @@ The API (JSON in, JSON lines out; every /api/ request needs "Authorization: Bear
                                       minDuration, counts; on a hub devices
   POST   /api/v1/summary              start, end, bucket, alignTo (a time bucket edges fall on,
                                       a midnight say); on a hub devices
-  POST   /api/v1/picture              start, end: the SVG of the range
+  POST   /api/v1/picture              start, end, utcOffset (minutes east of UTC for its axis):
+                                      the SVG of the range
   POST   /api/v1/xpath                the filters: {"xpath": ...}
   DELETE /api/v1/searches/ID          ends a search
   GET    /                            the search page (no token needed)

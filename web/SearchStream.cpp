@@ -322,7 +322,7 @@ void SearchStream::appendWhenRoom(const std::string& line)
 void SearchStream::picture(const rsclient::Picture& picture)
 {
     std::ostringstream out;
-    rsclient::writeSvg(out, picture, "Recording and tracks on and off");
+    rsclient::writeSvg(out, picture, "Recording and tracks on and off", request_.utcOffset);
     svg_ = out.str();
 }
 

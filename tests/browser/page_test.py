@@ -391,11 +391,17 @@ class PageTest(unittest.TestCase):
             self.finished()
             first = self.rows()[0].find_element(By.TAG_NAME, "td")
             self.assertEqual(first.text, "2024-01-01 00:00:00")
+            self.js("const f = window.fetch; window.pictureBodies = [];"
+                    "window.fetch = (u, o) => { if (String(u).endsWith('/picture')) window.pictureBodies.push(o.body); return f(u, o); };")
             Select(self.el("zone")).select_by_value("local")
             self.assertEqual(self.el("start").get_attribute("value"), "2023-12-31 19:00:00")
             self.assertEqual(self.rows()[0].find_element(By.TAG_NAME, "td").text, "2023-12-31 19:00:00")
             self.assertIn("2023-12-31 19:00:00", self.el("recorded").text)
             self.assertIn("America/New_York", self.el("zone-local").text)
+            # The picture is drawn again in New York's clock.
+            bodies = wait_until("the picture asked again", lambda: [b for b in self.js("return window.pictureBodies")
+                                                                   if '"utcOffset":-300' in b], 20)
+            self.assertTrue(bodies)
             self.shot("events-new-york-1280")
         finally:
             self.driver.execute_cdp_cmd("Emulation.setTimezoneOverride", {"timezoneId": ""})

@@ -241,6 +241,8 @@ function changeZone(previous) {
   }
   showRange();
   if (!running) render();
+  const a = answers.events;
+  if (!running && a && a.picture) showPicture(a).then(() => { if (view !== 'events') $('picture-box').hidden = true; });
 }
 
 function selectView(name) {
@@ -551,7 +553,10 @@ async function run(getRegion) {
 }
 
 async function showPicture(a) {
-  a.picture = await (await request('POST', 'picture', { start: a.range.start, end: a.range.end })).blob();
+  // The picture's axis in the page's zone, at the offset the range starts in.
+  const from = Math.min(a.range.startSeconds, a.range.endSeconds) * 1000;
+  const utcOffset = zone() === 'utc' ? 0 : -new Date(from).getTimezoneOffset();
+  a.picture = await (await request('POST', 'picture', { start: a.range.start, end: a.range.end, utcOffset })).blob();
   showPictureOf(a.picture);
 }
 

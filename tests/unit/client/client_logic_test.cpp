@@ -287,6 +287,12 @@ TEST(RecsearchPicture, TheSvgParsesNamesItsRowsAndRendersTheBarsWhereTheyBelong)
     xmlXPathFreeContext(context);
     xmlFreeDoc(doc);
 
+    // In a zone five and a half hours west, the axis counts that zone's round times and says so.
+    std::ostringstream west;
+    writeSvg(west, picture, "", -(std::chrono::hours(5) + minutes(30)));
+    EXPECT_NE(west.str().find(">18:30</text>"), std::string::npos);
+    EXPECT_NE(west.str().find(">UTC-05:30</text>"), std::string::npos);
+
     auto at = [&](std::size_t row, Micros t) {
         return std::to_string(int(SvgLayout::x(picture, t))) + "," +
                std::to_string(int(SvgLayout::rowTop(row) + SvgLayout::kRowHeight / 2));
