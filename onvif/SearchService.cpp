@@ -376,8 +376,9 @@ void SearchService::open(const std::string& operation, std::shared_ptr<Search> s
             --beginning_;
         }
         if (e.kind() == rsclient::ErrorKind::Refused) {
-            throw resourceProblem("two searches are running on this device already: try again "
-                                  "when one ends");
+            throw resourceProblem(
+                "two searches are running on this device already: try again "
+                "when one ends");
         }
         log(LOG_WARNING, std::string("a search could not begin: ") + e.what());
         throw SoapFault(SoapFault::Code::Receiver, {"ter:Action"},
