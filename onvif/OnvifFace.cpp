@@ -55,6 +55,13 @@ std::optional<SoapAnswer> OnvifFace::refuse(const std::string& method, const std
 
 SoapAnswer OnvifFace::answer(const SoapCall& call)
 {
+    struct Counted {
+        std::atomic<int>& count;
+        explicit Counted(std::atomic<int>& c) : count(c) { ++count; }
+        ~Counted() { --count; }
+        Counted(const Counted&) = delete;
+        Counted& operator=(const Counted&) = delete;
+    } counted(answering_);
     try {
         const SoapRequest request(call.body);
         const bool device = call.path == kDevicePath;

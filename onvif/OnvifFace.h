@@ -2,6 +2,7 @@
 // answer or its fault out. Every operation but GetSystemDateAndTime needs a user.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -40,8 +41,11 @@ public:
                                      std::size_t mostBody) const;
     SoapAnswer answer(const SoapCall& call);
     void endAll() { search_.endAll(); }
+    // Requests being answered now (after endAll(), none for long).
+    int answering() const { return answering_; }
 
 private:
+    std::atomic<int> answering_{0};
     void* logCookie_;
     OnvifUsers users_;
     DeviceService device_;

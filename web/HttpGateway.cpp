@@ -7,12 +7,14 @@
 #include <syslog.h>
 
 #include <charconv>
+#include <chrono>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -278,6 +280,14 @@ HttpGateway::~HttpGateway()
     MHD_quiesce_daemon(daemon_);
     routes_.interruptAll();
     onvif_.endAll();
+    // A client that waited for results gets its page before the connections close.
+    const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    bool waited = false;
+    while (onvif_.answering() > 0 && std::chrono::steady_clock::now() < bound) {
+        waited = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (waited) std::this_thread::sleep_for(std::chrono::milliseconds(200));
     MHD_stop_daemon(daemon_);
 }
 

@@ -546,7 +546,13 @@ TEST_F(OnvifFace, StopsAtOnceWhileAClientWaitsAndLeavesNothingBehind)
     OnvifStack& s = *stack_;
     const std::string walking = tokenOf(s.search(findMetadata(kHourStart, kHourEnd, kNothing)));
     Answer waited;
+    // The client's connection has its own thread in the gateway: once that is there (and a
+    // moment more for its request to be read), the client waits.
+    const pid_t gateway = s.gateway().pid();
+    const long threads = reliability::processUse(gateway).threads;
     std::thread client([&] { waited = s.search(getResults("Metadata", walking, 1, 10, "PT30S")); });
+    EXPECT_TRUE(
+        rstest::pollUntil([&] { return reliability::processUse(gateway).threads > threads; }, 20s));
     std::this_thread::sleep_for(1s);
     const auto before = std::chrono::steady_clock::now();
     s.gateway().sendSignal(SIGTERM);
@@ -556,7 +562,8 @@ TEST_F(OnvifFace, StopsAtOnceWhileAClientWaitsAndLeavesNothingBehind)
     EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
     EXPECT_TRUE(exit->exited && exit->code == 0);
     EXPECT_EQ(s.gateway().stderrText(), "");  // a sanitizer's report, say
-    EXPECT_EQ(value(waited.body, "ResultList/SearchState"), "Completed") << waited.body;
+    EXPECT_EQ(value(waited.body, "ResultList/SearchState"), "Completed")
+        << waited.status << " " << waited.body;
 }
 
 }  // namespace
