@@ -10,7 +10,7 @@ build_preset=${2:-$preset}
 packages=(build-essential cmake pkg-config libboost-thread-dev libboost-chrono-dev
           libboost-system-dev libxml2-dev libsystemd-dev libsdbus-c++-dev libsdbus-c++-bin
           libsqlite3-dev dbus-daemon dbus-bin libcli11-dev nlohmann-json3-dev dpkg-dev
-          libmicrohttpd-dev libcurl4-gnutls-dev libzstd-dev curl help2man)
+          libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev libzstd-dev curl help2man)
 # The programs alone build and run without these: the demo's first run on a fresh machine
 # saves their download and installation.
 [ "$build_preset" = programs ] ||
