@@ -392,7 +392,7 @@ function take(line, a) {
   }
   if (line.error) {
     running.failed = true;
-    a.problem = /went away|not running|bus/.test(line.error)
+    a.problem = /went away|not running|bus|did not answer/.test(line.error)
       ? 'The search service on the device stopped during the search. The rows shown are what it found before; search again once it is back.'
       : `The search ended early: ${line.error}`;
     problem(a.problem);
