@@ -1,5 +1,6 @@
 #include "client/InputText.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
@@ -79,6 +80,25 @@ std::string lengthProblem(std::string_view text)
     if (text.size() <= kMaxValueLength) return "";
     return "a value of " + std::to_string(text.size()) + " characters is too long (at most " +
            std::to_string(kMaxValueLength) + ")";
+}
+
+std::string trimmed(std::string_view text)
+{
+    const auto first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) return {};
+    return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
+}
+
+bool sameInConstantTime(std::string_view a, std::string_view b)
+{
+    const std::size_t n = std::max(a.size(), b.size());
+    unsigned char difference = a.size() == b.size() ? 0 : 1;
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto x = static_cast<unsigned char>(i < a.size() ? a[i] : 0);
+        const auto y = static_cast<unsigned char>(i < b.size() ? b[i] : 0);
+        difference = static_cast<unsigned char>(difference | (x ^ y));
+    }
+    return difference == 0;
 }
 
 }  // namespace rsclient

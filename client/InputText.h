@@ -30,4 +30,10 @@ std::string excerpt(std::string_view text);
 // "a value of N characters is too long (at most 64)" when it is, or an empty string.
 std::string lengthProblem(std::string_view text);
 
+// Without the spaces, tabs and line ends around it.
+std::string trimmed(std::string_view text);
+
+// Compared in constant time, so that timing tells nothing of a secret.
+bool sameInConstantTime(std::string_view a, std::string_view b);
+
 }  // namespace rsclient

@@ -6,26 +6,21 @@
 #include <gnutls/crypto.h>
 #include <gnutls/gnutls.h>
 
+#include "client/InputText.h"
 #include "client/SmallFile.h"
 #include "onvif/SoapFault.h"
 #include "onvif/XsdValues.h"
 
 namespace onvif {
 
+using rsclient::sameInConstantTime;
+using rsclient::trimmed;
+
 namespace {
 
 constexpr int64_t kFreshSeconds = 5 * 60;
 constexpr std::size_t kMostNonces = 65536;
 constexpr std::size_t kMostUsersFile = std::size_t{64} << 10;
-
-bool sameInConstantTime(const std::string& a, const std::string& b)
-{
-    unsigned char difference = a.size() == b.size() ? 0 : 1;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        difference = static_cast<unsigned char>(difference | (a[i] ^ (i < b.size() ? b[i] : 0)));
-    }
-    return difference == 0;
-}
 
 std::optional<std::string> base64Decoded(const std::string& text)
 {
@@ -36,13 +31,6 @@ std::optional<std::string> base64Decoded(const std::string& text)
     std::string bytes(reinterpret_cast<const char*>(out.data), out.size);
     gnutls_free(out.data);
     return bytes;
-}
-
-std::string trimmed(const std::string& text)
-{
-    const auto first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
 }  // namespace

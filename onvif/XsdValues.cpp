@@ -5,16 +5,13 @@
 #include <ctime>
 #include <limits>
 
+#include "client/InputText.h"
+
 namespace onvif {
 
-namespace {
+using rsclient::trimmed;
 
-std::string trimmed(const std::string& text)
-{
-    const auto first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
+namespace {
 
 bool digitsAt(const std::string& s, std::size_t at, std::size_t count, int& value)
 {

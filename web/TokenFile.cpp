@@ -4,30 +4,16 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "client/InputText.h"
+
 namespace web {
+
+using rsclient::sameInConstantTime;
+using rsclient::trimmed;
 
 namespace {
 
 constexpr const char* kScheme = "Bearer ";
-
-std::string trimmed(const std::string& text)
-{
-    const auto first = text.find_first_not_of(" \t\r");
-    if (first == std::string::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
-}
-
-bool sameInConstantTime(const std::string& a, const std::string& b)
-{
-    const std::size_t n = std::max(a.size(), b.size());
-    unsigned char difference = a.size() == b.size() ? 0 : 1;
-    for (std::size_t i = 0; i < n; ++i) {
-        const auto x = static_cast<unsigned char>(i < a.size() ? a[i] : 0);
-        const auto y = static_cast<unsigned char>(i < b.size() ? b[i] : 0);
-        difference = static_cast<unsigned char>(difference | (x ^ y));
-    }
-    return difference == 0;
-}
 
 }  // namespace
 
