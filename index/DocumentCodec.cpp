@@ -3,7 +3,10 @@
 #include <zdict.h>
 #include <zstd.h>
 
+#include <cstdint>
 #include <stdexcept>
+
+#include "index/CompactBytes.h"
 
 namespace rsindex {
 
@@ -82,6 +85,32 @@ std::string DocumentCodec::decompress(std::string_view frame)
                                   frame.size());
     if (ZSTD_isError(got) || got != size) throw std::runtime_error("a damaged document frame");
     return text;
+}
+
+std::string DocumentCodec::compressBlock(const std::vector<KeptText>& texts)
+{
+    std::string bytes;
+    putWord(bytes, texts.size());
+    for (const auto& kept : texts) {
+        putWord(bytes, uint64_t(kept.time - texts.front().time));
+        putText(bytes, kept.text);
+    }
+    return compress(bytes);
+}
+
+std::vector<KeptText> DocumentCodec::decompressBlock(Micros first, std::string_view frame)
+{
+    const std::string bytes = decompress(frame);
+    Reader in(bytes);
+    std::vector<KeptText> texts(in.count());
+    for (auto& kept : texts) {
+        const uint64_t after = in.word();
+        if (after > uint64_t(INT64_MAX - first)) throw std::runtime_error("a damaged block");
+        kept.time = first + Micros(after);
+        kept.text = in.text().value_or("");
+    }
+    if (!in.done()) throw std::runtime_error("a damaged block");
+    return texts;
 }
 
 std::string DocumentCodec::train(const std::vector<std::string>& samples)

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "index/CompactBytes.h"
+
 namespace rsindex {
 
 namespace {
@@ -86,64 +88,6 @@ bool motionAlarm(xmlNodePtr message)
     }
     return false;
 }
-
-// Encoding: counts as unsigned LEB128 numbers; a text as its length plus one (0: absent),
-// then its bytes. Most values take one byte.
-void putWord(std::string& out, uint32_t word)
-{
-    do {
-        const auto low = uint8_t(word & 0x7f);
-        word >>= 7;
-        out += char(word != 0 ? low | 0x80 : low);
-    } while (word != 0);
-}
-
-void putText(std::string& out, const std::optional<std::string>& text)
-{
-    if (!text) {
-        putWord(out, 0);
-        return;
-    }
-    putWord(out, uint32_t(text->size()) + 1);
-    out += *text;
-}
-
-class Reader {
-public:
-    explicit Reader(const std::string& bytes) : bytes_(bytes) {}
-    uint32_t word()
-    {
-        uint32_t word = 0;
-        for (int shift = 0; shift < 35; shift += 7) {
-            if (at_ >= bytes_.size()) throw std::runtime_error("truncated facts");
-            const auto byte = uint8_t(bytes_[at_++]);
-            word |= uint32_t(byte & 0x7f) << shift;
-            if ((byte & 0x80) == 0) return word;
-        }
-        throw std::runtime_error("corrupt facts");
-    }
-    // A count of things that each take at least a byte: never more than the bytes left.
-    uint32_t count()
-    {
-        const uint32_t n = word();
-        if (n > bytes_.size() - at_) throw std::runtime_error("corrupt facts");
-        return n;
-    }
-    std::optional<std::string> text()
-    {
-        uint32_t size = word();
-        if (size == 0) return std::nullopt;
-        --size;
-        if (size > bytes_.size() - at_) throw std::runtime_error("truncated facts");
-        std::string text = bytes_.substr(at_, size);
-        at_ += size;
-        return text;
-    }
-
-private:
-    const std::string& bytes_;
-    std::size_t at_ = 0;
-};
 
 void putNamed(std::string& out, const std::vector<NamedFact>& facts)
 {

@@ -31,10 +31,10 @@ using Count = sdbus::Struct<int64_t, int64_t, int64_t>;
 constexpr int64_t kMaxBuckets = 10000;
 constexpr std::size_t kStateCallsWaiting = 64;
 constexpr std::size_t kScansWaiting = 16;
-// Documents evaluated together, and the threads that share them: what one XPath query holds
-// at a time is a batch of documents.
-constexpr std::size_t kXPathBatch = 256;
-constexpr std::size_t kXPathPageDocuments = 16 * kXPathBatch;
+// Blocks evaluated together (about 256 documents), the documents a page looks at most, and the
+// threads that share them: what one XPath query holds at a time is a batch of blocks.
+constexpr std::size_t kXPathBlocks = 16;
+constexpr std::size_t kXPathPageDocuments = 4096;
 const std::size_t kXPathThreads = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
 // The last microsecond a recording's time (unsigned seconds and microseconds) can name.
 constexpr Micros kLastTime = Micros(0xffffffffLL) * 1000000 + 999999;
@@ -233,32 +233,33 @@ private:
                    bool more = false;
                    Micros through = to;
                    std::size_t looked = 0;
+                   const Micros low = std::min(from, to), high = std::max(from, to);
                    std::vector<std::pair<Micros, std::string>> batch;
                    // False once the page is full, or has looked at enough documents.
                    const auto evaluate = [&] {
-                       const auto verdicts = evaluator.evaluate(batch);
-                       for (std::size_t i = 0; i < batch.size() && !more; ++i) {
-                           if (verdicts[i] && times.size() == most) {
+                       const auto verdicts = evaluator.evaluate(batch, low, high, from <= to);
+                       for (std::size_t i = 0; i < verdicts.size() && !more; ++i) {
+                           if (verdicts[i].matches && times.size() == most) {
                                more = true;
                                through = times.back();
-                           } else if (verdicts[i]) {
-                               times.push_back(batch[i].first);
+                           } else if (verdicts[i].matches) {
+                               times.push_back(verdicts[i].time);
                            }
                        }
-                       looked += batch.size();
-                       if (!more && looked >= kXPathPageDocuments) {
+                       looked += verdicts.size();
+                       if (!more && looked >= kXPathPageDocuments && !verdicts.empty()) {
                            more = true;
-                           through = batch.back().first;
+                           through = verdicts.back().time;
                        }
                        batch.clear();
                        return !more;
                    };
                    try {
-                       store().scanTexts(std::min(from, to), std::max(from, to), from <= to,
-                                         [&](Micros time, const std::string& text) {
+                       store().scanTexts(low, high, from <= to,
+                                         [&](Micros key, const std::string& block) {
                                              if (gone) return false;
-                                             batch.emplace_back(time, text);
-                                             return batch.size() < kXPathBatch || evaluate();
+                                             batch.emplace_back(key, block);
+                                             return batch.size() < kXPathBlocks || evaluate();
                                          });
                        if (!gone && !more && !batch.empty()) evaluate();
                    } catch (const UndecodableRow&) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <optional>
+#include <set>
 
 #include <sqlite3.h>
 
@@ -14,10 +15,14 @@ namespace rsindex {
 
 namespace {
 
-constexpr int64_t kFormat = 5;
+constexpr int64_t kFormat = 6;
 // Documents kept before a dictionary is trained on them.
 constexpr int64_t kTrainOn = 1000;
 constexpr Micros kStretch = 60000000;
+// A block holds documents of one minute, at most this many and this much text (a larger document
+// stands alone): enough for zstd to find what frames repeat, little to read for one document.
+constexpr std::size_t kBlockDocuments = 16;
+constexpr std::size_t kBlockBytes = 256 << 10;
 
 const char* const kSchema = R"SQL(
 CREATE TABLE IF NOT EXISTS documents (
@@ -25,7 +30,8 @@ CREATE TABLE IF NOT EXISTS documents (
   motion INTEGER NOT NULL,
   hash INTEGER NOT NULL,
   facts BLOB NOT NULL);
--- The documents themselves, apart: a filter's scan reads only the facts.
+-- The documents themselves, apart (a filter's scan reads only the facts): blocks of consecutive
+-- documents, each keyed by its first document's time. Blocks never overlap.
 CREATE TABLE IF NOT EXISTS texts (
   t INTEGER PRIMARY KEY,
   text BLOB NOT NULL);
@@ -93,6 +99,24 @@ uint64_t textHash(const std::string& text)
     return hash;
 }
 
+// A block as the writer changes it. One that does not decode holds nothing: what it held is read
+// again from the recording (see undecodable()), and lands in a block anew.
+struct IndexStore::Block {
+    Micros key = 0;     // where it is stored: its first document's time when it was read
+    Micros before = 0;  // the next block's key: it must end before that
+    std::vector<KeptText> texts;
+
+    // Whether a document later than the last may join it.
+    bool takes(Micros time, std::size_t size) const
+    {
+        if (texts.empty() || time <= texts.back().time || time >= before) return false;
+        if (time / kStretch != texts.front().time / kStretch) return false;
+        std::size_t bytes = size;
+        for (const auto& kept : texts) bytes += kept.text.size();
+        return texts.size() < kBlockDocuments && bytes <= kBlockBytes;
+    }
+};
+
 IndexStore::IndexStore(const std::string& path, Access access)
     : path_(checkedPath(path, access, damage_)), db_(path_, modeOf(access))
 {
@@ -126,9 +150,12 @@ void IndexStore::trainWhenReady()
 {
     if (codec_.hasDictionary() || db_.queryInt("SELECT documents FROM kept") < kTrainOn) return;
     std::vector<std::string> samples;
-    store::Statement q(db_, "SELECT text FROM texts ORDER BY t LIMIT ?");
-    q.bind(1, kTrainOn);
-    while (q.step()) samples.push_back(codec_.decompress(q.columnText(0)));
+    store::Statement q(db_, "SELECT t, text FROM texts ORDER BY t");
+    while (samples.size() < std::size_t(kTrainOn) && q.step()) {
+        for (auto& kept : codec_.decompressBlock(q.columnInt(0), q.columnText(1))) {
+            samples.push_back(std::move(kept.text));
+        }
+    }
     const std::string trained = DocumentCodec::train(samples);
     if (trained.empty()) return;
     store::Transaction transaction(db_);
@@ -141,7 +168,13 @@ void IndexStore::trainWhenReady()
 void IndexStore::scanTexts(Micros from, Micros to, bool ascending,
                            const std::function<bool(Micros, const std::string&)>& each)
 {
-    store::Statement q(db_, inRange("t, text", "texts", "t", ascending).c_str());
+    // From the block that holds `from`, which may begin before it.
+    store::Statement q(db_,
+                       (std::string("SELECT t, text FROM texts WHERE t BETWEEN "
+                                    "coalesce((SELECT max(t) FROM texts WHERE t <= ?1), ?1) AND ?2 "
+                                    "ORDER BY t ") +
+                        (ascending ? "ASC" : "DESC"))
+                           .c_str());
     q.bind(1, from).bind(2, to);
     while (q.step()) {
         if (!each(q.columnInt(0), q.columnText(1))) return;
@@ -190,8 +223,8 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
     store::Transaction transaction(db_);
     store::Statement document(
         db_, "INSERT OR IGNORE INTO documents (t, motion, hash, facts) VALUES (?, ?, ?, ?)");
-    store::Statement text(db_, "INSERT OR IGNORE INTO texts (t, text) VALUES (?, ?)");
     int64_t added = 0;
+    std::optional<Block> open;  // the block the next document joins, when it can
     for (const auto& d : batch) {
         document.reset()
             .bind(1, d.time)
@@ -199,9 +232,22 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
             .bind(3, int64_t(d.hash))
             .bindBlob(4, encode(d.facts))
             .run();
-        added += sqlite3_changes(db_.handle());
-        text.reset().bind(1, d.time).bindBlob(2, codec_.compress(d.text)).run();
+        if (sqlite3_changes(db_.handle()) == 0) continue;  // held already, text and all
+        ++added;
+        if (!open) open = blockAt(d.time);
+        if (open && open->takes(d.time, d.text.size())) {
+            open->texts.push_back({d.time, d.text});
+            continue;
+        }
+        if (open) keep(*open);
+        if (open && !open->texts.empty() && d.time <= open->texts.back().time) {
+            open.reset();  // among what is held: in its place
+            putText(d.time, d.text);
+            continue;
+        }
+        open = Block{d.time, nextBlockAfter(d.time), {{d.time, d.text}}};
     }
+    if (open) keep(*open);
     counted(added);
     widenStretches(batch);
     transaction.commit();
@@ -209,16 +255,35 @@ void IndexStore::add(const std::vector<IndexedDocument>& batch)
 
 std::vector<Micros> IndexStore::undecodable(std::size_t most)
 {
-    std::vector<Micros> times;
-    store::Statement q(db_, "SELECT t, facts FROM documents ORDER BY t");
-    while (times.size() < most && q.step()) {
+    std::set<Micros> times;
+    store::Statement facts(db_, "SELECT t, facts FROM documents ORDER BY t");
+    while (times.size() < most && facts.step()) {
         try {
-            decode(q.columnText(1));
+            decode(facts.columnText(1));
         } catch (const std::runtime_error&) {
-            times.push_back(q.columnInt(0));
+            times.insert(facts.columnInt(0));
         }
     }
-    return times;
+    // The documents of a block that does not decode: from its key to the next block's.
+    store::Statement within(db_, "SELECT t FROM documents WHERE t >= ? AND t < ? ORDER BY t");
+    const auto documentsOf = [&](Micros from, Micros before) {
+        within.reset().bind(1, from).bind(2, before);
+        while (times.size() < most && within.step()) times.insert(within.columnInt(0));
+    };
+    std::optional<Micros> damaged;
+    store::Statement blocks(db_, "SELECT t, text FROM texts ORDER BY t");
+    while (times.size() < most && blocks.step()) {
+        const Micros key = blocks.columnInt(0);
+        if (damaged) documentsOf(*damaged, key);
+        damaged.reset();
+        try {
+            codec_.decompressBlock(key, blocks.columnText(1));
+        } catch (const std::runtime_error&) {
+            damaged = key;
+        }
+    }
+    if (damaged) documentsOf(*damaged, INT64_MAX);
+    return {times.begin(), times.end()};
 }
 
 void IndexStore::replace(const IndexedDocument& d)
@@ -231,8 +296,7 @@ void IndexStore::replace(const IndexedDocument& d)
         .bind(3, int64_t(d.hash))
         .bindBlob(4, encode(d.facts))
         .run();
-    store::Statement text(db_, "UPDATE texts SET text = ?2 WHERE t = ?1");
-    text.bind(1, d.time).bindBlob(2, codec_.compress(d.text)).run();
+    putText(d.time, d.text);
     widenStretches({d});
     transaction.commit();
 }
@@ -250,8 +314,79 @@ void IndexStore::forget(const std::string& comparison, Micros time)
     store::Statement documents(db_, ("DELETE FROM documents WHERE t " + comparison + " ?").c_str());
     documents.bind(1, time).run();
     counted(-int64_t(sqlite3_changes(db_.handle())));
-    store::Statement texts(db_, ("DELETE FROM texts WHERE t " + comparison + " ?").c_str());
-    texts.bind(1, time).run();
+    if (comparison == "=") dropTexts(time, time);
+    if (comparison == "<" && time > INT64_MIN) dropTexts(INT64_MIN, time - 1);
+}
+
+Micros IndexStore::nextBlockAfter(Micros time)
+{
+    store::Statement q(db_, "SELECT min(t) FROM texts WHERE t > ?");
+    q.bind(1, time);
+    return q.step() && !q.columnIsNull(0) ? q.columnInt(0) : INT64_MAX;
+}
+
+// The block that begins at or last before `time`.
+std::optional<IndexStore::Block> IndexStore::blockAt(Micros time)
+{
+    store::Statement q(db_, "SELECT t, text FROM texts WHERE t <= ? ORDER BY t DESC LIMIT 1");
+    q.bind(1, time);
+    if (!q.step()) return std::nullopt;
+    Block block{q.columnInt(0), nextBlockAfter(time), {}};
+    try {
+        block.texts = codec_.decompressBlock(block.key, q.columnText(1));
+    } catch (const std::runtime_error&) {
+    }
+    return block;
+}
+
+// Inside the writer's transaction: the block where it belongs, keyed by its first document.
+void IndexStore::keep(const Block& block)
+{
+    if (block.texts.empty() || block.texts.front().time != block.key) {
+        store::Statement drop(db_, "DELETE FROM texts WHERE t = ?");
+        drop.bind(1, block.key).run();
+    }
+    if (block.texts.empty()) return;
+    store::Statement write(db_, "INSERT OR REPLACE INTO texts (t, text) VALUES (?, ?)");
+    write.bind(1, block.texts.front().time).bindBlob(2, codec_.compressBlock(block.texts)).run();
+}
+
+// Inside the writer's transaction: one document's text, in place of what was there.
+void IndexStore::putText(Micros time, const std::string& text)
+{
+    Block block = blockAt(time).value_or(Block{time, nextBlockAfter(time), {}});
+    auto at = std::lower_bound(block.texts.begin(), block.texts.end(), time,
+                               [](const KeptText& kept, Micros t) { return kept.time < t; });
+    if (at != block.texts.end() && at->time == time) {
+        at->text = text;
+    } else {
+        block.texts.insert(at, {time, text});
+    }
+    keep(block);
+}
+
+// Inside the writer's transaction: the texts of documents in [from, through]. The blocks wholly
+// inside go at once; the ones at its ends lose their share.
+void IndexStore::dropTexts(Micros from, Micros through)
+{
+    auto last = blockAt(through);
+    if (!last) return;
+    std::vector<Block> ends{*last};
+    if (last->key >= from) {
+        store::Statement whole(db_, "DELETE FROM texts WHERE t >= ? AND t < ?");
+        whole.bind(1, from).bind(2, last->key).run();
+        if (from > INT64_MIN) {
+            if (auto first = blockAt(from - 1)) ends.push_back(*first);
+        }
+    }
+    for (auto& block : ends) {
+        block.texts.erase(std::remove_if(block.texts.begin(), block.texts.end(),
+                                         [&](const KeptText& kept) {
+                                             return kept.time >= from && kept.time <= through;
+                                         }),
+                          block.texts.end());
+        keep(block);
+    }
 }
 
 // Inside the writer's transaction.

@@ -1,5 +1,6 @@
-// The index's SQLite file: one row per document (its time, motion, facts, a hash of its text and
-// the text itself, compressed by DocumentCodec); the last row is the mark "indexed through". One
+// The index's SQLite file: one row per document (its time, motion, facts and a hash of its text),
+// and the texts themselves in blocks of consecutive documents of one minute, compressed by
+// DocumentCodec; the last document is the mark "indexed through". One
 // writer (the follower) and any number of readers (the queries), in WAL mode so that readers
 // never block the writer; each batch of documents lands in one transaction together with the
 // mark, so a crash leaves the old state or the new one.
@@ -18,9 +19,6 @@
 #include "store/SqliteDb.h"
 
 namespace rsindex {
-
-// Microseconds since 1970: a document's time as one ordered number.
-using Micros = int64_t;
 
 struct IndexedDocument {
     Micros time = 0;
@@ -64,8 +62,9 @@ public:
 
     // The dictionary documents are compressed with, empty while there is none.
     std::string dictionary();
-    // Documents' compressed texts in [from, to], ascending or descending, until `each` returns
-    // false.
+    // The compressed blocks (DocumentCodec::decompressBlock: the time of their first document
+    // and the frame) that hold documents in [from, to], ascending or descending, until `each`
+    // returns false. The first and last may hold documents outside the range too.
     void scanTexts(Micros from, Micros to, bool ascending,
                    const std::function<bool(Micros, const std::string&)>& each);
 
@@ -74,7 +73,7 @@ public:
     // Once enough documents are in and there is no dictionary yet: one trained on them, for the
     // documents that come after.
     void trainWhenReady();
-    // The times of rows whose facts do not decode, at most `most` of them.
+    // The times of documents whose facts or text do not decode, at most `most` of them.
     std::vector<Micros> undecodable(std::size_t most);
     // One document read again: in place of what the index held at its time.
     void replace(const IndexedDocument& document);
@@ -101,6 +100,12 @@ private:
     void counted(int64_t change);  // inside the writer's transaction
     void widenStretches(const std::vector<IndexedDocument>& batch);
     void forget(const std::string& comparison, Micros time);
+    struct Block;
+    std::optional<Block> blockAt(Micros time);
+    Micros nextBlockAfter(Micros time);
+    void keep(const Block& block);
+    void putText(Micros time, const std::string& text);
+    void dropTexts(Micros from, Micros through);
 
     std::string damage_;
     std::string path_;

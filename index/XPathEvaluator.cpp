@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <thread>
 
@@ -34,12 +35,19 @@ struct XPathEvaluator::Worker {
     XPathMatcher matcher;
     bool failed = false;
 
-    void run(const std::vector<std::pair<Micros, std::string>>& batch, std::size_t from,
-             std::size_t to, std::vector<char>& verdicts)
+    // Blocks [first, last) of the batch, each into its own share of `verdicts`.
+    void run(const std::vector<std::pair<Micros, std::string>>& blocks, std::size_t first,
+             std::size_t last, Micros from, Micros to, bool ascending,
+             std::vector<std::vector<Verdict>>& verdicts)
     {
-        for (std::size_t i = from; i < to && !failed; ++i) {
+        for (std::size_t i = first; i < last && !failed; ++i) {
             try {
-                verdicts[i] = matcher.matches(codec.decompress(batch[i].second)) ? 1 : 0;
+                auto texts = codec.decompressBlock(blocks[i].first, blocks[i].second);
+                if (!ascending) std::reverse(texts.begin(), texts.end());
+                for (const auto& kept : texts) {
+                    if (kept.time < from || kept.time > to) continue;
+                    verdicts[i].push_back({kept.time, matcher.matches(kept.text)});
+                }
             } catch (const std::runtime_error&) {
                 failed = true;
             }
@@ -60,19 +68,25 @@ XPathEvaluator::XPathEvaluator(const std::string& expression, const std::string&
 
 XPathEvaluator::~XPathEvaluator() = default;
 
-std::vector<bool> XPathEvaluator::evaluate(const std::vector<std::pair<Micros, std::string>>& batch)
+std::vector<XPathEvaluator::Verdict> XPathEvaluator::evaluate(
+    const std::vector<std::pair<Micros, std::string>>& blocks, Micros from, Micros to,
+    bool ascending)
 {
-    std::vector<char> verdicts(batch.size(), 0);
-    const std::size_t shares = std::min(workers_.size(), std::max<std::size_t>(batch.size(), 1));
-    const std::size_t share = (batch.size() + shares - 1) / shares;
+    std::vector<std::vector<Verdict>> verdicts(blocks.size());
+    const std::size_t shares = std::min(workers_.size(), std::max<std::size_t>(blocks.size(), 1));
+    const std::size_t share = (blocks.size() + shares - 1) / shares;
+    const auto work = [&](std::size_t w) {
+        workers_[w]->run(blocks, std::min(blocks.size(), w * share),
+                         std::min(blocks.size(), (w + 1) * share), from, to, ascending, verdicts);
+    };
     std::vector<std::thread> helpers;
     for (std::size_t w = 1; w < shares; ++w) {
         helpers.emplace_back([&, w] {
             lowerPriority();
-            workers_[w]->run(batch, w * share, std::min(batch.size(), (w + 1) * share), verdicts);
+            work(w);
         });
     }
-    workers_[0]->run(batch, 0, std::min(batch.size(), share), verdicts);
+    work(0);
     for (auto& helper : helpers) helper.join();
     for (const auto& worker : workers_) {
         if (worker->failed) {
@@ -80,7 +94,9 @@ std::vector<bool> XPathEvaluator::evaluate(const std::vector<std::pair<Micros, s
             throw UndecodableRow();
         }
     }
-    return std::vector<bool>(verdicts.begin(), verdicts.end());
+    std::vector<Verdict> all;
+    for (auto& block : verdicts) all.insert(all.end(), block.begin(), block.end());
+    return all;
 }
 
 }  // namespace rsindex

@@ -1,7 +1,7 @@
-// One XPath over a batch of the index's documents, on a few threads at once: each thread has
-// its own codec and its own XPathMatcher (the walk's: the same hardened parsing, limits and
-// evaluation), and takes a contiguous share of the batch. The threads run at a lower priority
-// than the follower, which must keep the recording's pace whatever the queries cost.
+// One XPath over a batch of the index's blocks of documents, on a few threads at once: each
+// thread has its own codec and its own XPathMatcher (the walk's: the same hardened parsing,
+// limits and evaluation), and takes a contiguous share of the batch. The threads run at a lower
+// priority than the follower, which must keep the recording's pace whatever the queries cost.
 #pragma once
 
 #include <cstddef>
@@ -22,9 +22,15 @@ public:
                    std::size_t threads);
     ~XPathEvaluator();
 
-    // Whether the expression is true for each document (its compressed text), in order.
-    // Throws UndecodableRow when a text does not decompress.
-    std::vector<bool> evaluate(const std::vector<std::pair<Micros, std::string>>& batch);
+    struct Verdict {
+        Micros time = 0;
+        bool matches = false;
+    };
+    // Whether the expression is true for each document of these blocks (as scanTexts gives
+    // them) that lies in [from, to], in the blocks' order, and within each ascending or not.
+    // Throws UndecodableRow when a block does not decompress.
+    std::vector<Verdict> evaluate(const std::vector<std::pair<Micros, std::string>>& blocks,
+                                  Micros from, Micros to, bool ascending);
 
     XPathEvaluator(const XPathEvaluator&) = delete;
     XPathEvaluator& operator=(const XPathEvaluator&) = delete;

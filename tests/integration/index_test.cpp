@@ -449,6 +449,8 @@ TEST(IndexFollows, ARecordingThatGrowsAndLosesItsStart)
     const std::string from = stack.state().value("from", "");
     EXPECT_TRUE(from >= "2024-01-01T00:00:20" && from < "2024-01-01T00:00:21") << from;
     expectSameAsTheWalk(stack, {"metadata", kFrom, "2024-01-01T00:02:00Z", "--class", "person"});
+    // The texts too: none of the lost start, each one of the rest, where a block was cut.
+    expectSameAsTheWalk(stack, {"metadata", "2024-01-01T00:02:00Z", kFrom, "//Frame"});
     EXPECT_EQ(stack.stack().stop(), "");
 }
 
@@ -677,24 +679,32 @@ TEST(IndexHolds, RangesAtTheEndsOfTimeAFloodOfCallsAndADamagedFile)
         std::ofstream(db, std::ios::binary | std::ios::trunc) << std::string(65536, '\x5a');
     });
     expectSameAsTheWalk(stack, person);
-    damage([&] {
-        store::SqliteDb file(db, store::SqliteDb::Mode::ReadWrite);
-        file.exec("UPDATE documents SET facts = x'ffffffff' WHERE t % 7 = 0");
-    });
-    // The first search meets the bad rows and walks around them; they are read again.
-    auto json = person;
-    json.push_back("--json");
-    EXPECT_EQ(answerLines(stack.recsearch(json).out),
-              answerLines(stack
-                              .recsearch({"metadata", kFrom, "2024-01-01T00:02:00Z", "--class",
-                                          "person", "--walk", "--json"})
-                              .out));
-    EXPECT_TRUE(rstest::pollUntil(
-        [&] {
-            return stack.recsearch(person).out.find("recording_index failed") == std::string::npos;
-        },
-        30s));
-    expectSameAsTheWalk(stack, person);
+    // Facts or texts that do not decode: the first search meets them and walks around them;
+    // they are read again.
+    const std::vector<std::string> frames = {"metadata", kFrom, "2024-01-01T00:02:00Z",
+                                             "//Frame[@ObjectCount > 1]"};
+    for (const auto& [sql, search] :
+         {std::pair{"UPDATE documents SET facts = x'ffffffff' WHERE t % 7 = 0", person},
+          std::pair{"UPDATE texts SET text = x'28b52ffd0000' WHERE t % 3 = 0", frames}}) {
+        damage([&, sql = sql] {
+            store::SqliteDb file(db, store::SqliteDb::Mode::ReadWrite);
+            file.exec(sql);
+        });
+        auto json = search;
+        json.push_back("--json");
+        auto walked = json;
+        walked.push_back("--walk");
+        EXPECT_EQ(answerLines(stack.recsearch(json).out), answerLines(stack.recsearch(walked).out))
+            << sql;
+        EXPECT_TRUE(rstest::pollUntil(
+            [&, search = search] {
+                return stack.recsearch(search).out.find("recording_index failed") ==
+                       std::string::npos;
+            },
+            30s))
+            << sql;
+        expectSameAsTheWalk(stack, search);
+    }
 }
 
 }  // namespace
