@@ -20,27 +20,13 @@ echo "bench: generating a ${duration} recording" >&2
   --video-tracks 2 --audio-tracks 2 --track-on 1 --track-off 1 --seed 7 >/dev/null
 docs=$(sqlite3 "$work/recording.db" "select count(*) from documents" 2>/dev/null || echo "?")
 
-cat > "$work/bus.conf" <<CONF
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig><type>system</type><listen>unix:dir=$work</listen><auth>EXTERNAL</auth>
-<limit name="max_incoming_bytes">1000000000</limit><limit name="max_outgoing_bytes">1000000000</limit>
-<policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
-<allow receive_sender="*"/></policy></busconfig>
-CONF
-exec 3< <(exec dbus-daemon --nofork --config-file="$work/bus.conf" --print-address=1)
-pids+=($!)
-read -r address <&3
-export DBUS_SYSTEM_BUS_ADDRESS=$address
+. bench/private_bus.sh
+private_bus "$work"
 export KAVRO_LOG_FILE=$work/log
 "$bin/recording_store" serve "$work/recording.db" & pids+=($!)
 # As the unit runs it: tracing (priority 7) off.
 KAVRO_LOG_MAX_PRIORITY=6 "$bin/recording_search" & pids+=($!)
-for _ in $(seq 100); do
-  busctl --system status kavro.recording_search >/dev/null 2>&1 && \
-  busctl --system status kavro.recording_data_access >/dev/null 2>&1 && break
-  sleep 0.1
-done
+wait_for_names kavro.recording_search kavro.recording_data_access
 
 # The matcher against plain libxml2 per document; `cost` prints the matcher's µs for "/",
 # which the metadata walk's CPU goal allows on top of the bare loop's.

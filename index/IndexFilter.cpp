@@ -115,30 +115,61 @@ void widenEdge(std::optional<std::string>& kept, const std::optional<std::string
 
 }  // namespace
 
+namespace {
+
+// Kinds of object a summary tells apart before it folds them all into one.
+constexpr std::size_t kMostKinds = 32;
+
+std::vector<std::string> namesOf(const std::vector<NamedFact>& facts)
+{
+    std::vector<std::string> names;
+    for (const auto& f : facts) names.push_back(f.name);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+bool sameKind(const ObjectFacts& a, const ObjectFacts& b)
+{
+    return namesOf(a.types) == namesOf(b.types) && namesOf(a.colours) == namesOf(b.colours);
+}
+
+void widenObject(ObjectFacts& kept, const ObjectFacts& object)
+{
+    for (const auto& type : object.types) widenNamed(kept.types, type);
+    for (const auto& colour : object.colours) widenNamed(kept.colours, colour);
+    for (const auto& box : object.boxes) {
+        const bool numbers =
+            !std::isnan(xpathNumber(box.left)) && !std::isnan(xpathNumber(box.top)) &&
+            !std::isnan(xpathNumber(box.right)) && !std::isnan(xpathNumber(box.bottom));
+        if (!numbers) continue;  // overlaps no region
+        if (kept.boxes.empty()) {
+            kept.boxes.push_back(box);
+            continue;
+        }
+        BoxFact& span = kept.boxes.front();
+        widenEdge(span.left, box.left, true);
+        widenEdge(span.top, box.top, true);
+        widenEdge(span.right, box.right, false);
+        widenEdge(span.bottom, box.bottom, false);
+    }
+}
+
+}  // namespace
+
 void widenSummary(DocumentFacts& summary, const DocumentFacts& facts)
 {
     summary.motion = summary.motion || facts.motion;
-    if (facts.objects.empty()) return;
-    if (summary.objects.empty()) summary.objects.emplace_back();
-    ObjectFacts& all = summary.objects.front();
     for (const auto& object : facts.objects) {
-        for (const auto& type : object.types) widenNamed(all.types, type);
-        for (const auto& colour : object.colours) widenNamed(all.colours, colour);
-        for (const auto& box : object.boxes) {
-            const bool numbers =
-                !std::isnan(xpathNumber(box.left)) && !std::isnan(xpathNumber(box.top)) &&
-                !std::isnan(xpathNumber(box.right)) && !std::isnan(xpathNumber(box.bottom));
-            if (!numbers) continue;
-            if (all.boxes.empty()) {
-                all.boxes.push_back(box);
-                continue;
-            }
-            BoxFact& span = all.boxes.front();
-            widenEdge(span.left, box.left, true);
-            widenEdge(span.top, box.top, true);
-            widenEdge(span.right, box.right, false);
-            widenEdge(span.bottom, box.bottom, false);
-        }
+        auto kind = std::find_if(summary.objects.begin(), summary.objects.end(),
+                                 [&](const ObjectFacts& kept) { return sameKind(kept, object); });
+        if (kind == summary.objects.end()) kind = summary.objects.insert(kind, ObjectFacts{});
+        widenObject(*kind, object);
+    }
+    if (summary.objects.size() > kMostKinds) {
+        ObjectFacts all;
+        for (const auto& kind : summary.objects) widenObject(all, kind);
+        summary.objects = {all};
     }
 }
 

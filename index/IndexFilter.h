@@ -39,9 +39,10 @@ private:
 };
 
 // Widens `summary` by a document's facts, so that every filter that matches any document
-// widened into it also matches the summary: one object with every class name (at its highest
-// likelihood), every colour, the box that spans every box whose four edges are numbers; motion
-// if any had it. A filter that does not match a stretch's summary matches none of its documents.
+// widened into it also matches the summary: an object for each kind of object (the same class
+// names and colour names), with each name at its highest likelihood and the box that spans every
+// box of that kind whose four edges are numbers; past 32 kinds, one object for all; motion if any
+// had it. A filter that does not match a stretch's summary matches none of its documents.
 void widenSummary(DocumentFacts& summary, const DocumentFacts& facts);
 
 // XPath's number() of a text, as libxml2 computes it; NaN for none.

@@ -426,6 +426,8 @@ bool IndexStore::scanStretches(Micros from, Micros to, bool ascending,
 {
     store::Statement q(db_, inRange("m, motion, facts", "stretches", "m", ascending).c_str());
     q.bind(1, from / kStretch).bind(2, to / kStretch);
+    store::Statement documents(db_,
+                               inRange("t, motion, facts", "documents", "t", ascending).c_str());
     while (q.step()) {
         const Micros minute = q.columnInt(0);
         bool wanted = true;
@@ -437,10 +439,10 @@ bool IndexStore::scanStretches(Micros from, Micros to, bool ascending,
             // A summary that does not decode rules nothing out.
         }
         if (!wanted) continue;
-        if (!scan(std::max(from, minute * kStretch), std::min(to, minute * kStretch + kStretch - 1),
-                  ascending, each)) {
-            return false;
-        }
+        documents.reset()
+            .bind(1, std::max(from, minute * kStretch))
+            .bind(2, std::min(to, minute * kStretch + kStretch - 1));
+        if (!readFacts(documents, each)) return false;
     }
     return true;
 }
@@ -480,15 +482,21 @@ bool IndexStore::scan(Micros from, Micros to, bool ascending,
     // size and saved little, as the broad filters people use match a good part of a day.
     store::Statement q(db_, inRange("t, motion, facts", "documents", "t", ascending).c_str());
     q.bind(1, from).bind(2, to);
-    while (q.step()) {
-        const Micros time = q.columnInt(0);
+    return readFacts(q, each);
+}
+
+bool IndexStore::readFacts(store::Statement& documents,
+                           const std::function<bool(Micros, const DocumentFacts&)>& each)
+{
+    while (documents.step()) {
+        const Micros time = documents.columnInt(0);
         DocumentFacts facts;
         try {
-            facts = decode(q.columnText(2));
+            facts = decode(documents.columnText(2));
         } catch (const std::runtime_error&) {
             throw UndecodableRow();
         }
-        facts.motion = q.columnInt(1) != 0;
+        facts.motion = documents.columnInt(1) != 0;
         if (!each(time, facts)) return false;
     }
     return true;

@@ -98,6 +98,9 @@ public:
 
 private:
     void counted(int64_t change);  // inside the writer's transaction
+    // The rows `documents` steps through (t, motion, facts), until `each` returns false.
+    bool readFacts(store::Statement& documents,
+                   const std::function<bool(Micros, const DocumentFacts&)>& each);
     void widenStretches(const std::vector<IndexedDocument>& batch);
     void forget(const std::string& comparison, Micros time);
     struct Block;
