@@ -10,7 +10,12 @@ bin=$(realpath "$1") days=${2:-30}
 cd "$(dirname "$0")/.."
 work=$(mktemp -d)
 pids=()
-cleanup() { for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done; wait 2>/dev/null || true; rm -rf "$work"; }
+# The bus (the first) last, so that the services do not see it go.
+cleanup() {
+  for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2>/dev/null || true; sleep 0.1; done
+  wait 2>/dev/null || true
+  rm -rf "$work"
+}
 trap cleanup EXIT INT TERM
 
 if [ $# -ge 4 ]; then

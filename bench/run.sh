@@ -66,6 +66,7 @@ out=bench/results.md
   if ((quick)); then last=2024-01-01T02:00:00Z; else last=2024-01-02T00:00:00Z; fi
   /usr/bin/python3 bench/devices_bench.py "$bin"
   bench/index_bench.sh "$bin" "$work/recording.db" 2024-01-01T00:00:00Z "$last"
+  ((quick)) || bench/long_bench.sh "$bin"
 } > "$out.tmp"
 mv "$out.tmp" "$out"
 cat "$out"
