@@ -20,7 +20,7 @@ trap cleanup EXIT INT TERM
 
 if [ $# -ge 4 ]; then
   ln -s "$(realpath "$3")" "$work/recording.db"; cp "$4" "$work/index.db"
-  docs=$(sqlite3 "$work/index.db" "select documents from kept") fill_s="(earlier)"
+  docs=$(sqlite3 "$work/index.db" "select documents from kept") filled="beforehand"
 else
   echo "bench: generating ${days} days" >&2
   "$bin/recording_store" generate "$work/recording.db" --duration "${days}d" --rate 5 \
@@ -28,7 +28,7 @@ else
   echo "bench: filling the index" >&2
   began=$(date +%s.%N)
   docs=$("$bin/index_fill" "$work/recording.db" "$work/index.db")
-  fill_s=$(python3 -c "import time; print(f'{time.time() - $began:.0f}')")
+  filled=$(python3 -c "import time; print(f'in {time.time() - $began:.0f} s')")
 fi
 xml=$(sqlite3 "$work/recording.db" "select sum(length(body)) from documents")
 size=$(stat -c %s "$work/index.db")
@@ -42,9 +42,9 @@ KAVRO_LOG_MAX_PRIORITY=6 "$bin/recording_search" & pids+=($!)
 wait_for_names kavro.recording_search kavro.recording_data_access kavro.recording_index
 until "$bin/recsearch" index --json 2>/dev/null | grep -q '"following"'; do sleep 0.5; done
 
-python3 - "$bin" "$index_pid" "$days" "$docs" "$fill_s" "$xml" "$size" <<'PY'
+python3 - "$bin" "$index_pid" "$days" "$docs" "$filled" "$xml" "$size" <<'PY'
 import json, subprocess, sys, threading, time
-bin, pid, days, docs, fill_s, xml, size = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), sys.argv[5], int(sys.argv[6]), int(sys.argv[7])
+bin, pid, days, docs, filled, xml, size = sys.argv[1], sys.argv[2], int(sys.argv[3]), int(sys.argv[4]), sys.argv[5], int(sys.argv[6]), int(sys.argv[7])
 start = "2024-01-01T00:00:00Z"
 def end_of(hours):
     return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(1704067200 + hours * 3600))
@@ -94,6 +94,6 @@ for hours, name in ranges[2:]:
     rows.append(f"| XPath `{xpath}` over {name}: time to the first line / to the last | {first:.2f} s / {took:.2f} s, {n} lines | goal: first line within 1 s | {first:.2f} of goal |")
 peak, name, what = max(peaks)
 rows.append(f"| recording_index resident memory, peak during the searches above (the most: {what} over {name}) | {peak / 1024:.1f} MiB | goal under 64 MiB | {peak / 1024 / 64:.2f} of goal |")
-rows.append(f"| index size on disk over {days} days, each document kept ({docs} documents, filled in {fill_s} s by index_fill) | {size / 2**20:.0f} MiB | the documents' XML {xml / 2**20:.0f} MiB | {size / xml:.3f} (goal at most 0.16) |")
+rows.append(f"| index size on disk over {days} days, each document kept ({docs} documents, filled {filled} by index_fill) | {size / 2**20:.0f} MiB | the documents' XML {xml / 2**20:.0f} MiB | {size / xml:.3f} (goal at most 0.16) |")
 print("\n".join(rows))
 PY
