@@ -18,10 +18,11 @@ declare -A options=(
   [device_line_fuzzer]="-dict=fuzz/device_line.dict -max_len=4096"
   [devices_file_fuzzer]="-max_len=2048"
   [soap_request_fuzzer]="-dict=fuzz/soap_request.dict -max_len=8192"
+  [index_rows_fuzzer]="-max_len=4096"
 )
 failed=0
 for target in xpath_matcher_fuzzer walk_replies_fuzzer api_request_fuzzer device_line_fuzzer \
-  devices_file_fuzzer soap_request_fuzzer; do
+  devices_file_fuzzer soap_request_fuzzer index_rows_fuzzer; do
   seeds=fuzz/corpus/${target%_fuzzer}
   corpus=$build/corpus/${target%_fuzzer}
   artifacts=$build/artifacts/$target/

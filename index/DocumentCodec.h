@@ -33,10 +33,6 @@ public:
     void useDictionary(const std::string& dictionary);
     bool hasDictionary() const { return dictionaryId_ != 0; }
 
-    std::string compress(std::string_view text);
-    // Throws std::runtime_error for bytes that are not a frame this codec can read.
-    std::string decompress(std::string_view frame);
-
     // A block: documents in ascending time, each its distance from the first and its text.
     std::string compressBlock(const std::vector<KeptText>& texts);
     // Throws std::runtime_error for bytes that are not a block this codec can read.
@@ -49,6 +45,10 @@ public:
     DocumentCodec& operator=(const DocumentCodec&) = delete;
 
 private:
+    std::string compress(std::string_view text);
+    // Throws std::runtime_error for bytes that are not a frame this codec can read.
+    std::string decompress(std::string_view frame);
+
     struct Contexts;
     std::unique_ptr<Contexts> contexts_;
     uint32_t dictionaryId_ = 0;
