@@ -1,12 +1,15 @@
 // One XPath over a batch of the index's blocks of documents, on a few threads at once: each
 // thread has its own codec and its own XPathMatcher (the walk's: the same hardened parsing,
-// limits and evaluation), and takes a contiguous share of the batch. The threads run at a lower
-// priority than the follower, which must keep the recording's pace whatever the queries cost.
+// limits and evaluation), and takes a contiguous share of the batch. The helper threads live as
+// long as the evaluator (a page of a query): threads started for each batch cost more in the
+// allocator's churn than the work they shared. They run at a lower priority than the follower,
+// which must keep the recording's pace whatever the queries cost.
 #pragma once
 
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -37,7 +40,12 @@ public:
 
 private:
     struct Worker;
+    struct Round;
+    void help(std::size_t worker);
+
     std::vector<std::unique_ptr<Worker>> workers_;
+    std::unique_ptr<Round> round_;
+    std::vector<std::thread> helpers_;
 };
 
 }  // namespace rsindex
