@@ -123,6 +123,7 @@ constexpr std::size_t kMostKinds = 32;
 std::vector<std::string> namesOf(const std::vector<NamedFact>& facts)
 {
     std::vector<std::string> names;
+    names.reserve(facts.size());
     for (const auto& f : facts) names.push_back(f.name);
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
